@@ -1,0 +1,63 @@
+# Helpers shared by every folder of the project.
+
+# dravik_add_library(<name> SOURCES ... [PUBLIC_DEPS ...] [PRIVATE_DEPS ...])
+# Builds the shared library lib<name> from a folder laid out as
+# include/<name>/, src/ and tests/, and installs it with its headers into the
+# project's CMake package.
+function(dravik_add_library name)
+  cmake_parse_arguments(ARG "" "" "SOURCES;PUBLIC_DEPS;PRIVATE_DEPS" ${ARGN})
+  add_library(${name} SHARED ${ARG_SOURCES})
+  add_library(dravik::${name} ALIAS ${name})
+  target_include_directories(${name} PUBLIC
+    $<BUILD_INTERFACE:${CMAKE_CURRENT_SOURCE_DIR}/include>
+    $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
+  target_link_libraries(${name} PUBLIC ${ARG_PUBLIC_DEPS} PRIVATE ${ARG_PRIVATE_DEPS})
+  set_target_properties(${name} PROPERTIES
+    VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR})
+  install(TARGETS ${name} EXPORT DravikTargets
+    LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
+    RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+  if(EXISTS ${CMAKE_CURRENT_SOURCE_DIR}/include/${name})
+    install(DIRECTORY include/${name} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+  endif()
+  set_property(GLOBAL APPEND PROPERTY DRAVIK_EXPORTED_LIBRARIES ${name})
+endfunction()
+
+# add_dravik_test(<name> SOURCES ... LIBS ... [ENVIRONMENT ...] [LABELS ...])
+# Builds one GoogleTest executable and registers each of its tests with ctest.
+function(add_dravik_test name)
+  if(NOT DRAVIK_BUILD_TESTS)
+    return()
+  endif()
+  cmake_parse_arguments(ARG "" "" "SOURCES;LIBS;ENVIRONMENT;LABELS" ${ARGN})
+  add_executable(${name} ${ARG_SOURCES})
+  target_link_libraries(${name} PRIVATE ${ARG_LIBS} GTest::gtest GTest::gmock GTest::gtest_main)
+  set(props "")
+  if(ARG_ENVIRONMENT)
+    list(APPEND props ENVIRONMENT "${ARG_ENVIRONMENT}")
+  endif()
+  if(ARG_LABELS)
+    list(APPEND props LABELS "${ARG_LABELS}")
+  endif()
+  gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST
+    WORKING_DIRECTORY ${CMAKE_CURRENT_BINARY_DIR}
+    PROPERTIES ${props})
+endfunction()
+
+# Writes and installs the CMake package files (find_package(Dravik)) for every
+# library registered by dravik_add_library.
+function(dravik_install_package)
+  get_property(libs GLOBAL PROPERTY DRAVIK_EXPORTED_LIBRARIES)
+  if(NOT libs)
+    return()
+  endif()
+  include(CMakePackageConfigHelpers)
+  set(cmake_dir ${CMAKE_INSTALL_LIBDIR}/cmake/Dravik)
+  install(EXPORT DravikTargets NAMESPACE dravik:: DESTINATION ${cmake_dir})
+  configure_package_config_file(${PROJECT_SOURCE_DIR}/cmake/DravikConfig.cmake.in
+    ${CMAKE_BINARY_DIR}/DravikConfig.cmake INSTALL_DESTINATION ${cmake_dir})
+  write_basic_package_version_file(${CMAKE_BINARY_DIR}/DravikConfigVersion.cmake
+    COMPATIBILITY SameMajorVersion)
+  install(FILES ${CMAKE_BINARY_DIR}/DravikConfig.cmake
+    ${CMAKE_BINARY_DIR}/DravikConfigVersion.cmake DESTINATION ${cmake_dir})
+endfunction()

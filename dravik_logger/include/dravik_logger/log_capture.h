@@ -1,0 +1,41 @@
+#pragma once
+
+#include <algorithm>
+#include <string>
+#include <vector>
+
+#include "dravik_logger/logger.h"
+
+namespace dravik::logger {
+
+// Collects the records written while it lives (for tests).
+class LogCapture {
+public:
+    LogCapture() {
+        setHook([this](const Record& r) { records.push_back(r); });
+    }
+    ~LogCapture() { setHook(nullptr); }
+    LogCapture(const LogCapture&) = delete;
+    LogCapture& operator=(const LogCapture&) = delete;
+
+    // True when a record with exactly this level and message was written.
+    bool has(int level, const std::string& message) const {
+        return std::any_of(records.begin(), records.end(), [&](const Record& r) {
+            return r.level == level && r.message == message;
+        });
+    }
+    // The first record with this message, or nullptr.
+    const Record* find(const std::string& message) const {
+        for (const auto& r : records) {
+            if (r.message == message) {
+                return &r;
+            }
+        }
+        return nullptr;
+    }
+    void clear() { records.clear(); }
+
+    std::vector<Record> records;
+};
+
+}  // namespace dravik::logger

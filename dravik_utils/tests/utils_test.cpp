@@ -1,0 +1,97 @@
+#include "dravik_utils/utils.h"
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <fstream>
+#include <string>
+
+namespace {
+
+using dravik::utils::format;
+using dravik::utils::trim;
+
+TEST(format, formats_like_printf) {
+    EXPECT_EQ(format("%d", 127), "127");
+    EXPECT_EQ(format("dravik_lcm_gui_sysid_%04x.json", 0x1A2u), "dravik_lcm_gui_sysid_01a2.json");
+    EXPECT_EQ(format("dravik_lcm_gui_sysid_%04x.json", 0x12345u), "dravik_lcm_gui_sysid_12345.json");
+    EXPECT_EQ(format("%s", ""), "");
+}
+
+TEST(format, grows_to_any_length) {
+    const std::string big(10000, 'x');
+    EXPECT_EQ(format("<%s>", big.c_str()), "<" + big + ">");
+}
+
+TEST(trim, removes_surrounding_white_space_only) {
+    struct Row {
+        const char* in;
+        const char* out;
+    } rows[] = {
+        {"255\n", "255"}, {" \t255 \r\n", "255"}, {"", ""}, {" \n\t\r", ""},
+        {"a b", "a b"},   {"  a b  ", "a b"},     {"x", "x"},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.in);
+        std::string s = row.in;
+        trim(s);
+        EXPECT_EQ(s, row.out);
+    }
+}
+
+TEST(now, is_close_to_the_wall_clock) {
+    const timeval tv = dravik::utils::now();
+    const time_t wall = time(nullptr);
+    EXPECT_LE(std::labs(static_cast<long>(tv.tv_sec - wall)), 2);
+    EXPECT_GE(tv.tv_usec, 0);
+    EXPECT_LT(tv.tv_usec, 1000000);
+}
+
+uint64_t fakeTime = 0;
+uint64_t fakeClock() { return fakeTime; }
+
+TEST(nowMs, is_monotonic) {
+    const uint64_t a = nowMs();
+    const uint64_t b = nowMs();
+    EXPECT_LE(a, b);
+}
+
+TEST(nowMs, follows_an_installed_clock_until_restored) {
+    fakeTime = 1234;
+    auto previous = dravik::utils::setMsClock(fakeClock);
+    EXPECT_EQ(nowMs(), 1234u);
+    fakeTime = 99999;
+    EXPECT_EQ(nowMs(), 99999u);
+    dravik::utils::setMsClock(previous);
+    EXPECT_NE(nowMs(), 99999u);
+}
+
+TEST(resolvePath, resolves_existing_files_and_refuses_missing_ones) {
+    char dir[] = "/tmp/dravik_utils_XXXXXX";
+    ASSERT_NE(mkdtemp(dir), nullptr);
+    const std::string file = std::string(dir) + "/a.png";
+    std::ofstream(file) << "x";
+    ASSERT_EQ(symlink(file.c_str(), (std::string(dir) + "/link.png").c_str()), 0);
+
+    std::string resolved;
+    bool isDir = true;
+    struct stat st {};
+    EXPECT_TRUE(resolvePath((std::string(dir) + "/./sub/../a.png").c_str(), resolved, isDir,
+                            nullptr) == false);  // "sub" does not exist
+    EXPECT_TRUE(resolvePath((std::string(dir) + "/link.png").c_str(), resolved, isDir, &st));
+    EXPECT_EQ(resolved, file);
+    EXPECT_FALSE(isDir);
+    EXPECT_EQ(st.st_size, 1);
+    EXPECT_TRUE(resolvePath(dir, resolved, isDir, nullptr));
+    EXPECT_TRUE(isDir);
+    EXPECT_FALSE(resolvePath((std::string(dir) + "/missing.png").c_str(), resolved, isDir, nullptr));
+    EXPECT_FALSE(resolvePath("", resolved, isDir, nullptr));
+    EXPECT_FALSE(resolvePath(nullptr, resolved, isDir, nullptr));
+
+    unlink((std::string(dir) + "/link.png").c_str());
+    unlink(file.c_str());
+    rmdir(dir);
+}
+
+}  // namespace
