@@ -1,0 +1,239 @@
+"""Runs dravik_lcm_gui hermetically and talks to it like a client."""
+import json
+import os
+import select
+import signal
+import struct
+import subprocess
+import time
+
+import dbus
+
+BUS_NAME = "dravik.ipc.dravik_lcm_gui"
+OBJECT_PATH = "/dravik/ipc/dravik_lcm_gui"
+INTERFACE = "dravik.ipc.Endpoint"
+WIDTH, HEIGHT = 240, 240
+
+
+def bin_dir():
+    return os.environ.get("DRAVIK_BIN_DIR") or os.path.join(source_dir(), "build", "bin")
+
+
+def source_dir():
+    return os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
+
+
+def wait_for(predicate, timeout=10.0, interval=0.02):
+    """Polls until predicate() is truthy; returns its last value."""
+    deadline = time.monotonic() + timeout
+    while True:
+        value = predicate()
+        if value or time.monotonic() > deadline:
+            return value
+        time.sleep(interval)
+
+
+class PrivateBus:
+    """A dbus-daemon of its own, used as the daemon's system bus."""
+
+    def __init__(self, directory):
+        os.makedirs(directory, exist_ok=True)
+        config = os.path.join(directory, "bus.conf")
+        with open(config, "w") as f:
+            f.write(f"""<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-BUS Bus Configuration 1.0//EN"
+ "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
+<busconfig>
+  <type>system</type>
+  <listen>unix:path={directory}/socket</listen>
+  <auth>EXTERNAL</auth>
+  <policy context="default">
+    <allow user="*"/>
+    <allow own="*"/>
+    <allow send_type="method_call"/>
+    <allow send_destination="*" eavesdrop="true"/>
+    <allow eavesdrop="true"/>
+  </policy>
+</busconfig>
+""")
+        read_fd, write_fd = os.pipe()
+        self.process = subprocess.Popen(
+            ["dbus-daemon", "--config-file", config, "--nofork", "--nopidfile",
+             f"--print-address={write_fd}"], pass_fds=(write_fd,))
+        os.close(write_fd)
+        ready, _, _ = select.select([read_fd], [], [], 10)
+        self.address = os.read(read_fd, 4096).decode().strip() if ready else ""
+        os.close(read_fd)
+        if not self.address:
+            self.stop()
+            raise RuntimeError("dbus-daemon did not start")
+        self._connection = None
+
+    def connection(self):
+        if self._connection is None:
+            self._connection = dbus.bus.BusConnection(self.address)
+        return self._connection
+
+    def has_daemon(self):
+        return bool(self.connection().name_has_owner(BUS_NAME))
+
+    def stop(self):
+        if self._connection is not None:
+            self._connection.close()
+            self._connection = None
+        if self.process.poll() is None:
+            self.process.terminate()
+            self.process.wait(5)
+
+
+class Daemon:
+    """One daemon run: its sandbox directories, panel, backlight, log and exit status."""
+
+    def __init__(self, root, bus):
+        self.root = str(root)
+        self.bus = bus
+        self.etc_gui = os.path.join(self.root, "etc-gui")
+        self.usr_etc_gui = os.path.join(self.root, "usr-etc-gui")
+        self.etc_dravik = os.path.join(self.root, "etc-dravik")
+        self.backlight = os.path.join(self.root, "backlight")
+        for d in (self.etc_gui, self.usr_etc_gui, self.etc_dravik, self.backlight):
+            os.makedirs(d, exist_ok=True)
+        self.panel = os.path.join(self.root, "panel.raw")
+        self.stdout_path = os.path.join(self.root, "stdout.log")
+        self.stderr_path = os.path.join(self.root, "stderr.log")
+        self.process = None
+        with open(os.path.join(self.backlight, "max_brightness"), "w") as f:
+            f.write("255\n")
+
+    # -- set-up -------------------------------------------------------------
+    def set_sysid(self, sysid):
+        self.write(os.path.join(self.etc_dravik, "camerainfo.json"), json.dumps({"sysid": sysid}))
+
+    def write(self, path, text):
+        os.makedirs(os.path.dirname(path), exist_ok=True)
+        with open(path, "w") as f:
+            f.write(text)
+
+    def make_images(self):
+        images = os.path.join(self.etc_gui, "images")
+        os.makedirs(images, exist_ok=True)
+        subprocess.run([os.path.join(bin_dir(), "make_example_images"), images], check=True,
+                       capture_output=True)
+
+    def example_config(self, backlight=True):
+        """The example screens file with its images under /etc/gui/images."""
+        with open(os.path.join(source_dir(), "examples", "dravik_lcm_gui.json")) as f:
+            config = json.load(f)
+        config["imgPath"] = "/etc/gui/images"
+        if backlight:
+            config["backLightPath"] = self.backlight
+        else:
+            config.pop("backLightPath", None)
+        return config
+
+    def install_example(self, name="dravik_lcm_gui.json", directory=None, backlight=True):
+        self.set_sysid(0x1A2)
+        self.make_images()
+        path = os.path.join(directory or self.etc_gui, name)
+        self.write(path, json.dumps(self.example_config(backlight)))
+        return path
+
+    # -- running ------------------------------------------------------------
+    def command(self, args):
+        return [os.path.join(source_dir(), "scripts", "sandbox"), "--root", self.root, "--",
+                os.path.join(bin_dir(), "fakefb-run"), "--device", "/dev/fb2",
+                "--size", f"{WIDTH}x{HEIGHT}", "--bpp", "16", "--file", self.panel, "--",
+                os.path.join(bin_dir(), "dravik_lcm_gui")] + list(args)
+
+    def start(self, *args, wait=True, bus=True):
+        env = dict(os.environ)
+        env.pop("DBUS_SYSTEM_BUS_ADDRESS", None)
+        if bus:
+            env["DBUS_SYSTEM_BUS_ADDRESS"] = self.bus.address
+        self.process = subprocess.Popen(self.command(args), env=env,
+                                        stdout=open(self.stdout_path, "w"),
+                                        stderr=open(self.stderr_path, "w"))
+        if wait:
+            assert wait_for(lambda: self.process.poll() is not None or self.bus.has_daemon()), \
+                "daemon did not appear on the bus:\n" + self.log()
+            assert self.process.poll() is None, "daemon exited:\n" + self.log()
+            # The name is taken before the display starts: wait for the first screen.
+            assert wait_for(lambda: "FB: " in self.log()), self.log()
+        return self
+
+    def run(self, *args, bus=True, timeout=20):
+        """Runs the daemon to its end; returns the exit status."""
+        self.start(*args, wait=False, bus=bus)
+        return self.process.wait(timeout)
+
+    def stop(self, timeout=10):
+        self.process.send_signal(signal.SIGTERM)
+        return self.process.wait(timeout)
+
+    def kill(self):
+        if self.process is not None and self.process.poll() is None:
+            self.process.kill()
+            self.process.wait(5)
+
+    def log(self):
+        with open(self.stderr_path, errors="replace") as f:
+            return f.read()
+
+    def stdout(self):
+        with open(self.stdout_path, errors="replace") as f:
+            return f.read()
+
+    # -- talking to it --------------------------------------------------------
+    def method(self, name):
+        obj = self.bus.connection().get_object(BUS_NAME, OBJECT_PATH, introspect=False)
+        return obj.get_dbus_method(name, INTERFACE)
+
+    def call(self, name, request, reply=True, timeout=10):
+        body = dbus.Dictionary(request, signature="sv")
+        if not reply:
+            self.method(name)(body, ignore_reply=True)
+            return None
+        return unwrap(self.method(name)(body, timeout=timeout))
+
+    # -- what it produced -------------------------------------------------------
+    def brightness_file(self):
+        with open(os.path.join(self.backlight, "brightness"), "rb") as f:
+            return f.read()
+
+    def pixel(self, x, y):
+        """The panel's pixel as 8-bit (r, g, b), decoded from RGB565."""
+        with open(self.panel, "rb") as f:
+            f.seek((y * WIDTH + x) * 2)
+            (v,) = struct.unpack("<H", f.read(2))
+        return ((v >> 11) << 3, ((v >> 5) & 0x3F) << 2, (v & 0x1F) << 3)
+
+    def panel_bytes(self):
+        with open(self.panel, "rb") as f:
+            return f.read()
+
+    def lit_pixels(self, box=None):
+        """Number of non-black pixels, in the whole panel or within (x0, y0, x1, y1)."""
+        data = self.panel_bytes()
+        x0, y0, x1, y1 = box or (0, 0, WIDTH, HEIGHT)
+        count = 0
+        for y in range(y0, y1):
+            row = data[(y * WIDTH + x0) * 2:(y * WIDTH + x1) * 2]
+            count += sum(1 for i in range(0, len(row), 2) if row[i] or row[i + 1])
+        return count
+
+
+def unwrap(value):
+    """dbus-python values to plain Python values."""
+    if isinstance(value, dict):
+        return {str(k): unwrap(v) for k, v in value.items()}
+    if isinstance(value, (list, tuple)):
+        return [unwrap(v) for v in value]
+    if isinstance(value, dbus.Boolean):
+        return bool(value)
+    if isinstance(value, (dbus.String, dbus.ObjectPath, dbus.Signature)):
+        return str(value)
+    if isinstance(value, (dbus.Byte, dbus.Int16, dbus.UInt16, dbus.Int32, dbus.UInt32,
+                          dbus.Int64, dbus.UInt64)):
+        return int(value)
+    if isinstance(value, dbus.Double):
+        return float(value)
+    return value

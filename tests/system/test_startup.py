@@ -1,0 +1,179 @@
+"""Process entry: command line, device properties, configuration search, SIGTERM."""
+import json
+import os
+import signal
+import subprocess
+import time
+
+from daemon import bin_dir, wait_for
+
+GENERIC = "dravik_lcm_gui.json"
+SYSID_NAME = "dravik_lcm_gui_sysid_01a2.json"  # sysid 0x1A2
+
+
+def daemon_binary():
+    return os.path.join(bin_dir(), "dravik_lcm_gui")
+
+
+def test_help_is_printed_and_exits_0_before_anything_else():
+    # No bus, no device, no configuration: help must not need any of them.
+    env = {k: v for k, v in os.environ.items() if not k.startswith("DBUS_")}
+    result = subprocess.run([daemon_binary(), "-d", "/nonexistent", "--help", "-b", "50"],
+                            capture_output=True, text=True, env=env, timeout=20)
+    assert result.returncode == 0
+    text = result.stdout + result.stderr
+    for option, description in [("help", "Outputs this help"), ("device", "Frame buffer device"),
+                                ("configFile", "Screens config file"),
+                                ("startupScreen", "Start-up screen"), ("brightness", "Brightness")]:
+        assert "--" + option in text and description in text, text
+    assert "/dev/fb2" in text
+    assert "Failed" not in text
+
+
+def test_short_help_form(daemon):
+    assert daemon.run("-h", bus=False) == 0
+    assert "Outputs this help" in daemon.stdout() + daemon.log()
+
+
+def test_unreadable_device_properties_exit_0_without_touching_ipc_or_display(daemon):
+    # No camerainfo.json in the sandbox's /etc/dravik, and no bus either.
+    assert daemon.run(bus=False) == 0
+    log = daemon.log()
+    assert "Failed to read camera properties" in log
+    assert "Failed to initialize IPC" not in log
+    assert "FB: " not in log
+
+
+def test_device_properties_that_are_not_json_exit_0(daemon):
+    daemon.write(os.path.join(daemon.etc_dravik, "camerainfo.json"), "{not json")
+    assert daemon.run(bus=False) == 0
+    assert "Failed to read camera properties" in daemon.log()
+
+
+def test_missing_bus_fails_ipc_init_with_255(daemon):
+    daemon.set_sysid(0x1A2)
+    daemon.bus.stop()
+    status = daemon.run()
+    assert status == 255
+    assert "Failed to initialize IPC" in daemon.log()
+
+
+def test_debug_log_lists_all_candidates_before_the_first_is_tried(daemon):
+    daemon.install_example(directory=daemon.usr_etc_gui, name=SYSID_NAME)
+    daemon.start()
+    log = daemon.log()
+    header = log.index("Will look for config file in the following locations:")
+    candidates = ["/usr/etc/gui/" + SYSID_NAME, "/usr/etc/gui/" + GENERIC,
+                  "/etc/gui/" + SYSID_NAME, "/etc/gui/" + GENERIC]
+    positions = [log.index("\t\t" + c) for c in candidates]
+    assert header < positions[0] < positions[1] < positions[2] < positions[3]
+    first_try = log.index("Looking file '/usr/etc/gui/" + SYSID_NAME + "'...")
+    assert positions[3] < first_try
+    assert "Using the following config file: `/usr/etc/gui/" + SYSID_NAME + "`" in log
+    assert daemon.stop() == 0
+
+
+def test_system_specific_file_wins_in_the_same_directory(daemon):
+    daemon.install_example(directory=daemon.etc_gui, name=GENERIC)
+    daemon.install_example(directory=daemon.etc_gui, name=SYSID_NAME)
+    daemon.start()
+    assert "Using the following config file: `/etc/gui/" + SYSID_NAME + "`" in daemon.log()
+    daemon.stop()
+
+
+def test_any_file_in_usr_etc_gui_wins_over_etc_gui(daemon):
+    daemon.install_example(directory=daemon.etc_gui, name=SYSID_NAME)
+    daemon.install_example(directory=daemon.usr_etc_gui, name=GENERIC)
+    daemon.start()
+    assert "Using the following config file: `/usr/etc/gui/" + GENERIC + "`" in daemon.log()
+    daemon.stop()
+
+
+def test_an_invalid_candidate_is_skipped_for_the_next(daemon):
+    daemon.install_example(directory=daemon.etc_gui, name=GENERIC)
+    daemon.write(os.path.join(daemon.usr_etc_gui, SYSID_NAME), "{\"imgPath\": ")
+    daemon.write(os.path.join(daemon.usr_etc_gui, GENERIC), json.dumps({"imgPath": "/etc/gui"}))
+    daemon.start()
+    log = daemon.log()
+    assert "Could not read configuration from file '/usr/etc/gui/" + SYSID_NAME + "'" in log
+    assert "Could not find key 'screens'" in log
+    assert "Using the following config file: `/etc/gui/" + GENERIC + "`" in log
+    daemon.stop()
+
+
+def test_config_file_option_alone_is_tried(daemon):
+    daemon.install_example(directory=daemon.etc_gui, name=GENERIC)
+    status = daemon.run("-c", "/etc/gui/missing.json")
+    assert status == 255
+    log = daemon.log()
+    assert "No valid config file found" in log
+    assert "\t\t/etc/gui/missing.json" in log
+    assert "/usr/etc/gui/" not in log
+    assert "Looking file '/etc/gui/" + GENERIC not in log
+
+
+def test_config_file_option_loads_that_file(daemon):
+    path = daemon.install_example(directory=daemon.etc_gui, name="custom.json")
+    daemon.start("--configFile", "/etc/gui/custom.json")
+    assert "Using the following config file: `/etc/gui/custom.json`" in daemon.log()
+    assert path.endswith("custom.json")
+    daemon.stop()
+
+
+def test_no_valid_config_exits_255(daemon):
+    daemon.set_sysid(0x1A2)
+    assert daemon.run() == 255
+    assert "No valid config file found" in daemon.log()
+
+
+def test_brightness_not_given_leaves_the_backlight_alone(daemon):
+    daemon.install_example()
+    daemon.start()
+    time.sleep(0.2)
+    # init opened (and truncated) the file but wrote nothing: -1 reached the engine.
+    assert daemon.brightness_file() == b""
+    assert "Using BackLight device at '" + daemon.backlight + "'" in daemon.log()
+    daemon.stop()
+
+
+def test_sigterm_after_start_up_shuts_down_gracefully(daemon):
+    daemon.install_example()
+    daemon.start()
+    assert daemon.stop() == 0
+    assert "SIGTERM received" in daemon.stdout()
+    assert "Gracefully shut down" in daemon.log()
+
+
+def test_sigterm_right_at_start_has_the_default_effect_or_shuts_down(daemon):
+    # Before the handler is installed SIGTERM kills the process; after, it exits 0.
+    daemon.install_example()
+    daemon.start(wait=False)
+    daemon.process.send_signal(signal.SIGTERM)
+    status = daemon.process.wait(20)
+    assert status in (0, -signal.SIGTERM)
+    if status == 0:
+        assert "Gracefully shut down" in daemon.log()
+
+
+def test_startup_screen_and_brightness_are_shown(daemon):
+    daemon.install_example()
+    daemon.start("-s", "hello", "-b", "50")
+    assert wait_for(lambda: daemon.brightness_file() == b"127\0"), daemon.brightness_file()
+    assert wait_for(lambda: daemon.lit_pixels() > 50), daemon.log()
+    daemon.stop()
+
+
+def test_startup_screen_that_does_not_exist_fails_start_up(daemon):
+    daemon.install_example()
+    assert daemon.run("-s", "nosuchscreen") == 255
+    log = daemon.log()
+    assert "Could not find gui id 'nosuchscreen'" in log
+    assert "Failed to initialize lcmGui" in log
+
+
+def test_missing_panel_device_exits_255(daemon):
+    daemon.install_example()
+    assert daemon.run("-d", "/dev/fb7") == 255
+    log = daemon.log()
+    assert "Unable to open /dev/fb7" in log
+    assert "Failed to initialize lcmGui" in log
