@@ -26,9 +26,16 @@ public:
     // never more than the measurement for the same text and size. A draw writes
     // only within `stride` columns and the measured number of rows of `buffer`,
     // and clips the line at `maxWidth` (and at `stride`).
-    bool lineRender(const std::string& text, unsigned size, unsigned char* buffer, unsigned maxWidth,
-                    unsigned maxHeight, unsigned stride, bool measureOnly, unsigned& width,
-                    unsigned& height);
+    //
+    // `text` is UTF-8; each malformed sequence is drawn as U+FFFD. Control
+    // characters and line breaks are left out. Characters the font lacks are
+    // drawn as its placeholder (.notdef) glyph. The height is always the line
+    // height of `size` (an empty text measures 0 x line height); a line taller
+    // than `maxHeight` is refused (false) rather than cut. The baseline lies at
+    // the font's ascender; ink above or below the line is clipped.
+    bool lineRender(const std::string& text, unsigned size, unsigned char* buffer,
+                    unsigned maxWidth, unsigned maxHeight, unsigned stride, bool measureOnly,
+                    unsigned& width, unsigned& height);
 
 private:
     struct Impl;
