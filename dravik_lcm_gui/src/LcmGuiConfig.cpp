@@ -1,0 +1,184 @@
+#include <cstdint>
+#include <string>
+
+#include "GuiConfig.h"
+#include "GuiScreen.h"
+#include "dravik_logger/logger.h"
+#include "dravik_variant/variant.h"
+
+namespace dravik::lcmgui {
+
+namespace {
+
+using dravik::variant::IsInteger;
+using dravik::variant::Variant;
+using dravik::variant::VariantType;
+
+// Text forms in the order of the enumerations' values (0 first).
+const char* const kAlignHorWords[] = {"left", "center", "right"};
+const char* const kAlignVertWords[] = {"top", "middle", "bottom"};
+const char* const kAnimTypeWords[] = {"static", "slideshow", "breathing", "progressbar"};
+
+template <typename Enum, size_t N>
+Enum parseWord(const char* const (&words)[N], const std::string& s, Enum def) {
+    for (size_t i = 0; i < N; ++i) {
+        if (s == words[i]) {
+            return static_cast<Enum>(i);
+        }
+    }
+    return def;
+}
+
+// Every read below goes through GetKeyChain with empty path steps skipped, as
+// all configuration reads do. `obj` may be null (element absent).
+const Variant* lookup(const Variant* obj, VariantType pattern, const char* key) {
+    return obj != nullptr ? obj->GetKeyChain(pattern, key, true) : nullptr;
+}
+
+// The string under `key`; "" when absent or of another type.
+std::string readString(const Variant* obj, const char* key) {
+    const Variant* v = lookup(obj, dravik::variant::kString, key);
+    return v != nullptr ? v->AsString() : std::string();
+}
+
+// The integer under `key` through Variant's conversion to `T` (which saturates
+// at T's limits); `current` when absent or not an integer (a JSON string of
+// digits or a number with a fraction count as absent).
+template <typename T>
+T readInteger(const Variant* obj, const char* key, T current) {
+    const Variant* v = lookup(obj, dravik::variant::kAny, key);
+    if (v == nullptr || !IsInteger(v->Type())) {
+        return current;
+    }
+    return static_cast<T>(*v);
+}
+
+// "x", "y", "horizontal" and "vertical", shared by the text and image elements.
+template <typename Conf>
+void readPosition(const Variant* obj, Conf& conf) {
+    conf.x = readInteger<uint16_t>(obj, "x", conf.x);
+    conf.y = readInteger<uint16_t>(obj, "y", conf.y);
+    conf.alignHor = parseAlignHor(readString(obj, "horizontal"), conf.alignHor);
+    conf.alignVert = parseAlignVert(readString(obj, "vertical"), conf.alignVert);
+}
+
+// The other keys of a text element only count when it has something to show.
+GuiTextConf readText(const Variant* obj) {
+    GuiTextConf conf;
+    conf.text = readString(obj, "str");
+    if (conf.text.empty()) {
+        return conf;
+    }
+    conf.size = readInteger<uint16_t>(obj, "size", conf.size);
+    readPosition(obj, conf);
+    return conf;
+}
+
+// Likewise for an image element without a file; "duration" and "count" are
+// read whenever "animation" is a non-empty string, even one that is not a known
+// kind (and so leaves the animation static).
+GuiImgConf readImg(const Variant* obj) {
+    GuiImgConf conf;
+    conf.file = readString(obj, "file");
+    if (conf.file.empty()) {
+        return conf;
+    }
+    readPosition(obj, conf);
+    const std::string animation = readString(obj, "animation");
+    conf.animation = parseAnimType(animation, conf.animation);
+    if (!animation.empty()) {
+        conf.duration = readInteger<uint32_t>(obj, "duration", conf.duration);
+        conf.count = readInteger<uint16_t>(obj, "count", conf.count);
+    }
+    return conf;
+}
+
+GuiScreenDesc readScreen(const Variant& screen) {
+    GuiScreenDesc desc;
+    desc.text = readText(lookup(&screen, dravik::variant::kAny, "text"));
+    desc.img = readImg(lookup(&screen, dravik::variant::kAny, "img"));
+    return desc;
+}
+
+}  // namespace
+
+AlignHor parseAlignHor(const std::string& s, AlignHor def) {
+    return parseWord(kAlignHorWords, s, def);
+}
+
+AlignVert parseAlignVert(const std::string& s, AlignVert def) {
+    return parseWord(kAlignVertWords, s, def);
+}
+
+AnimType parseAnimType(const std::string& s, AnimType def) {
+    return parseWord(kAnimTypeWords, s, def);
+}
+
+bool GuiConfig::fromJSONFile(const std::string& path) {
+    screens.clear();
+    if (path.empty()) {
+        return false;
+    }
+
+    Variant root;
+    if (!root.FromJSONFile(path)) {
+        DRAVIK_LOG(3, 0, "Could not read configuration from file '%s'", path.c_str());
+        return false;
+    }
+    DRAVIK_LOG(7, 0, "Looking file '%s'...", path.c_str());
+
+    imgPath = readString(&root, "imgPath");
+    if (imgPath.empty()) {
+        DRAVIK_LOG(3, 0, "Could not find key 'imgPath' in JSON file");
+        return false;
+    }
+    backLightPath = readString(&root, "backLightPath");
+
+    // Looked up with the object pattern, which arrays match as well; a value of
+    // any other type, null included, counts as missing.
+    const Variant* list = root.GetKeyChain(dravik::variant::kObject, "screens", true);
+    if (list == nullptr || list->IsNull()) {
+        DRAVIK_LOG(3, 0, "Could not find key 'screens'");
+        return false;
+    }
+    if (!list->IsArray()) {
+        DRAVIK_LOG(3, 0, "'screens' key should be defined as array in JSON file");
+        return false;
+    }
+    if (list->NumericKeysCount() == 0) {
+        DRAVIK_LOG(3, 0, "Could not find items 'screens' in JSON file");
+        return false;
+    }
+
+    for (auto it = list->num_begin(); it != list->num_end(); ++it) {
+        const int index = static_cast<int>(it->first);
+        const std::string name = readString(&it->second, "name");
+        if (name.empty()) {
+            // Screens read before this one stay in the table.
+            DRAVIK_LOG(3, 0, "Screen[%d]: could not find key 'name'", index);
+            return false;
+        }
+        if (screens.count(name) != 0) {
+            DRAVIK_LOG(4, 0, "Screen[%d] with name '%s' already present, skipping", index,
+                       name.c_str());
+            continue;
+        }
+        screens.emplace(name, readScreen(it->second));
+    }
+
+    if (screens.empty()) {
+        DRAVIK_LOG(3, 0, "At least one screen should be present in JSON file");
+        return false;
+    }
+    return true;
+}
+
+const GuiScreenDesc& GuiConfig::getScreenDesc(const std::string& name, bool& found) const {
+    // One shared all-default description, built on first use and never changed.
+    static const GuiScreenDesc kDefault;
+    const auto it = screens.find(name);
+    found = it != screens.end();
+    return found ? it->second : kDefault;
+}
+
+}  // namespace dravik::lcmgui
