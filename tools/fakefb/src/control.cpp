@@ -1,0 +1,215 @@
+#include "fakefb/fakefb.h"
+
+#include <dlfcn.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <stdexcept>
+#include <system_error>
+
+#include "panel_files.h"
+
+namespace fakefb {
+namespace {
+
+constexpr const char* kReexecGuard = "FAKEFB_REEXECUTED";
+
+std::string readWholeFile(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+}
+
+std::string makeTempDir() {
+    const char* base = getenv("TMPDIR");
+    std::string pattern =
+        std::string(base != nullptr && base[0] != '\0' ? base : "/tmp") + "/fakefb-XXXXXX";
+    if (mkdtemp(pattern.data()) == nullptr) {
+        throw std::runtime_error("fakefb: cannot create a temporary directory from " + pattern +
+                                 ": " + strerror(errno));
+    }
+    return pattern;
+}
+
+void copyString(char* dst, const std::string& src) {
+    if (src.size() >= kPathMax) {
+        throw std::runtime_error("fakefb: path too long: " + src);
+    }
+    memcpy(dst, src.c_str(), src.size() + 1);
+}
+
+PanelSpec toSpec(const std::string& device, const std::string& file, const Geometry& g) {
+    PanelSpec spec;
+    copyString(spec.device, device);
+    copyString(spec.file, file);
+    spec.width = g.width;
+    spec.height = g.height;
+    spec.bpp = g.bpp;
+    spec.red = {g.red.offset, g.red.length};
+    spec.green = {g.green.offset, g.green.length};
+    spec.blue = {g.blue.offset, g.blue.length};
+    spec.transp = {g.transp.offset, g.transp.length};
+    spec.lineLength = g.lineLength;
+    spec.visual = static_cast<uint32_t>(g.visual);
+    return spec;
+}
+
+void writeSpec(const PanelSpec& spec, const std::string& path) {
+    char error[kErrorMax];
+    if (!validateSpec(spec, error, sizeof error)) {
+        throw std::invalid_argument(std::string("fakefb: bad geometry: ") + error);
+    }
+    char text[2 * kPathMax + 512];
+    const int n = formatSpec(spec, text, sizeof text);
+    std::ofstream out(path, std::ios::binary | std::ios::trunc);
+    out.write(text, n < 0 ? 0 : n);
+    if (n < 0 || !out.flush()) {
+        throw std::runtime_error("fakefb: cannot write " + path);
+    }
+}
+
+void prependToVariable(const char* name, const std::string& value, char separator) {
+    const char* old = getenv(name);
+    const std::string joined = old != nullptr && old[0] != '\0' ? value + separator + old : value;
+    (void)setenv(name, joined.c_str(), 1);  // only fails on ENOMEM
+}
+
+void appendToVariable(const char* name, const std::string& value, char separator) {
+    const char* old = getenv(name);
+    const std::string joined =
+        old != nullptr && old[0] != '\0' ? std::string(old) + separator + value : value;
+    (void)setenv(name, joined.c_str(), 1);  // only fails on ENOMEM
+}
+
+}  // namespace
+
+Geometry Geometry::forDepth(uint32_t bpp, uint32_t width, uint32_t height) {
+    PanelSpec spec;
+    spec.width = width;
+    spec.height = height;
+    spec.bpp = bpp;
+    if (!applyDepthDefaults(spec, kGivenNone)) {
+        throw std::invalid_argument("fakefb: unsupported depth " + std::to_string(bpp));
+    }
+    Geometry g;
+    g.width = width;
+    g.height = height;
+    g.bpp = bpp;
+    g.red = {spec.red.offset, spec.red.length};
+    g.green = {spec.green.offset, spec.green.length};
+    g.blue = {spec.blue.offset, spec.blue.length};
+    g.transp = {spec.transp.offset, spec.transp.length};
+    g.lineLength = spec.lineLength;
+    g.visual = static_cast<Visual>(spec.visual);
+    return g;
+}
+
+Panel::Panel(std::string device, const Geometry& geometry)
+    : dir_(makeTempDir()),
+      device_(std::move(device)),
+      backingFile_(dir_ + "/panel.raw"),
+      geometryFile_(backingFile_ + ".geom"),
+      geometry_(geometry) {
+    try {
+        writeSpec(toSpec(device_, backingFile_, geometry_), geometryFile_);
+    } catch (...) {
+        std::error_code ignored;  // best effort: the reason is in the exception
+        std::filesystem::remove_all(dir_, ignored);
+        throw;
+    }
+}
+
+Panel::~Panel() {
+    std::error_code ignored;  // a leftover temporary directory is harmless
+    std::filesystem::remove_all(dir_, ignored);
+}
+
+void Panel::apply() const {
+    applyAll({this});
+}
+
+void Panel::applyAll(std::initializer_list<const Panel*> panels) {
+    std::string list;
+    for (const Panel* panel : panels) {
+        list += (list.empty() ? "" : ":") + panel->geometryFile_;
+    }
+    (void)setenv("FAKEFB_CONFIG", list.c_str(), 1);  // only fails on ENOMEM
+}
+
+void Panel::clearAll() {
+    (void)unsetenv("FAKEFB_CONFIG");
+}  // cannot fail for this name
+
+std::vector<uint8_t> Panel::bytes() const {
+    const std::string data = readWholeFile(backingFile_);
+    return {data.begin(), data.end()};
+}
+
+uint32_t Panel::pixel(uint32_t x, uint32_t y) const {
+    if (x >= geometry_.width || y >= geometry_.height) {
+        throw std::out_of_range("fakefb: pixel outside the panel");
+    }
+    const std::vector<uint8_t> data = bytes();
+    const uint64_t at = static_cast<uint64_t>(y) * geometry_.lineLength +
+                        static_cast<uint64_t>(x) * geometry_.bytesPerPixel();
+    if (at + geometry_.bytesPerPixel() > data.size()) {
+        throw std::runtime_error("fakefb: backing file shorter than the frame");
+    }
+    uint32_t value = 0;
+    for (uint32_t i = 0; i < geometry_.bytesPerPixel(); ++i) {
+        value |= static_cast<uint32_t>(data[at + i]) << (8 * i);
+    }
+    return value;
+}
+
+ColourMap Panel::colourMap() const {
+    ColourMap map;
+    const std::string text = readWholeFile(backingFile_ + ".cmap");
+    ColourMapRecord record;
+    if (!text.empty() && !parseColourMap(text.data(), text.size(), record)) {
+        throw std::runtime_error("fakefb: unreadable colour map record " + backingFile_ + ".cmap");
+    }
+    map.red.assign(record.red, record.red + kCmapEntries);
+    map.green.assign(record.green, record.green + kCmapEntries);
+    map.blue.assign(record.blue, record.blue + kCmapEntries);
+    map.transp.assign(record.transp, record.transp + kCmapEntries);
+    map.writes = record.writes;
+    return map;
+}
+
+std::string libraryPath() {
+    return FAKEFB_LIBRARY_PATH;
+}
+
+bool isPreloaded() {
+    return dlsym(RTLD_DEFAULT, "fakefb_preloaded") != nullptr;
+}
+
+bool ensurePreloaded(int argc, char** argv) {
+    if (isPreloaded()) {
+        (void)unsetenv(kReexecGuard);  // children start with a clean slate
+        return true;
+    }
+    if (getenv(kReexecGuard) != nullptr) {
+        fprintf(stderr, "fakefb: %s did not load although it is in LD_PRELOAD\n",
+                libraryPath().c_str());
+        return false;
+    }
+    prependToVariable("LD_PRELOAD", libraryPath(), ':');
+    // A sanitized program refuses to start when another library is loaded before
+    // the sanitizer runtime, unless told not to check.
+    appendToVariable("ASAN_OPTIONS", "verify_asan_link_order=0", ':');
+    (void)setenv(kReexecGuard, "1", 1);  // only fails on ENOMEM
+    std::vector<char*> args(argv, argv + argc);
+    args.push_back(nullptr);
+    execv("/proc/self/exe", args.data());
+    fprintf(stderr, "fakefb: cannot re-execute /proc/self/exe: %s\n", strerror(errno));
+    return false;
+}
+
+}  // namespace fakefb

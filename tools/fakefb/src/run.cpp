@@ -1,0 +1,337 @@
+// fakefb-run: runs a command with one or more simulated framebuffer panels.
+#include <fcntl.h>
+#include <getopt.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include "panel_files.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using fakefb::PanelSpec;
+
+constexpr int kUsageError = 2;
+constexpr int kCannotRun = 127;
+
+const char kHelp[] =
+    "Usage: fakefb-run [PANEL OPTIONS] [--panel PANEL OPTIONS ...] -- COMMAND [ARGS...]\n"
+    "Runs COMMAND with simulated framebuffer panels: opening a panel's device path\n"
+    "gives a descriptor on its backing file, and the framebuffer ioctls answer from\n"
+    "the panel's geometry. Take a picture of a panel with fakefb-snapshot FILE OUT.png.\n"
+    "\n"
+    "Panel options (each applies to the panel being described):\n"
+    "  -d, --device PATH        device path to simulate (default /dev/fb2)\n"
+    "  -s, --size WxH           resolution in pixels (default 240x240)\n"
+    "  -b, --bpp N              bits per pixel: 8, 15, 16, 24 or 32 (default 16)\n"
+    "  -r, --rgb R,G,B          channel layout as offset/length triples, e.g.\n"
+    "                           11/5,5/6,0/5 (defaults: 16 -> 11/5,5/6,0/5;\n"
+    "                           15 -> 10/5,5/5,0/5; 24, 32 -> 16/8,8/8,0/8;\n"
+    "                           8 -> 0/8,0/8,0/8)\n"
+    "  -t, --transp O/L         transparency channel (default 0/0)\n"
+    "  -l, --line-length N      bytes per line, padding included\n"
+    "                           (default width * bytes per pixel)\n"
+    "  -v, --visual NAME        truecolor, directcolor or pseudocolor\n"
+    "                           (default pseudocolor for 8 bpp, else truecolor)\n"
+    "  -f, --file PATH          backing file holding the pixels (default\n"
+    "                           <device name>.raw in the current directory)\n"
+    "  -p, --panel              start describing another panel\n"
+    "  -h, --help               show this help and exit\n"
+    "\n"
+    "Next to each backing file, FILE.geom records the geometry and FILE.cmap the\n"
+    "colour map written with FBIOPUTCMAP (reset at every start). The backing file\n"
+    "keeps its pixels between runs; delete it to start from black.\n"
+    "\n"
+    "Example:\n"
+    "  fakefb-run --device /dev/fb2 --size 240x240 --bpp 16 --file panel.raw -- \\\n"
+    "      dravik_lcm_gui -d /dev/fb2 -c screens.json\n";
+
+const option kOptions[] = {
+    {"device", required_argument, nullptr, 'd'},
+    {"size", required_argument, nullptr, 's'},
+    {"bpp", required_argument, nullptr, 'b'},
+    {"rgb", required_argument, nullptr, 'r'},
+    {"transp", required_argument, nullptr, 't'},
+    {"line-length", required_argument, nullptr, 'l'},
+    {"visual", required_argument, nullptr, 'v'},
+    {"file", required_argument, nullptr, 'f'},
+    {"panel", no_argument, nullptr, 'p'},
+    {"help", no_argument, nullptr, 'h'},
+    {nullptr, 0, nullptr, 0},
+};
+
+// One panel as the command line describes it.
+struct PanelArgs {
+    std::string device = "/dev/fb2";
+    std::string file;
+    PanelSpec spec;
+    unsigned given = fakefb::kGivenNone;
+
+    PanelArgs() {
+        spec.width = 240;
+        spec.height = 240;
+        spec.bpp = 16;
+    }
+};
+
+struct UsageError {
+    std::string message;
+};
+
+bool parseNumber(const char* text, uint32_t& value) {
+    if (text[0] < '0' || text[0] > '9') {
+        return false;
+    }
+    errno = 0;
+    char* end = nullptr;
+    const unsigned long parsed = strtoul(text, &end, 10);
+    if (errno != 0 || *end != '\0' || parsed > 0xFFFFFFFFul) {
+        return false;
+    }
+    value = static_cast<uint32_t>(parsed);
+    return true;
+}
+
+void parseSize(const std::string& text, PanelSpec& spec) {
+    const auto x = text.find('x');
+    if (x == std::string::npos || !parseNumber(text.substr(0, x).c_str(), spec.width) ||
+        !parseNumber(text.substr(x + 1).c_str(), spec.height)) {
+        throw UsageError{"bad --size \"" + text + "\": expected WIDTHxHEIGHT, e.g. 240x240"};
+    }
+}
+
+void parseRgb(const std::string& text, PanelSpec& spec) {
+    fakefb::ChannelSpec* channels[] = {&spec.red, &spec.green, &spec.blue};
+    std::size_t pos = 0;
+    for (std::size_t i = 0; i < 3; ++i) {
+        const auto comma = text.find(',', pos);
+        const bool last = i == 2;
+        if ((comma == std::string::npos) != last ||
+            !fakefb::parseChannel(text.substr(pos, comma - pos).c_str(), *channels[i])) {
+            throw UsageError{"bad --rgb \"" + text +
+                             "\": expected three OFFSET/LENGTH, e.g. 11/5,5/6,0/5"};
+        }
+        pos = comma + 1;
+    }
+}
+
+void applyOption(int opt, const char* arg, PanelArgs& panel) {
+    switch (opt) {
+        case 'd':
+            panel.device = arg;
+            break;
+        case 's':
+            parseSize(arg, panel.spec);
+            break;
+        case 'b':
+            if (!parseNumber(arg, panel.spec.bpp)) {
+                throw UsageError{std::string("bad --bpp \"") + arg + "\""};
+            }
+            break;
+        case 'r':
+            parseRgb(arg, panel.spec);
+            panel.given |= fakefb::kGivenChannels;
+            break;
+        case 't':
+            if (!fakefb::parseChannel(arg, panel.spec.transp)) {
+                throw UsageError{std::string("bad --transp \"") + arg + "\": expected O/L"};
+            }
+            panel.given |= fakefb::kGivenTransp;
+            break;
+        case 'l':
+            if (!parseNumber(arg, panel.spec.lineLength)) {
+                throw UsageError{std::string("bad --line-length \"") + arg + "\""};
+            }
+            panel.given |= fakefb::kGivenLineLength;
+            break;
+        case 'v':
+            if (!fakefb::parseVisual(arg, panel.spec.visual)) {
+                throw UsageError{std::string("bad --visual \"") + arg +
+                                 "\": expected truecolor, directcolor or pseudocolor"};
+            }
+            panel.given |= fakefb::kGivenVisual;
+            break;
+        case 'f':
+            panel.file = arg;
+            break;
+        default:
+            throw UsageError{""};  // getopt_long has described the problem
+    }
+}
+
+void copyInto(char* dst, const std::string& src, const char* what) {
+    if (src.size() >= fakefb::kPathMax) {
+        throw UsageError{std::string(what) + " too long: " + src};
+    }
+    memcpy(dst, src.c_str(), src.size() + 1);
+}
+
+PanelSpec finishPanel(PanelArgs& panel) {
+    if (panel.file.empty()) {
+        panel.file = fs::path(panel.device).filename().string() + ".raw";
+    }
+    PanelSpec spec = panel.spec;
+    copyInto(spec.device, panel.device, "device path");
+    copyInto(spec.file, fs::absolute(panel.file).lexically_normal().string(), "file path");
+    if (!fakefb::applyDepthDefaults(spec, panel.given)) {
+        throw UsageError{"bad --bpp " + std::to_string(spec.bpp) +
+                         ": expected 8, 15, 16, 24 or 32"};
+    }
+    char error[fakefb::kErrorMax];
+    if (!fakefb::validateSpec(spec, error, sizeof error)) {
+        throw UsageError{std::string("panel ") + spec.device + ": " + error};
+    }
+    return spec;
+}
+
+void checkDistinct(const std::vector<PanelSpec>& panels) {
+    for (std::size_t i = 0; i < panels.size(); ++i) {
+        for (std::size_t j = i + 1; j < panels.size(); ++j) {
+            if (strcmp(panels[i].device, panels[j].device) == 0 ||
+                strcmp(panels[i].file, panels[j].file) == 0) {
+                throw UsageError{std::string("two panels share the device or file of ") +
+                                 panels[i].device};
+            }
+        }
+    }
+}
+
+struct Invocation {
+    std::vector<PanelSpec> panels;
+    std::vector<char*> command;
+    bool help = false;
+};
+
+Invocation parseCommandLine(int argc, char** argv) {
+    Invocation inv;
+    PanelArgs current;
+    int opt = 0;
+    // '+': stop at the first word that is not an option, which begins the command.
+    while ((opt = getopt_long(argc, argv, "+d:s:b:r:t:l:v:f:ph", kOptions, nullptr)) != -1) {
+        if (opt == 'h') {
+            inv.help = true;
+            return inv;
+        }
+        if (opt == 'p') {
+            inv.panels.push_back(finishPanel(current));
+            current = PanelArgs{};
+            continue;
+        }
+        applyOption(opt, optarg, current);
+    }
+    inv.panels.push_back(finishPanel(current));
+    checkDistinct(inv.panels);
+    if (optind >= argc) {
+        throw UsageError{"no command given: put it after --"};
+    }
+    inv.command.assign(argv + optind, argv + argc);
+    inv.command.push_back(nullptr);
+    return inv;
+}
+
+// The library lies in ../lib next to bin/, in the build tree and when installed.
+std::string findLibrary() {
+    std::error_code ec;
+    const fs::path exe = fs::read_symlink("/proc/self/exe", ec);
+    const fs::path candidates[] = {
+        exe.parent_path() / ".." / "lib" / "libfakefb.so",
+        exe.parent_path() / ".." / FAKEFB_INSTALL_LIBDIR / "libfakefb.so",
+    };
+    for (const auto& candidate : candidates) {
+        if (!ec && access(candidate.c_str(), R_OK) == 0) {
+            return fs::canonical(candidate, ec).string();
+        }
+    }
+    return {};
+}
+
+bool writeText(const std::string& path, const char* text, std::size_t len) {
+    std::ofstream out(path, std::ios::binary | std::ios::trunc);
+    out.write(text, static_cast<std::streamsize>(len));
+    return static_cast<bool>(out.flush());
+}
+
+// Sizes the backing file, writes FILE.geom and forgets an old colour map.
+bool preparePanel(const PanelSpec& spec) {
+    const int fd = open(spec.file, O_RDWR | O_CREAT | O_CLOEXEC, 0644);
+    const bool sized = fd >= 0 && ftruncate(fd, static_cast<off_t>(fakefb::frameSize(spec))) == 0;
+    const int err = errno;
+    if (fd >= 0) {
+        (void)close(fd);  // nothing was written through it
+    }
+    if (!sized) {
+        fprintf(stderr, "fakefb-run: cannot create backing file %s: %s\n", spec.file,
+                strerror(err));
+        return false;
+    }
+    char text[2 * fakefb::kPathMax + 512];
+    const int n = fakefb::formatSpec(spec, text, sizeof text);
+    const std::string geom = std::string(spec.file) + ".geom";
+    if (n < 0 || !writeText(geom, text, static_cast<std::size_t>(n))) {
+        fprintf(stderr, "fakefb-run: cannot write %s\n", geom.c_str());
+        return false;
+    }
+    std::error_code ignored;  // absent is what we want
+    fs::remove(std::string(spec.file) + ".cmap", ignored);
+    return true;
+}
+
+void joinIntoVariable(const char* name, const std::string& value, bool prepend) {
+    const char* old = getenv(name);
+    std::string joined = value;
+    if (old != nullptr && old[0] != '\0') {
+        joined = prepend ? value + ":" + old : std::string(old) + ":" + value;
+    }
+    (void)setenv(name, joined.c_str(), 1);  // only fails on ENOMEM
+}
+
+int run(const Invocation& inv) {
+    const std::string library = findLibrary();
+    if (library.empty()) {
+        fprintf(stderr, "fakefb-run: libfakefb.so not found in ../lib next to this program\n");
+        return kCannotRun;
+    }
+    std::string configs;
+    for (const auto& spec : inv.panels) {
+        if (!preparePanel(spec)) {
+            return kCannotRun;
+        }
+        configs += (configs.empty() ? "" : ":") + std::string(spec.file) + ".geom";
+    }
+    (void)setenv("FAKEFB_CONFIG", configs.c_str(), 1);  // only fails on ENOMEM
+    joinIntoVariable("LD_PRELOAD", library, true);
+    // A sanitized program refuses to start when another library is loaded before
+    // the sanitizer runtime, unless told not to check.
+    joinIntoVariable("ASAN_OPTIONS", "verify_asan_link_order=0", false);
+    execvp(inv.command[0], inv.command.data());
+    fprintf(stderr, "fakefb-run: cannot run %s: %s\n", inv.command[0], strerror(errno));
+    return kCannotRun;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    try {
+        const Invocation inv = parseCommandLine(argc, argv);
+        if (inv.help) {
+            fputs(kHelp, stdout);
+            return 0;
+        }
+        return run(inv);
+    } catch (const UsageError& error) {
+        if (!error.message.empty()) {
+            fprintf(stderr, "fakefb-run: %s\n", error.message.c_str());
+        }
+        fprintf(stderr, "Try 'fakefb-run --help' for more information.\n");
+        return kUsageError;
+    }
+}

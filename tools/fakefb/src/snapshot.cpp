@@ -1,0 +1,254 @@
+// fakefb-snapshot: turns a simulated panel's backing file into a PNG.
+#include <getopt.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <iterator>
+#include <opencv2/core.hpp>
+#include <opencv2/imgcodecs.hpp>
+#include <opencv2/imgproc.hpp>
+#include <string>
+#include <vector>
+
+#include "panel_files.h"
+
+namespace {
+
+using fakefb::ColourMapRecord;
+using fakefb::PanelSpec;
+
+constexpr int kUsageError = 2;
+constexpr int kFailure = 1;
+constexpr uint32_t kMaxScale = 64;
+
+const char kHelp[] =
+    "Usage: fakefb-snapshot [OPTIONS] FILE OUTPUT.png\n"
+    "Decodes the backing file FILE of a simulated panel into a PNG, using the\n"
+    "geometry recorded in FILE.geom (line padding, channel offsets and lengths;\n"
+    "each channel is scaled to 8 bits). Pseudo-colour panels (8 bpp) are decoded\n"
+    "through the colour map recorded in FILE.cmap; direct-colour panels look each\n"
+    "channel up in it when one was written.\n"
+    "\n"
+    "Options:\n"
+    "  -s, --scale N        enlarge every pixel to N x N (1..64, default 1)\n"
+    "  -g, --geometry PATH  geometry file to use instead of FILE.geom\n"
+    "  -c, --cmap PATH      colour map record to use instead of FILE.cmap\n"
+    "  -h, --help           show this help and exit\n";
+
+const option kOptions[] = {
+    {"scale", required_argument, nullptr, 's'},
+    {"geometry", required_argument, nullptr, 'g'},
+    {"cmap", required_argument, nullptr, 'c'},
+    {"help", no_argument, nullptr, 'h'},
+    {nullptr, 0, nullptr, 0},
+};
+
+struct Options {
+    uint32_t scale = 1;
+    std::string geometry;
+    std::string cmap;
+    std::string input;
+    std::string output;
+    bool help = false;
+};
+
+struct Failure {
+    int status;
+    std::string message;
+};
+
+bool readFile(const std::string& path, std::string& data) {
+    std::ifstream in(path, std::ios::binary);
+    if (!in) {
+        return false;
+    }
+    data.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+    return !in.bad();
+}
+
+uint32_t parseScale(const char* text) {
+    char* end = nullptr;
+    errno = 0;
+    const unsigned long value = strtoul(text, &end, 10);
+    if (text[0] < '0' || text[0] > '9' || errno != 0 || *end != '\0' || value < 1 ||
+        value > kMaxScale) {
+        throw Failure{kUsageError, std::string("bad --scale \"") + text + "\": expected 1..64"};
+    }
+    return static_cast<uint32_t>(value);
+}
+
+Options parseCommandLine(int argc, char** argv) {
+    Options options;
+    int opt = 0;
+    while ((opt = getopt_long(argc, argv, "s:g:c:h", kOptions, nullptr)) != -1) {
+        switch (opt) {
+            case 's':
+                options.scale = parseScale(optarg);
+                break;
+            case 'g':
+                options.geometry = optarg;
+                break;
+            case 'c':
+                options.cmap = optarg;
+                break;
+            case 'h':
+                options.help = true;
+                return options;
+            default:
+                throw Failure{kUsageError, ""};  // getopt_long has described the problem
+        }
+    }
+    if (argc - optind != 2) {
+        throw Failure{kUsageError, "expected the backing file and the output PNG"};
+    }
+    options.input = argv[optind];
+    options.output = argv[optind + 1];
+    if (options.geometry.empty()) {
+        options.geometry = options.input + ".geom";
+    }
+    if (options.cmap.empty()) {
+        options.cmap = options.input + ".cmap";
+    }
+    return options;
+}
+
+PanelSpec loadGeometry(const std::string& path) {
+    std::string text;
+    if (!readFile(path, text)) {
+        throw Failure{kFailure, "cannot read geometry " + path + ": " + strerror(errno)};
+    }
+    PanelSpec spec;
+    char error[fakefb::kErrorMax];
+    const std::string dir =
+        path.find('/') == std::string::npos ? std::string() : path.substr(0, path.rfind('/'));
+    if (!fakefb::parseSpec(text.data(), text.size(), dir.c_str(), spec, error, sizeof error)) {
+        throw Failure{kFailure, path + ": " + error};
+    }
+    return spec;
+}
+
+// False when no colour map was recorded.
+bool loadColourMap(const std::string& path, ColourMapRecord& map) {
+    std::string text;
+    if (!readFile(path, text)) {
+        return false;
+    }
+    if (!fakefb::parseColourMap(text.data(), text.size(), map)) {
+        throw Failure{kFailure, "unreadable colour map record " + path};
+    }
+    return true;
+}
+
+uint32_t readPixel(const uint8_t* at, uint32_t bytes) {
+    uint32_t value = 0;
+    for (uint32_t i = 0; i < bytes; ++i) {
+        value |= static_cast<uint32_t>(at[i]) << (8 * i);
+    }
+    return value;
+}
+
+uint32_t extract(uint32_t pixel, const fakefb::ChannelSpec& channel) {
+    if (channel.length == 0) {
+        return 0;
+    }
+    const uint64_t mask = (uint64_t{1} << channel.length) - 1;
+    return static_cast<uint32_t>((pixel >> channel.offset) & mask);
+}
+
+uint8_t scaleTo8Bits(uint32_t value, uint32_t length) {
+    if (length == 0) {
+        return 0;
+    }
+    const uint64_t max = (uint64_t{1} << length) - 1;
+    return static_cast<uint8_t>((value * uint64_t{255} + max / 2) / max);
+}
+
+// A colour-map entry is 16 bits; the picture keeps its top 8.
+uint8_t mapEntry(const uint16_t* table, uint32_t index) {
+    return index < fakefb::kCmapEntries ? static_cast<uint8_t>(table[index] >> 8) : 0;
+}
+
+cv::Vec3b decodePixel(const PanelSpec& spec, uint32_t pixel, const ColourMapRecord* map) {
+    if (spec.visual == fakefb::kVisualPseudocolor) {
+        return {mapEntry(map->blue, pixel), mapEntry(map->green, pixel), mapEntry(map->red, pixel)};
+    }
+    const uint32_t r = extract(pixel, spec.red);
+    const uint32_t g = extract(pixel, spec.green);
+    const uint32_t b = extract(pixel, spec.blue);
+    if (spec.visual == fakefb::kVisualDirectcolor && map != nullptr) {
+        return {mapEntry(map->blue, b), mapEntry(map->green, g), mapEntry(map->red, r)};
+    }
+    return {scaleTo8Bits(b, spec.blue.length), scaleTo8Bits(g, spec.green.length),
+            scaleTo8Bits(r, spec.red.length)};
+}
+
+cv::Mat decodeFrame(const PanelSpec& spec, const std::string& data, const ColourMapRecord* map) {
+    if (data.size() < fakefb::frameSize(spec)) {
+        throw Failure{kFailure, "backing file holds " + std::to_string(data.size()) +
+                                    " bytes, the frame needs " +
+                                    std::to_string(fakefb::frameSize(spec))};
+    }
+    cv::Mat image(static_cast<int>(spec.height), static_cast<int>(spec.width), CV_8UC3);
+    const auto* bytes = reinterpret_cast<const uint8_t*>(data.data());
+    const uint32_t bpp = fakefb::bytesPerPixel(spec);
+    for (uint32_t y = 0; y < spec.height; ++y) {
+        const uint8_t* line = bytes + static_cast<uint64_t>(y) * spec.lineLength;
+        auto* out = image.ptr<cv::Vec3b>(static_cast<int>(y));
+        for (uint32_t x = 0; x < spec.width; ++x) {
+            out[x] =
+                decodePixel(spec, readPixel(line + static_cast<std::size_t>(x) * bpp, bpp), map);
+        }
+    }
+    return image;
+}
+
+int snapshot(const Options& options) {
+    const PanelSpec spec = loadGeometry(options.geometry);
+    std::string data;
+    if (!readFile(options.input, data)) {
+        throw Failure{kFailure, "cannot read " + options.input + ": " + strerror(errno)};
+    }
+    ColourMapRecord map;
+    const bool haveMap = loadColourMap(options.cmap, map);
+    if (spec.visual == fakefb::kVisualPseudocolor && !haveMap) {
+        throw Failure{kFailure, "pseudo-colour panel without a colour map: " + options.cmap +
+                                    " is missing (nothing called FBIOPUTCMAP)"};
+    }
+    cv::Mat image = decodeFrame(spec, data, haveMap ? &map : nullptr);
+    if (options.scale > 1) {
+        cv::Mat large;
+        cv::resize(image, large, cv::Size(), options.scale, options.scale, cv::INTER_NEAREST);
+        image = large;
+    }
+    if (!cv::imwrite(options.output, image)) {
+        throw Failure{kFailure, "cannot write " + options.output};
+    }
+    return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    try {
+        const Options options = parseCommandLine(argc, argv);
+        if (options.help) {
+            fputs(kHelp, stdout);
+            return 0;
+        }
+        return snapshot(options);
+    } catch (const Failure& failure) {
+        if (!failure.message.empty()) {
+            fprintf(stderr, "fakefb-snapshot: %s\n", failure.message.c_str());
+        }
+        if (failure.status == kUsageError) {
+            fprintf(stderr, "Try 'fakefb-snapshot --help' for more information.\n");
+        }
+        return failure.status;
+    } catch (const cv::Exception& error) {
+        fprintf(stderr, "fakefb-snapshot: %s\n", error.what());
+        return kFailure;
+    }
+}

@@ -1,0 +1,79 @@
+#include "tool_runner.h"
+
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <stdexcept>
+
+namespace fakefb::test {
+namespace {
+
+std::string readAll(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+}
+
+[[noreturn]] void execChild(const std::vector<std::string>& args,
+                            const std::vector<std::pair<std::string, std::string>>& env,
+                            const std::string& outPath, const std::string& errPath) {
+    if (freopen(outPath.c_str(), "w", stdout) == nullptr ||
+        freopen(errPath.c_str(), "w", stderr) == nullptr) {
+        _exit(126);
+    }
+    for (const auto& [name, value] : env) {
+        if (value.empty()) {
+            unsetenv(name.c_str());
+        } else {
+            setenv(name.c_str(), value.c_str(), 1);
+        }
+    }
+    std::vector<char*> argv;
+    argv.reserve(args.size() + 1);
+    for (const auto& arg : args) {
+        argv.push_back(const_cast<char*>(arg.c_str()));
+    }
+    argv.push_back(nullptr);
+    execv(argv[0], argv.data());
+    _exit(127);
+}
+
+}  // namespace
+
+TempDir::TempDir() {
+    std::string pattern = (std::filesystem::temp_directory_path() / "fakefb-test-XXXXXX").string();
+    if (mkdtemp(pattern.data()) == nullptr) {
+        throw std::runtime_error("cannot create a temporary directory");
+    }
+    path_ = pattern;
+}
+
+TempDir::~TempDir() {
+    std::error_code ignored;  // leftovers in /tmp are harmless
+    std::filesystem::remove_all(path_, ignored);
+}
+
+ToolResult runTool(const std::vector<std::string>& args,
+                   const std::vector<std::pair<std::string, std::string>>& env) {
+    const TempDir dir;
+    const std::string outPath = dir.path() + "/out";
+    const std::string errPath = dir.path() + "/err";
+    const pid_t pid = fork();
+    if (pid == 0) {
+        execChild(args, env, outPath, errPath);
+    }
+    ToolResult result;
+    int status = 0;
+    if (pid < 0 || waitpid(pid, &status, 0) != pid) {
+        return result;
+    }
+    result.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    result.out = readAll(outPath);
+    result.err = readAll(errPath);
+    return result;
+}
+
+}  // namespace fakefb::test
