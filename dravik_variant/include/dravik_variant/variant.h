@@ -6,6 +6,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <type_traits>
 
 namespace dravik::variant {
 
@@ -30,7 +31,7 @@ enum VariantType : uint16_t {
     kObject = 0x1010,
     kArray = 0x1011,
 
-    kIntegerBit = 0x4000,    // test (tag & kIntegerBit) != 0
+    kIntegerBit = 0x4000,  // test (tag & kIntegerBit) != 0
     kNumericPattern = 0xE004,
     kAny = 0xFFFF,
 };
@@ -40,7 +41,9 @@ enum VariantType : uint16_t {
 constexpr bool Matches(uint16_t tag, uint16_t pattern) {
     return pattern == kAny || (tag & pattern) == pattern;
 }
-constexpr bool IsInteger(uint16_t tag) { return (tag & kIntegerBit) != 0; }
+constexpr bool IsInteger(uint16_t tag) {
+    return (tag & kIntegerBit) != 0;
+}
 
 // Where and why the last FromJSONFile/FromJSONString failed.
 struct JsonError {
@@ -140,11 +143,21 @@ public:
     // The element under integer key `index`, created as null if missing. A
     // value that is not a container is first made an empty array.
     Variant& operator[](int64_t index);
+    // Any other integer type as an integer key; without it v[0] would be
+    // ambiguous (0 also converts to const char*) and v[i] with a size_t index
+    // would need a cast.
+    template <typename T, std::enable_if_t<std::is_integral_v<T> && !std::is_same_v<T, bool> &&
+                                               !std::is_same_v<T, int64_t>,
+                                           int> = 0>
+    Variant& operator[](T index) {
+        return (*this)[static_cast<int64_t>(index)];
+    }
 
     // The child under `key`, or nullptr; never creates anything.
     const Variant* Find(const std::string& key) const;
     Variant* Find(const std::string& key);
     const Variant* Find(int64_t index) const;
+    Variant* Find(int64_t index);
 
     // Walks `path` ("parameters/help"), whose steps are separated by "/"; a step
     // of digits also addresses an integer key. Returns the addressed value if
@@ -195,7 +208,7 @@ public:
     // integer keys, if any, as string keys). `indent` < 0 gives one line.
     std::string ToJSON(int indent = -1) const;
 
-    static constexpr size_t kMaxJsonFileSize = 16u * 1024u * 1024u;
+    static constexpr size_t kMaxJsonFileSize = size_t{16} * 1024 * 1024;
     static constexpr size_t kMaxJsonDepth = 256;
 
     bool operator==(const Variant& other) const;
@@ -205,6 +218,10 @@ private:
     struct Container;
     void setScalar(VariantType type);
     void assignFrom(const Variant& other);
+    void makeContainer(VariantType type);
+    const Variant* findStep(const char* step, size_t length) const;
+    template <typename T>
+    T convertNumber() const;
 
     VariantType type_ = kNull;
     union {

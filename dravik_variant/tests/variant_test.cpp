@@ -1,0 +1,606 @@
+#include "dravik_variant/variant.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstdint>
+#include <limits>
+#include <string>
+#include <vector>
+
+namespace {
+
+using dravik::variant::BaseVariantContainer;
+using dravik::variant::Matches;
+using dravik::variant::Variant;
+using dravik::variant::VariantType;
+namespace vt = dravik::variant;
+
+timeval makeTime(long sec, long usec) {
+    timeval t{};
+    t.tv_sec = sec;
+    t.tv_usec = usec;
+    return t;
+}
+
+TEST(Variant, default_is_null) {
+    Variant v;
+    EXPECT_EQ(v.Type(), 0x8001);
+    EXPECT_TRUE(v.IsNull());
+    EXPECT_FALSE(v.IsContainer());
+}
+
+TEST(Variant, tags_keep_their_documented_values) {
+    EXPECT_EQ(vt::kString, 0x100E);
+    EXPECT_EQ(vt::kTime, 0x100D);
+    EXPECT_EQ(vt::kBool, 0x8003);
+    EXPECT_EQ(vt::kNull, 0x8001);
+    EXPECT_EQ(vt::kObject, 0x1010);
+    EXPECT_EQ(vt::kArray, 0x1011);
+    const VariantType integers[] = {vt::kInt8,  vt::kInt16,  vt::kInt32,  vt::kInt64,
+                                    vt::kUInt8, vt::kUInt16, vt::kUInt32, vt::kUInt64};
+    for (VariantType tag : integers) {
+        SCOPED_TRACE(tag);
+        EXPECT_NE(tag & 0x4000, 0);
+        EXPECT_TRUE(Matches(tag, vt::kNumericPattern));
+        EXPECT_TRUE(vt::IsInteger(tag));
+    }
+    const VariantType others[] = {vt::kNull, vt::kBool,   vt::kDouble, vt::kString,
+                                  vt::kTime, vt::kObject, vt::kArray};
+    for (VariantType tag : others) {
+        SCOPED_TRACE(tag);
+        EXPECT_FALSE(vt::IsInteger(tag));
+        EXPECT_FALSE(Matches(tag, vt::kNumericPattern));
+        EXPECT_TRUE(Matches(tag, vt::kAny));
+    }
+}
+
+TEST(Variant, each_constructor_sets_its_tag_and_value) {
+    struct Row {
+        const char* what;
+        Variant value;
+        VariantType tag;
+        int64_t asInt;
+    } rows[] = {
+        {"bool", Variant(true), vt::kBool, 1},
+        {"signed char", Variant(static_cast<signed char>(-7)), vt::kInt8, -7},
+        {"unsigned char", Variant(static_cast<unsigned char>(200)), vt::kUInt8, 200},
+        {"short", Variant(static_cast<short>(-30000)), vt::kInt16, -30000},
+        {"unsigned short", Variant(static_cast<unsigned short>(60000)), vt::kUInt16, 60000},
+        {"int", Variant(-100000), vt::kInt32, -100000},
+        {"unsigned int", Variant(4000000000u), vt::kUInt32, 4000000000LL},
+        {"long", Variant(-5000000000L), vt::kInt64, -5000000000LL},
+        {"unsigned long", Variant(5000000000UL), vt::kUInt64, 5000000000LL},
+        {"long long", Variant(-6000000000LL), vt::kInt64, -6000000000LL},
+        {"unsigned long long", Variant(6000000000ULL), vt::kUInt64, 6000000000LL},
+        {"double", Variant(2.75), vt::kDouble, 2},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.what);
+        EXPECT_EQ(row.value.Type(), row.tag);
+        EXPECT_EQ(static_cast<VariantType>(row.value), row.tag);
+        EXPECT_EQ(row.value.AsInt64(), row.asInt);
+    }
+}
+
+TEST(Variant, text_and_time_constructors) {
+    Variant fromChars("abc");
+    EXPECT_EQ(fromChars.Type(), vt::kString);
+    EXPECT_STREQ(static_cast<const char*>(fromChars), "abc");
+    Variant fromString(std::string("xyz"));
+    EXPECT_EQ(fromString.Type(), vt::kString);
+    EXPECT_EQ(static_cast<const std::string&>(fromString), "xyz");
+    Variant fromNull(static_cast<const char*>(nullptr));
+    EXPECT_EQ(fromNull.Type(), vt::kString);
+    EXPECT_EQ(fromNull.AsString(), "");
+
+    Variant time(makeTime(12, 34));
+    EXPECT_EQ(time.Type(), vt::kTime);
+    const timeval& t = time;
+    EXPECT_EQ(t.tv_sec, 12);
+    EXPECT_EQ(t.tv_usec, 34);
+}
+
+TEST(Variant, each_assignment_sets_its_tag_and_value) {
+    Variant v = Variant::MakeContainer(vt::kObject);
+    v["child"] = 1;
+
+    v = true;
+    EXPECT_EQ(v.Type(), vt::kBool);
+    EXPECT_TRUE(static_cast<bool>(v));
+    EXPECT_EQ(v.StringKeysCount(), 0u);
+    v = "text";
+    EXPECT_EQ(v.Type(), vt::kString);
+    EXPECT_EQ(v.AsString(), "text");
+    v = std::string("more");
+    EXPECT_EQ(v.Type(), vt::kString);
+    EXPECT_EQ(v.AsString(), "more");
+    v = static_cast<signed char>(-3);
+    EXPECT_EQ(v.Type(), vt::kInt8);
+    EXPECT_EQ(static_cast<signed char>(v), -3);
+    v = static_cast<unsigned char>(250);
+    EXPECT_EQ(v.Type(), vt::kUInt8);
+    EXPECT_EQ(static_cast<unsigned char>(v), 250);
+    v = static_cast<short>(-2);
+    EXPECT_EQ(v.Type(), vt::kInt16);
+    EXPECT_EQ(static_cast<short>(v), -2);
+    v = static_cast<unsigned short>(65535);
+    EXPECT_EQ(v.Type(), vt::kUInt16);
+    EXPECT_EQ(static_cast<unsigned short>(v), 65535);
+    v = 42;
+    EXPECT_EQ(v.Type(), vt::kInt32);
+    EXPECT_EQ(static_cast<int>(v), 42);
+    v = 42u;
+    EXPECT_EQ(v.Type(), vt::kUInt32);
+    EXPECT_EQ(static_cast<unsigned int>(v), 42u);
+    v = -42L;
+    EXPECT_EQ(v.Type(), vt::kInt64);
+    EXPECT_EQ(static_cast<long>(v), -42L);
+    v = 42UL;
+    EXPECT_EQ(v.Type(), vt::kUInt64);
+    EXPECT_EQ(static_cast<unsigned long>(v), 42UL);
+    v = -43LL;
+    EXPECT_EQ(v.Type(), vt::kInt64);
+    EXPECT_EQ(static_cast<long long>(v), -43LL);
+    v = 43ULL;
+    EXPECT_EQ(v.Type(), vt::kUInt64);
+    EXPECT_EQ(static_cast<unsigned long long>(v), 43ULL);
+    v = 0.5;
+    EXPECT_EQ(v.Type(), vt::kDouble);
+    EXPECT_EQ(static_cast<double>(v), 0.5);
+    v = makeTime(7, 8);
+    EXPECT_EQ(v.Type(), vt::kTime);
+    EXPECT_EQ(v.AsTime().tv_sec, 7);
+    EXPECT_EQ(v.AsTime().tv_usec, 8);
+    Variant other("copied");
+    v = other;
+    EXPECT_EQ(v.Type(), vt::kString);
+    EXPECT_EQ(v.AsString(), "copied");
+    EXPECT_EQ(other.AsString(), "copied");
+}
+
+TEST(Variant, string_assignment_from_its_own_text) {
+    Variant v("self");
+    v = v.AsString();
+    EXPECT_EQ(v.AsString(), "self");
+    v = static_cast<const char*>(v);
+    EXPECT_EQ(v.AsString(), "self");
+}
+
+TEST(Variant, string_assignment_keeps_zero_bytes) {
+    const std::string withZero("a\0b", 3);
+    Variant v;
+    v = withZero;
+    EXPECT_EQ(v.AsString().size(), 3u);
+    EXPECT_EQ(v.AsString(), withZero);
+}
+
+TEST(Variant, numbers_saturate_at_the_target_limits) {
+    EXPECT_EQ(static_cast<unsigned short>(Variant(70000)), 65535);
+    EXPECT_EQ(static_cast<unsigned int>(Variant(-5)), 0u);
+    EXPECT_EQ(static_cast<unsigned long>(Variant(-5)), 0u);
+    EXPECT_EQ(static_cast<signed char>(Variant(300)), 127);
+    EXPECT_EQ(static_cast<signed char>(Variant(-300)), -128);
+    EXPECT_EQ(static_cast<unsigned char>(Variant(-1)), 0);
+    EXPECT_EQ(static_cast<short>(Variant(100000)), 32767);
+    EXPECT_EQ(static_cast<int>(Variant(5000000000LL)), std::numeric_limits<int>::max());
+    EXPECT_EQ(static_cast<int>(Variant(-5000000000LL)), std::numeric_limits<int>::min());
+    EXPECT_EQ(static_cast<long>(Variant(std::numeric_limits<uint64_t>::max())),
+              std::numeric_limits<long>::max());
+    EXPECT_EQ(static_cast<unsigned int>(Variant(std::numeric_limits<uint64_t>::max())),
+              std::numeric_limits<unsigned int>::max());
+    EXPECT_EQ(static_cast<signed char>(Variant(-1)), -1);
+    EXPECT_EQ(static_cast<double>(Variant(std::numeric_limits<uint64_t>::max())),
+              18446744073709551615.0);
+}
+
+TEST(Variant, doubles_truncate_toward_zero_then_saturate) {
+    EXPECT_EQ(static_cast<int>(Variant(3.9)), 3);
+    EXPECT_EQ(static_cast<int>(Variant(-3.9)), -3);
+    EXPECT_EQ(static_cast<unsigned short>(Variant(-0.5)), 0);
+    EXPECT_EQ(static_cast<unsigned short>(Variant(1e9)), 65535);
+    EXPECT_EQ(static_cast<long>(Variant(1e30)), std::numeric_limits<long>::max());
+    EXPECT_EQ(static_cast<long>(Variant(-1e30)), std::numeric_limits<long>::min());
+    EXPECT_EQ(static_cast<unsigned long>(Variant(1e30)), std::numeric_limits<unsigned long>::max());
+    EXPECT_EQ(static_cast<int>(Variant(std::nan(""))), 0);
+    EXPECT_EQ(static_cast<signed char>(Variant(std::numeric_limits<double>::infinity())), 127);
+}
+
+TEST(Variant, booleans_convert_to_zero_or_one) {
+    EXPECT_EQ(static_cast<int>(Variant(true)), 1);
+    EXPECT_EQ(static_cast<unsigned short>(Variant(false)), 0);
+    EXPECT_EQ(static_cast<double>(Variant(true)), 1.0);
+    EXPECT_TRUE(static_cast<bool>(Variant(7)));
+    EXPECT_FALSE(static_cast<bool>(Variant(0)));
+}
+
+TEST(Variant, mismatched_types_convert_to_empty_values) {
+    struct Row {
+        const char* what;
+        Variant value;
+    } rows[] = {
+        {"null", Variant()},
+        {"string of digits", Variant("10")},
+        {"time", Variant(makeTime(5, 6))},
+        {"object", Variant::MakeContainer(vt::kObject)},
+        {"array", Variant::MakeContainer(vt::kArray)},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.what);
+        EXPECT_EQ(static_cast<int>(row.value), 0);
+        EXPECT_EQ(static_cast<unsigned long>(row.value), 0u);
+        EXPECT_EQ(static_cast<signed char>(row.value), 0);
+        EXPECT_EQ(static_cast<double>(row.value), 0.0);
+        EXPECT_FALSE(static_cast<bool>(row.value));
+    }
+    Variant number(12);
+    EXPECT_EQ(static_cast<const std::string&>(number), "");
+    EXPECT_STREQ(static_cast<const char*>(number), "");
+    const timeval& t = number;
+    EXPECT_EQ(t.tv_sec, 0);
+    EXPECT_EQ(t.tv_usec, 0);
+    EXPECT_FALSE(static_cast<bool>(Variant("true")));
+}
+
+TEST(Variant, subscript_creates_a_missing_key_as_null) {
+    Variant v = Variant::MakeContainer(vt::kObject);
+    Variant& created = v["absent"];
+    EXPECT_EQ(created.Type(), vt::kNull);
+    ASSERT_NE(v.Find("absent"), nullptr);
+    EXPECT_EQ(v.StringKeysCount(), 1u);
+}
+
+TEST(Variant, subscript_makes_a_scalar_a_container) {
+    Variant byName("text");
+    byName["key"] = 1;
+    EXPECT_EQ(byName.Type(), vt::kObject);
+    EXPECT_EQ(byName.StringKeysCount(), 1u);
+
+    Variant byIndex(5);
+    byIndex[0] = "first";
+    byIndex[size_t{1}] = "second";
+    EXPECT_EQ(byIndex.Type(), vt::kArray);
+    EXPECT_EQ(byIndex.NumericKeysCount(), 2u);
+    EXPECT_EQ(byIndex[int64_t{0}].AsString(), "first");
+
+    Variant null;
+    null[std::string("k")] = true;
+    EXPECT_EQ(null.Type(), vt::kObject);
+}
+
+TEST(Variant, subscript_keeps_an_existing_container_kind) {
+    Variant array = Variant::MakeContainer(vt::kArray);
+    array["name"] = 1;
+    EXPECT_EQ(array.Type(), vt::kArray);
+    EXPECT_EQ(array.StringKeysCount(), 1u);
+    Variant object = Variant::MakeContainer(vt::kObject);
+    object[3] = 1;
+    EXPECT_EQ(object.Type(), vt::kObject);
+    EXPECT_EQ(object.NumericKeysCount(), 1u);
+}
+
+TEST(Variant, make_container_of_a_scalar_tag_is_null) {
+    EXPECT_EQ(Variant::MakeContainer(vt::kObject).Type(), vt::kObject);
+    EXPECT_EQ(Variant::MakeContainer(vt::kArray).Type(), vt::kArray);
+    EXPECT_EQ(Variant::MakeContainer(vt::kString).Type(), vt::kNull);
+}
+
+Variant sampleResult() {
+    Variant result;
+    result["parameters"]["device"] = "/dev/fb0";
+    result["parameters"]["brightness"] = 80;
+    result["parameters"]["help"] = true;
+    result["screens"][0]["name"] = "boot";
+    result["screens"][1]["name"] = "idle";
+    result["when"] = makeTime(1, 2);
+    result["ratio"] = 0.25;
+    return result;
+}
+
+TEST(GetKeyChain, without_parameters_yields_null) {
+    Variant result;
+    EXPECT_EQ(result.GetKeyChain(vt::kAny, "parameters/help", false), nullptr);
+    result["other"] = 1;
+    EXPECT_EQ(result.GetKeyChain(vt::kAny, "parameters/help", false), nullptr);
+    EXPECT_EQ(result.GetKeyChain(vt::kAny, "parameters/help", true), nullptr);
+}
+
+TEST(GetKeyChain, never_creates_keys) {
+    Variant result = Variant::MakeContainer(vt::kObject);
+    EXPECT_EQ(result.GetKeyChain(vt::kAny, "parameters/help", false), nullptr);
+    EXPECT_EQ(result.StringKeysCount(), 0u);
+    EXPECT_EQ(result.Find("parameters"), nullptr);
+
+    Variant scalar(3);
+    EXPECT_EQ(scalar.GetKeyChain(vt::kAny, "a", false), nullptr);
+    EXPECT_EQ(scalar.Type(), vt::kInt32);
+}
+
+TEST(GetKeyChain, pattern_selects_the_types_it_accepts) {
+    Variant result = sampleResult();
+    struct Row {
+        const char* path;
+        VariantType pattern;
+        bool found;
+    } rows[] = {
+        {"parameters/device", vt::kString, true},
+        {"parameters/brightness", vt::kString, false},
+        {"parameters/brightness", vt::kNumericPattern, true},
+        {"parameters/brightness", vt::kIntegerBit, true},
+        {"parameters/help", vt::kNumericPattern, false},
+        {"parameters/help", vt::kAny, true},
+        {"parameters/help", vt::kBool, true},
+        {"parameters", vt::kObject, true},
+        {"screens", vt::kObject, true},  // the array tag has every object bit
+        {"screens", vt::kArray, true},
+        {"parameters", vt::kArray, false},
+        {"when", vt::kTime, true},
+        {"when", vt::kString, false},
+        {"parameters/device", vt::kTime, false},
+        {"ratio", vt::kNumericPattern, false},
+        {"ratio", vt::kIntegerBit, false},
+        {"ratio", vt::kDouble, true},
+        {"ratio", vt::kAny, true},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(std::string(row.path) + " " + std::to_string(row.pattern));
+        EXPECT_EQ(result.GetKeyChain(row.pattern, row.path, false) != nullptr, row.found);
+    }
+    EXPECT_EQ(result.GetKeyChain(vt::kString, "parameters/device", false)->AsString(), "/dev/fb0");
+}
+
+TEST(GetKeyChain, numeric_steps_address_array_elements) {
+    Variant result = sampleResult();
+    const Variant* name = result.GetKeyChain(vt::kString, "screens/1/name", false);
+    ASSERT_NE(name, nullptr);
+    EXPECT_EQ(name->AsString(), "idle");
+    EXPECT_EQ(result.GetKeyChain(vt::kAny, "screens/2/name", false), nullptr);
+    EXPECT_EQ(result.GetKeyChain(vt::kAny, "screens/x/name", false), nullptr);
+
+    Variant object;
+    object["7"] = "by text";
+    const Variant* step = object.GetKeyChain(vt::kString, "7", false);
+    ASSERT_NE(step, nullptr);
+    EXPECT_EQ(step->AsString(), "by text");
+}
+
+TEST(GetKeyChain, empty_steps_are_skipped_only_when_asked) {
+    Variant result = sampleResult();
+    const char* paths[] = {"/parameters/help", "parameters//help", "parameters/help/"};
+    for (const char* path : paths) {
+        SCOPED_TRACE(path);
+        EXPECT_NE(result.GetKeyChain(vt::kAny, path, true), nullptr);
+        EXPECT_EQ(result.GetKeyChain(vt::kAny, path, false), nullptr);
+    }
+    EXPECT_EQ(result.GetKeyChain(vt::kAny, "", true), &result);
+    EXPECT_EQ(result.GetKeyChain(vt::kAny, "", false), nullptr);
+    EXPECT_EQ(result.GetKeyChain(vt::kAny, nullptr, true), nullptr);
+}
+
+TEST(GetKeyChain, const_lookup_finds_the_same_value) {
+    const Variant result = sampleResult();
+    const Variant* device = result.GetKeyChain(vt::kString, "parameters/device", false);
+    ASSERT_NE(device, nullptr);
+    EXPECT_EQ(device->AsString(), "/dev/fb0");
+}
+
+TEST(Variant, json_null_member_is_present_with_the_null_tag) {
+    Variant config;
+    ASSERT_TRUE(config.FromJSONString(R"({"screens": null})"));
+    const Variant* screens = config.GetKeyChain(vt::kAny, "screens", true);
+    ASSERT_NE(screens, nullptr);
+    EXPECT_EQ(screens->Type(), 0x8001);
+    EXPECT_EQ(config.GetKeyChain(vt::kObject, "screens", true), nullptr);
+}
+
+TEST(Variant, is_array_reports_the_container_kind) {
+    EXPECT_TRUE(Variant::MakeContainer(vt::kArray).IsArray());
+    EXPECT_FALSE(Variant::MakeContainer(vt::kObject).IsArray());
+    EXPECT_FALSE(Variant(1).IsArray());
+    EXPECT_FALSE(Variant().IsArray());
+}
+
+TEST(Variant, is_array_makes_a_scalar_an_empty_container) {
+    Variant toObject("text");
+    toObject.IsArray(false);
+    EXPECT_EQ(toObject.Type(), 0x1010);
+    EXPECT_EQ(toObject.StringKeysCount(), 0u);
+    EXPECT_EQ(toObject.AsString(), "");
+
+    Variant toArray(5);
+    toArray.IsArray(true);
+    EXPECT_EQ(toArray.Type(), 0x1011);
+    EXPECT_EQ(toArray.NumericKeysCount(), 0u);
+}
+
+TEST(Variant, is_array_on_a_container_changes_only_the_tag) {
+    Variant v;
+    v["a"] = 1;
+    v[0] = 2;
+    v.IsArray(true);
+    EXPECT_EQ(v.Type(), vt::kArray);
+    EXPECT_EQ(v.StringKeysCount(), 1u);
+    EXPECT_EQ(v.NumericKeysCount(), 1u);
+    v.IsArray(false);
+    EXPECT_EQ(v.Type(), vt::kObject);
+    EXPECT_EQ(static_cast<int>(v["a"]), 1);
+}
+
+TEST(Variant, free_releases_everything_and_leaves_null) {
+    Variant v = sampleResult();
+    v.Free();
+    EXPECT_TRUE(v.IsNull());
+    EXPECT_EQ(v.StringKeysCount(), 0u);
+    EXPECT_EQ(v.GetKeyChain(vt::kAny, "parameters", true), nullptr);
+    Variant text("x");
+    text.Free();
+    EXPECT_EQ(text.Type(), vt::kNull);
+    EXPECT_EQ(text.AsString(), "");
+}
+
+TEST(Variant, numeric_keys_iterate_in_ascending_order) {
+    Variant v = Variant::MakeContainer(vt::kArray);
+    v[5] = "five";
+    v[1] = "one";
+    v[3] = "three";
+    v[-2] = "minus two";
+    EXPECT_EQ(v.NumericKeysCount(), 4u);
+    std::vector<int64_t> keys;
+    std::vector<std::string> values;
+    for (auto it = v.num_begin(); it != v.num_end(); ++it) {
+        keys.push_back(it->first);
+        values.push_back(it->second.AsString());
+    }
+    EXPECT_EQ(keys, (std::vector<int64_t>{-2, 1, 3, 5}));
+    EXPECT_EQ(values, (std::vector<std::string>{"minus two", "one", "three", "five"}));
+}
+
+TEST(Variant, string_keys_iterate_in_key_order) {
+    Variant v;
+    v["b"] = 2;
+    v["a"] = 1;
+    v["c"] = 3;
+    std::string order;
+    for (auto it = v.str_begin(); it != v.str_end(); ++it) {
+        order += it->first;
+    }
+    EXPECT_EQ(order, "abc");
+}
+
+TEST(Variant, scalars_have_no_keys) {
+    const Variant number(1);
+    EXPECT_EQ(number.NumericKeysCount(), 0u);
+    EXPECT_EQ(number.StringKeysCount(), 0u);
+    EXPECT_EQ(number.num_begin(), number.num_end());
+    EXPECT_EQ(number.str_begin(), number.str_end());
+    Variant mutableNumber(2);
+    EXPECT_EQ(mutableNumber.num_begin(), mutableNumber.num_end());
+    EXPECT_EQ(mutableNumber.Find("a"), nullptr);
+    EXPECT_EQ(mutableNumber.Find(int64_t{0}), nullptr);
+}
+
+TEST(Variant, erase_removes_a_string_key) {
+    Variant v;
+    v["a"] = 1;
+    EXPECT_TRUE(v.Erase("a"));
+    EXPECT_FALSE(v.Erase("a"));
+    EXPECT_EQ(v.StringKeysCount(), 0u);
+    Variant scalar(1);
+    EXPECT_FALSE(scalar.Erase("a"));
+}
+
+TEST(Variant, copy_is_deep) {
+    Variant original = sampleResult();
+    Variant copy(original);
+    copy["parameters"]["device"] = "/dev/changed";
+    copy["screens"][0]["name"] = "changed";
+    EXPECT_EQ(original["parameters"]["device"].AsString(), "/dev/fb0");
+    EXPECT_EQ(original["screens"][0]["name"].AsString(), "boot");
+    Variant assigned;
+    assigned = original;
+    EXPECT_TRUE(assigned == original);
+    assigned["new"] = 1;
+    EXPECT_EQ(original.Find("new"), nullptr);
+}
+
+// A moved-from Variant is documented to be null, so reading it is intended.
+TEST(Variant, move_leaves_the_source_null) {
+    Variant source = sampleResult();
+    Variant target(std::move(source));
+    EXPECT_TRUE(source.IsNull());  // NOLINT(bugprone-use-after-move,clang-analyzer-cplusplus.Move)
+    EXPECT_EQ(target["parameters"]["brightness"].AsInt64(), 80);
+    Variant assigned;
+    assigned = std::move(target);
+    EXPECT_TRUE(target.IsNull());  // NOLINT(bugprone-use-after-move,clang-analyzer-cplusplus.Move)
+    EXPECT_EQ(assigned["parameters"]["brightness"].AsInt64(), 80);
+}
+
+TEST(Variant, assignment_from_own_child) {
+    Variant v = sampleResult();
+    v = v["parameters"];
+    EXPECT_EQ(v.Type(), vt::kObject);
+    EXPECT_EQ(v["device"].AsString(), "/dev/fb0");
+
+    Variant w = sampleResult();
+    w = std::move(w["screens"]);
+    EXPECT_EQ(w.Type(), vt::kArray);
+    EXPECT_EQ(w.NumericKeysCount(), 2u);
+    EXPECT_EQ(w[1]["name"].AsString(), "idle");
+
+    Variant self = sampleResult();
+    const Variant& alias = self;
+    self = alias;
+    EXPECT_EQ(self["ratio"].AsDouble(), 0.25);
+}
+
+TEST(Variant, equality_compares_tags_and_content) {
+    EXPECT_TRUE(Variant(1) == Variant(1));
+    EXPECT_TRUE(Variant(1) != Variant(2));
+    EXPECT_TRUE(Variant(1) != Variant(1L));
+    EXPECT_TRUE(Variant("a") == Variant("a"));
+    EXPECT_TRUE(Variant() == Variant());
+    EXPECT_TRUE(sampleResult() == sampleResult());
+    Variant changed = sampleResult();
+    changed["screens"][1]["name"] = "other";
+    EXPECT_TRUE(changed != sampleResult());
+}
+
+TEST(Variant, very_deep_tree_is_released_without_recursion) {
+    // Deep enough that one stack frame per level would overflow the stack.
+    constexpr int kDepth = 200000;
+    auto root = std::make_unique<Variant>();
+    Variant* node = root.get();
+    for (int n = 0; n < kDepth; ++n) {
+        node = &(*node)[0];
+    }
+    *node = "leaf";
+    EXPECT_EQ(root->NumericKeysCount(), 1u);
+    root.reset();
+    SUCCEED();
+}
+
+TEST(BaseVariantContainer, default_is_an_empty_object) {
+    BaseVariantContainer message;
+    EXPECT_EQ(message.Type(), vt::kObject);
+    EXPECT_EQ(message.StringKeysCount(), 0u);
+}
+
+TEST(BaseVariantContainer, normalize_makes_a_non_container_an_object) {
+    struct Row {
+        const char* what;
+        Variant value;
+    } rows[] = {{"null", Variant()}, {"string", Variant("x")}, {"number", Variant(3)}};
+    for (Row& row : rows) {
+        SCOPED_TRACE(row.what);
+        BaseVariantContainer message(row.value);
+        EXPECT_TRUE(message.NormalizeFields());
+        EXPECT_EQ(message.Type(), vt::kObject);
+        EXPECT_EQ(message.StringKeysCount(), 0u);
+    }
+}
+
+TEST(BaseVariantContainer, normalize_keeps_containers_and_their_members) {
+    Variant array = Variant::MakeContainer(vt::kArray);
+    array[0] = 1;
+    BaseVariantContainer fromArray(array);
+    EXPECT_TRUE(fromArray.NormalizeFields());
+    EXPECT_EQ(fromArray.Type(), vt::kArray);
+    EXPECT_EQ(fromArray.NumericKeysCount(), 1u);
+
+    Variant object;
+    object["guiId"] = "boot";
+    BaseVariantContainer fromObject(std::move(object));
+    EXPECT_TRUE(fromObject.NormalizeFields());
+    EXPECT_EQ(fromObject["guiId"].AsString(), "boot");
+}
+
+TEST(BaseVariantContainer, takes_variant_assignment) {
+    BaseVariantContainer message;
+    message = Variant("text");
+    EXPECT_EQ(message.Type(), vt::kString);
+    Variant holder;
+    holder["payload"] = message;
+    EXPECT_EQ(holder["payload"].AsString(), "text");
+}
+
+}  // namespace
