@@ -152,6 +152,11 @@ public:
     Variant& operator[](T index) {
         return (*this)[static_cast<int64_t>(index)];
     }
+    // A const value cannot create children: use Find. Deleted, because the
+    // implicit conversions would otherwise turn c["key"] into an index into
+    // the string literal.
+    const Variant& operator[](const char* key) const = delete;
+    const Variant& operator[](const std::string& key) const = delete;
 
     // The child under `key`, or nullptr; never creates anything.
     const Variant* Find(const std::string& key) const;
