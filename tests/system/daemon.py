@@ -156,8 +156,10 @@ class Daemon:
             assert wait_for(lambda: self.process.poll() is not None or self.bus.has_daemon()), \
                 "daemon did not appear on the bus:\n" + self.log()
             assert self.process.poll() is None, "daemon exited:\n" + self.log()
-            # The name is taken before the display starts: wait for the first screen.
-            assert wait_for(lambda: "FB: " in self.log()), self.log()
+            # The name is taken early in start-up; the bus is only served from
+            # the main loop, after the SIGTERM handler is installed, so the
+            # first answered call marks the end of start-up.
+            assert wait_for(self.answers), "daemon does not answer:\n" + self.log()
         return self
 
     def run(self, *args, bus=True, timeout=20):
@@ -186,6 +188,14 @@ class Daemon:
     def method(self, name):
         obj = self.bus.connection().get_object(BUS_NAME, OBJECT_PATH, introspect=False)
         return obj.get_dbus_method(name, INTERFACE)
+
+    def answers(self):
+        try:
+            self.bus.connection().call_blocking(BUS_NAME, OBJECT_PATH, "org.freedesktop.DBus.Peer",
+                                                "Ping", "", (), timeout=1)
+            return True
+        except dbus.DBusException:
+            return self.process.poll() is not None
 
     def call(self, name, request, reply=True, timeout=10):
         body = dbus.Dictionary(request, signature="sv")

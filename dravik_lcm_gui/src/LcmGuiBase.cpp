@@ -1,0 +1,571 @@
+#include <fcntl.h>
+#include <sys/ioctl.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+
+#include "LcmGui.h"
+#include "dravik_ipc_messages/messages.h"
+#include "dravik_logger/logger.h"
+#include "dravik_utils/utils.h"
+
+namespace dravik::lcmgui {
+
+using ipc::messages::LcmGuiImgSettingsElementRef;
+using ipc::messages::LcmGuiTextSettingsElementRef;
+using ipc::messages::ShowGui;
+using ipc::messages::ShowSimpleScreen;
+
+namespace {
+
+constexpr unsigned kCmapEntries = 256;
+
+// Breathing and slideshow cycles are capped at 30 s, a progress bar may run
+// for ten minutes.
+constexpr uint32_t kMinPeriodMs = 100;
+constexpr uint32_t kMaxCycleMs = 30000;
+constexpr uint32_t kMaxProgressMs = 600000;
+constexpr uint16_t kMaxSlides = 100;
+
+// Brightness percentages: negative means "leave the backlight as it is".
+constexpr signed char kKeepBrightness = -1;
+constexpr signed char kMaxBrightnessPercent = 100;
+
+bool inRange(uint32_t value, uint32_t low, uint32_t high) {
+    return value >= low && value <= high;
+}
+
+// Whether position + size ends beyond the limit. Summed without wrapping: a
+// rectangle whose 32-bit sum would wrap around lies off the screen.
+bool endsBeyond(unsigned position, unsigned size, unsigned limit) {
+    return uint64_t{position} + size > limit;
+}
+
+}  // namespace
+
+LcmGui::LcmGui(GuiConfig& config) : devicePath("/dev/fb2"), config(config) {
+    cmap.start = 0;
+    cmap.len = kCmapEntries;
+    cmap.red = palRed;
+    cmap.green = palGreen;
+    cmap.blue = palBlue;
+    cmap.transp = nullptr;
+}
+
+LcmGui::~LcmGui() {
+    if (fbMem != nullptr) {
+        munmap(fbMem, fbSize);
+    }
+    if (fbFd >= 0) {
+        close(fbFd);
+    }
+}
+
+bool LcmGui::init(const std::string& device, const std::string& guiId, signed char brightness) {
+    if (!device.empty()) {
+        devicePath = device;
+    }
+    if (!backLight.init(config.getBackLightPath())) {
+        DRAVIK_LOG(3, 0, "Unable to init backlight");
+        return false;
+    }
+    if (!openDevice()) {
+        DRAVIK_LOG(3, 0, "Unable to open %s", devicePath.c_str());
+        return false;
+    }
+    if (!readFixedInfo()) {
+        DRAVIK_LOG(3, 0, "Get fixed screen info failed");
+        return false;
+    }
+    if (!readVariableInfo()) {
+        DRAVIK_LOG(3, 0, "Unable to retrieve variable screen info");
+        return false;
+    }
+    fbSize = static_cast<uint64_t>(fbVar.yres) * fbFix.line_length;
+    DRAVIK_LOG(6, 0, "FB: %dx%d, bits_per_pixel %d, fbSize: %d", fbVar.xres, fbVar.yres,
+               fbVar.bits_per_pixel, static_cast<int>(fbSize));
+    if (!mapMemory()) {
+        DRAVIK_LOG(3, 0, "mmap failed");
+        return false;
+    }
+    if (!prepareColourPath()) {
+        DRAVIK_LOG(3, 0, "Oops: %i bit/pixel ???", fbVar.bits_per_pixel);
+        return false;
+    }
+    if (needsColourMap()) {
+        if (!putColourMap()) {
+            DRAVIK_LOG(3, 0, "ioctl FBIOPUTCMAP");
+        }
+        // A palette-based panel ends start-up here even when its colour map was
+        // loaded: such panels are not driven beyond their colour map.
+        return false;
+    }
+    if (!createDisplayBuffer()) {
+        DRAVIK_LOG(3, 0, "Failed to create display buffer");
+        return false;
+    }
+    (void)showBuf();  // blanks the panel; the whole-screen copy cannot be refused
+    if (!fontRenderer.init()) {
+        DRAVIK_LOG(3, 0, "Failed to load fonts");
+        return false;
+    }
+    if (guiId.empty() && brightness < 0) {
+        return true;
+    }
+    return showStartupScreen(guiId, brightness);
+}
+
+bool LcmGui::openDevice() {
+    fbFd = open(devicePath.c_str(), O_RDWR);
+    return fbFd >= 0;
+}
+
+bool LcmGui::readFixedInfo() {
+    return ioctl(fbFd, FBIOGET_FSCREENINFO, &fbFix) >= 0;
+}
+
+bool LcmGui::readVariableInfo() {
+    return ioctl(fbFd, FBIOGET_VSCREENINFO, &fbVar) >= 0;
+}
+
+bool LcmGui::mapMemory() {
+    void* mem = mmap(nullptr, fbSize, PROT_READ | PROT_WRITE, MAP_SHARED, fbFd, 0);
+    if (mem == MAP_FAILED) {
+        fbMem = nullptr;  // so that the destructor has nothing to unmap
+        return false;
+    }
+    fbMem = static_cast<unsigned char*>(mem);
+    return true;
+}
+
+bool LcmGui::prepareColourPath() {
+    struct DepthSetup {
+        unsigned depth;
+        void (LcmGui::*prepare)(bool directColour);
+    };
+    static const DepthSetup setups[] = {
+        {8, &LcmGui::prepareDepth8},   {15, &LcmGui::prepareDepth16}, {16, &LcmGui::prepareDepth16},
+        {24, &LcmGui::prepareDepth24}, {32, &LcmGui::prepareDepth32},
+    };
+    const bool directColour = fbFix.visual == FB_VISUAL_DIRECTCOLOR;
+    for (const auto& setup : setups) {
+        if (setup.depth == fbVar.bits_per_pixel) {
+            (this->*setup.prepare)(directColour);
+            return true;
+        }
+    }
+    return false;
+}
+
+void LcmGui::prepareDepth8(bool /*directColour*/) {
+    ditherPalette(8, 8, 4);
+    initDither(8, 8, 4, 2);
+}
+
+void LcmGui::prepareDepth16(bool directColour) {
+    if (directColour) {
+        linearPalette(5);
+    }
+    lutInit(fbVar.green.length == 5 ? 15 : 16);
+}
+
+void LcmGui::prepareDepth24(bool directColour) {
+    if (directColour) {
+        linearPalette(8);
+    }
+}
+
+void LcmGui::prepareDepth32(bool directColour) {
+    if (directColour) {
+        linearPalette(8);
+    }
+    lutInit(24);
+}
+
+bool LcmGui::needsColourMap() const {
+    return fbFix.visual == FB_VISUAL_DIRECTCOLOR || fbVar.bits_per_pixel == 8;
+}
+
+bool LcmGui::putColourMap() {
+    return ioctl(fbFd, FBIOPUTCMAP, &cmap) >= 0;
+}
+
+bool LcmGui::createDisplayBuffer() {
+    displayBuf =
+        cv::Mat::zeros(static_cast<int>(fbVar.yres), static_cast<int>(fbVar.xres), CV_8UC3);
+    return displayBuf.data != nullptr && displayBuf.total() != 0;
+}
+
+bool LcmGui::showStartupScreen(const std::string& guiId, signed char brightness) {
+    ShowGui request;
+    (void)request.NormalizeFields();  // fills the envelope; an empty object cannot fail
+    request.guiId(guiId);
+    request.brightness(std::clamp(brightness, kKeepBrightness, kMaxBrightnessPercent));
+    return showGui(request, nullptr);
+}
+
+void LcmGui::clearBuf() {
+    displayBuf.setTo(cv::Scalar::all(0));
+}
+
+bool LcmGui::showBuf() {
+    return showBuf(0, 0, 0, 0);
+}
+
+bool LcmGui::showBuf(unsigned x, unsigned y, unsigned w, unsigned h) {
+    if ((w == 0 || h == 0) && (x != 0 || y != 0)) {
+        DRAVIK_LOG(3, 0, "show buffer parameters are not correct: %dx%d at (%d, %d)", w, h, x, y);
+        return false;
+    }
+    if (endsBeyond(x, w, fbVar.xres) || endsBeyond(y, h, fbVar.yres)) {
+        DRAVIK_LOG(3, 0, "show buffer parameters are out of screen: %dx%d at (%d, %d) -> %dx%d", w,
+                   h, x, y, fbVar.xres, fbVar.yres);
+        return false;
+    }
+    const auto columns = static_cast<unsigned>(displayBuf.cols);
+    const auto rows = static_cast<unsigned>(displayBuf.rows);
+    if (w == 0 || h == 0) {
+        w = columns;
+        h = rows;
+    }
+    const unsigned lines = std::min(h, rows);
+    if (static_cast<uint64_t>(lines) * columns * 3 == 0) {
+        return true;
+    }
+    const unsigned bytesPerPixel = (fbVar.bits_per_pixel + 7) / 8;
+    for (unsigned i = 0; i < lines; ++i) {
+        unsigned char* src = displayBuf.data + ((static_cast<size_t>(y) + i) * columns + x) * 3;
+        unsigned char* dst =
+            fbMem + (static_cast<size_t>(y) + i) * fbFix.line_length + size_t{bytesPerPixel} * x;
+        (void)convertLine(fbVar.bits_per_pixel, i, w, dst, src);  // depth was checked by init
+    }
+    return true;
+}
+
+bool LcmGui::getOffsetXY(unsigned& x, unsigned& y, unsigned w, unsigned h, AlignHor alignHor,
+                         AlignVert alignVert) {
+    const unsigned xres = fbVar.xres;
+    const unsigned yres = fbVar.yres;
+    if (endsBeyond(x, w, xres) || endsBeyond(y, h, yres)) {
+        DRAVIK_LOG(3, 0, "UI image parameters are out of screen: %dx%d at (%d, %d) -> %dx%d", w, h,
+                   x, y, xres, yres);
+        return false;
+    }
+    // The fit is checked on the given position; the given offsets then count
+    // half for centre/middle and not at all for right/bottom. Kept as it is:
+    // screen files are laid out against exactly this rule.
+    if (alignHor == kAlignCenter) {
+        x = (xres - w + x) >> 1;
+    } else if (alignHor != kAlignLeft) {
+        x = xres - w;
+    }
+    if (alignVert == kAlignMiddle) {
+        y = (y - h + yres) >> 1;
+    } else if (alignVert != kAlignTop) {
+        y = yres - h;
+    }
+    return true;
+}
+
+// ---- Colour maps, lookup tables and line conversion ----
+
+unsigned short LcmGui::calcGamma(int n, int max) {
+    const float ratio = static_cast<float>(n) / static_cast<float>(max);
+    const double r = 65535.0 * std::pow(static_cast<double>(ratio), static_cast<double>(1 / gamma));
+    if (!(r > 0.0)) {
+        return 0;
+    }
+    if (r >= 65535.0) {
+        return 65535;
+    }
+    return static_cast<unsigned short>(r);
+}
+
+void LcmGui::linearPalette(unsigned bits) {
+    const unsigned size = 256U >> (8 - bits);
+    for (unsigned i = 0; i < size; ++i) {
+        const unsigned short value = calcGamma(static_cast<int>(i), static_cast<int>(size));
+        palRed[i] = value;
+        palGreen[i] = value;
+        palBlue[i] = value;
+    }
+}
+
+void LcmGui::ditherPalette(int r, int g, int b) {
+    // Integer steps: red and green top out at 252 for eight shades.
+    const int rs = 256 / (r - 1);
+    const int gs = 256 / (g - 1);
+    const int bs = 256 / (b - 1);
+    for (int i = 0; i < 256; ++i) {
+        palRed[i] = calcGamma(rs * ((i / (g * b)) % r), 255);
+        palGreen[i] = calcGamma(gs * ((i / b) % g), 255);
+        palBlue[i] = calcGamma(bs * (i % b), 255);
+    }
+}
+
+void LcmGui::lutInit(unsigned depth) {
+    if (fbVar.red.length != 0 && fbVar.green.length != 0 && fbVar.blue.length != 0) {
+        initOne(lutRed, fbVar.red.length, fbVar.red.offset);
+        initOne(lutGreen, fbVar.green.length, fbVar.green.offset);
+        initOne(lutBlue, fbVar.blue.length, fbVar.blue.offset);
+        return;
+    }
+    struct FixedLayout {
+        unsigned depth;
+        uint32_t (*red)(uint32_t);
+        uint32_t (*green)(uint32_t);
+        uint32_t (*blue)(uint32_t);
+    };
+    static const FixedLayout layouts[] = {
+        {15, [](uint32_t v) { return (v & 0xF8U) << 7; },
+         [](uint32_t v) { return (v & 0xF8U) << 2; }, [](uint32_t v) { return v >> 3; }},
+        {16, [](uint32_t v) { return (v & 0xF8U) << 8; },
+         [](uint32_t v) { return (v & 0xFCU) << 3; }, [](uint32_t v) { return v >> 3; }},
+        {24, [](uint32_t v) { return v << 16; }, [](uint32_t v) { return v << 8; },
+         [](uint32_t v) { return v; }},
+    };
+    for (const auto& layout : layouts) {
+        if (layout.depth != depth) {
+            continue;
+        }
+        for (uint32_t v = 0; v < 256; ++v) {
+            lutRed[v] = layout.red(v);
+            lutGreen[v] = layout.green(v);
+            lutBlue[v] = layout.blue(v);
+        }
+    }
+}
+
+void LcmGui::initOne(unsigned* table, unsigned bits, unsigned shift) {
+    // Offsets come from the device: a shift past the pixel word yields no bits.
+    const auto shiftLeft = [](unsigned v, unsigned s) { return s < 32 ? v << s : 0U; };
+    for (unsigned v = 0; v < 256; ++v) {
+        // A channel wider than 8 bits keeps its top bits zero.
+        table[v] = bits <= 8 ? shiftLeft(v >> (8 - bits), shift) : shiftLeft(v, shift + bits - 8);
+    }
+}
+
+unsigned char* LcmGui::convertLine(unsigned depth, unsigned line, unsigned width,
+                                   unsigned char* dst, unsigned char* src) {
+    switch (depth) {
+        case 32:
+            for (unsigned k = 0; k < width; ++k, src += 3, dst += 4) {
+                const uint32_t pixel = lutRed[src[2]] | lutGreen[src[1]] | lutBlue[src[0]];
+                std::memcpy(dst, &pixel, sizeof pixel);
+            }
+            return dst;
+        case 24:
+            std::memcpy(dst, src, size_t{width} * 3);
+            return dst + size_t{width} * 3;
+        case 15:
+        case 16:
+            for (unsigned k = 0; k < width; ++k, src += 3, dst += 2) {
+                const auto pixel =
+                    static_cast<uint16_t>(lutRed[src[2]] | lutGreen[src[1]] | lutBlue[src[0]]);
+                std::memcpy(dst, &pixel, sizeof pixel);
+            }
+            return dst;
+        case 8:
+            ditherLine(src, dst, line, width);
+            return dst + width;
+        default:
+            return nullptr;
+    }
+}
+
+// ---- Show commands ----
+
+bool LcmGui::showGui(ShowGui& request, ShowGui* response) {
+    // The rules of the request's own class run here (for a request from the bus,
+    // the class it is served as), so "brightness" arrives clamped to -1 .. 100.
+    (void)request.NormalizeFields();  // repairs in place; there is nothing to refuse
+    const std::string name = request.guiId();
+    bool screenOk = true;
+    // An empty name changes only the brightness; the name on show is not set
+    // again, so its animation runs on undisturbed.
+    if (!name.empty() && name != state.guiId) {
+        const uint64_t now = nowMs();
+        bool found = false;
+        const GuiScreenDesc& desc = config.getScreenDesc(name, found);
+        if (!found) {
+            DRAVIK_LOG(4, 0, "Could not find gui id '%s'", name.c_str());
+            screenOk = false;
+        } else {
+            screenOk = setState(desc, now);
+            if (screenOk) {
+                state.guiId = name;
+            }
+        }
+    }
+    // Applied whatever became of the screen: a request for an unknown screen
+    // still sets the brightness.
+    const bool brightnessOk = applyBrightness(request.brightness());
+    if (response != nullptr) {
+        fillShowGuiResponse(*response);
+    }
+    return screenOk && brightnessOk;
+}
+
+bool LcmGui::showSimpleScreen(ShowSimpleScreen& request) {
+    // Covers the brightness and the envelope; the element records are repaired
+    // by their getters below, so their values reach the screen as sent.
+    (void)request.NormalizeFields();  // repairs in place; there is nothing to refuse
+    const uint64_t now = nowMs();
+    LcmGuiTextSettingsElementRef text = request.text();
+    LcmGuiImgSettingsElementRef img = request.img();
+    GuiScreenDesc desc{textConfFrom(text), imgConfFrom(img)};
+    const bool screenOk = setState(std::move(desc), now);
+    if (screenOk) {
+        // A screen from a request has no name, so a following ShowGui of any
+        // name, the last one shown included, switches screens again.
+        state.guiId.clear();
+    }
+    const bool brightnessOk = applyBrightness(request.brightness());
+    return screenOk && brightnessOk;
+}
+
+bool LcmGui::applyBrightness(int percent) {
+    // Without backlight management every call fails, a negative percentage
+    // included: on such a device every show command reports failure, although
+    // its screen is shown. Requesters rely on that status.
+    return backLight.setBrightness(static_cast<signed char>(percent));
+}
+
+void LcmGui::fillShowGuiResponse(ShowGui& response) const {
+    if (response.Type() != variant::kObject) {
+        response.Free();
+        response.IsArray(false);
+    }
+    response.guiId(state.guiId);
+    // Every negative percentage means "never set" or "keep"; it is reported as -1.
+    response.brightness(
+        std::clamp(backLight.getBrightness(), kKeepBrightness, kMaxBrightnessPercent));
+}
+
+GuiTextConf LcmGui::textConfFrom(LcmGuiTextSettingsElementRef element) {
+    GuiTextConf conf;
+    conf.text = element.str();
+    conf.x = element.x();
+    conf.y = element.y();
+    conf.size = element.size();  // a missing or non-integer size is stored as 6 first
+    conf.alignHor = parseAlignHor(element.alignHor(), kAlignLeft);
+    conf.alignVert = parseAlignVert(element.alignVert(), kAlignTop);
+    return conf;
+}
+
+GuiImgConf LcmGui::imgConfFrom(LcmGuiImgSettingsElementRef element) {
+    GuiImgConf conf;
+    conf.file = element.file();
+    conf.x = element.x();
+    conf.y = element.y();
+    conf.alignHor = parseAlignHor(element.alignHor(), kAlignLeft);
+    conf.alignVert = parseAlignVert(element.alignVert(), kAlignTop);
+    conf.animation = parseAnimType(element.animation(), kAnimStatic);
+    conf.duration = element.duration();  // missing or non-integer: 0 is stored first
+    conf.count = element.count();
+    return conf;
+}
+
+// ---- Screen state and animation ----
+
+bool LcmGui::setState(GuiScreenDesc screen, unsigned long now) {
+    const GuiImgConf& img = screen.img;
+    switch (img.animation) {
+        case kAnimBreathing:
+            if (!inRange(img.duration, kMinPeriodMs, kMaxCycleMs)) {
+                DRAVIK_LOG(3, 0, "Invalid breathe period (%d)", img.duration);
+                return false;
+            }
+            break;
+        case kAnimSlideshow:
+            if (!inRange(img.duration, kMinPeriodMs, kMaxCycleMs)) {
+                DRAVIK_LOG(3, 0, "Invalid slideshow duration (%d)", img.duration);
+                return false;
+            }
+            if (static_cast<uint16_t>(img.count - 1) > kMaxSlides - 1) {
+                DRAVIK_LOG(3, 0, "Invalid slideshow count (%d)", img.count);
+                return false;
+            }
+            break;
+        case kAnimProgressbar:
+            if (!inRange(img.duration, kMinPeriodMs, kMaxProgressMs)) {
+                DRAVIK_LOG(3, 0, "Invalid progressbar duration (%d)", img.duration);
+                return false;
+            }
+            break;
+        default:
+            break;
+    }
+    state.lastLevel = 0;
+    state.animStart = img.animation == kAnimStatic ? 0 : now;
+    state.textConf = std::move(screen.text);
+    state.imgConf = std::move(screen.img);
+    state.stateChanged = true;
+    return true;
+}
+
+bool LcmGui::prepareToService() {
+    clearBuf();
+    if (!state.textConf.text.empty() && setFontGeometry(state.textConf.size)) {
+        (void)renderText(state.textConf, false, false);  // a failed text is left out
+    }
+    state.img.release();
+    if (!state.imgConf.file.empty()) {
+        const std::string path = config.getImgPath() + "/" + state.imgConf.file;
+        if (loadImage(path, state.img, state.imgConf)) {
+            (void)renderImage(state.img, state.imgConf, 0, false, false);  // it logs its failure
+        }
+        if (!state.img.empty()) {
+            return showBuf();
+        }
+    }
+    state.animStart = 0;
+    return showBuf();
+}
+
+uint32_t LcmGui::animationLevel(uint64_t now) const {
+    const GuiImgConf& conf = state.imgConf;
+    const uint64_t elapsed = now - state.animStart;
+    const uint64_t phase = elapsed % conf.duration;
+    switch (conf.animation) {
+        case kAnimSlideshow:
+            return static_cast<uint32_t>(uint64_t{conf.count} * phase / conf.duration);
+        case kAnimBreathing: {
+            const float angle = static_cast<float>(static_cast<int64_t>(phase)) * 6.2831855F /
+                                static_cast<float>(static_cast<uint32_t>(conf.duration - 1));
+            return static_cast<uint32_t>((sinf(angle) + 1.0F) * 50.0F);
+        }
+        case kAnimProgressbar: {
+            const auto cols = static_cast<uint64_t>(static_cast<int64_t>(state.img.cols));
+            return static_cast<uint32_t>(elapsed <= conf.duration ? cols * elapsed / conf.duration
+                                                                  : cols);
+        }
+        default:
+            return 0;
+    }
+}
+
+bool LcmGui::service() {
+    const uint64_t now = nowMs();
+    (void)backLight.service();  // logs its own failure; the tick goes on
+    if (state.stateChanged) {
+        (void)prepareToService();  // drawing failures are logged where they happen
+        state.stateChanged = false;
+        return true;
+    }
+    if (state.animStart == 0 || state.imgConf.duration < 2) {
+        return true;
+    }
+    const uint32_t level = animationLevel(now);
+    if (level == state.lastLevel) {
+        return true;
+    }
+    state.lastLevel = level;
+    (void)renderImage(state.img, state.imgConf, level, true, true);  // not retried at this level
+    return true;
+}
+
+}  // namespace dravik::lcmgui

@@ -1,0 +1,78 @@
+#include "LcmGuiHandler.h"
+
+#include <utility>
+
+#include "dravik_ipc_messages/messages.h"
+#include "dravik_logger/logger.h"
+
+namespace dravik::lcmgui {
+
+using ipc::messages::BaseMessage;
+using ipc::messages::BaseRequestMessage;
+using ipc::messages::BaseResponseMessage;
+using ipc::messages::ShowGui;
+using ipc::messages::ShowSimpleScreen;
+using variant::Variant;
+
+namespace {
+
+// Serves `request` as an object of the class its function names: the value is
+// moved into a `Message` (so that class's normalisation rules apply, e.g. the
+// brightness clamp of both display requests) and moved back afterwards.
+template <typename Message, typename Serve>
+bool serveAs(BaseRequestMessage& request, Serve serve) {
+    Message typed(std::move(static_cast<Variant&>(request)));
+    const bool result = serve(typed);
+    static_cast<Variant&>(request) = std::move(static_cast<Variant&>(typed));
+    return result;
+}
+
+}  // namespace
+
+LcmGuiHandler::LcmGuiHandler(LcmGui& gui) : BaseHandler("LcmGuiHandler"), gui(gui) {}
+
+LcmGuiHandler::~LcmGuiHandler() = default;
+
+void LcmGuiHandler::MessageSentSuccessfully(BaseMessage& /*message*/, bool& /*flag*/) {}
+
+bool LcmGuiHandler::HandleResponse(BaseRequestMessage& /*request*/,
+                                   BaseResponseMessage& /*response*/, bool& /*flag*/) {
+    return true;  // the daemon sends no requests, so no response is ever awaited
+}
+
+bool LcmGuiHandler::HandleRequest(BaseRequestMessage& request, bool& /*flag*/) {
+    Variant payload;
+    const bool responseExpected = request.responseExpected();
+    bool result = false;
+    if (request.functionName() == "ShowSimpleScreen") {
+        result = serveAs<ShowSimpleScreen>(
+            request, [this](ShowSimpleScreen& typed) { return gui.showSimpleScreen(typed); });
+    } else if (request.functionName() == "ShowGui") {
+        // The payload is only offered when a response is expected; showGui fills
+        // it with the screen now shown and the brightness.
+        ShowGui payloadView(std::move(payload));
+        ShowGui* offered = responseExpected ? &payloadView : nullptr;
+        result = serveAs<ShowGui>(
+            request, [this, offered](ShowGui& typed) { return gui.showGui(typed, offered); });
+        payload = std::move(static_cast<Variant&>(payloadView));
+        if (!responseExpected) {
+            payload.Free();
+        }
+    } else {
+        DRAVIK_LOG(3, 0, "Invalid function name %s", request.functionName().c_str());
+        return false;
+    }
+
+    if (!request.responseExpected()) {
+        return true;
+    }
+    BaseResponseMessage response;
+    response.statusCode(result ? 0 : 1);
+    response.payload(payload);
+    if (Ipc* endpoint = Endpoint()) {
+        (void)endpoint->SendResponse(request, response);  // a lost response is the caller's timeout
+    }
+    return true;
+}
+
+}  // namespace dravik::lcmgui

@@ -1,0 +1,183 @@
+// dravik_lcm_gui: the LCD panel daemon's process entry and main loop.
+#include <signal.h>
+
+#include <atomic>
+#include <cstdio>
+#include <string>
+#include <vector>
+
+#include "GuiConfig.h"
+#include "LcmGui.h"
+#include "LcmGuiHandler.h"
+#include "dravik_ipc/ipc.h"
+#include "dravik_logger/logger.h"
+#include "dravik_utils/utils.h"
+#include "dravik_variant/cmdline.h"
+#include "dravik_variant_utils/camerainfo.h"
+
+using dravik::lcmgui::GuiConfig;
+using dravik::lcmgui::LcmGui;
+using dravik::lcmgui::LcmGuiHandler;
+using dravik::variant::CameraInfo;
+using dravik::variant::Variant;
+using dravik::variant::VariantType;
+
+// Every record of the process entry carries the function name "main", also
+// from the small steps below.
+#define MAIN_LOG(level, ...) \
+    logInternal("dravik_lcm_gui", __FILE__, "main", __LINE__, (level), 0, 0, __VA_ARGS__)
+
+// Set by the SIGTERM handler, read afresh by every turn of the main loop.
+std::atomic<bool> gStop{false};
+static_assert(std::atomic<bool>::is_always_lock_free, "gStop must be usable from a signal handler");
+
+void quitSignal(int /*signal*/, siginfo_t* /*info*/, void* /*context*/) {
+    puts("SIGTERM received");
+    gStop = true;
+}
+
+namespace {
+
+const char kProcessName[] = "dravik_lcm_gui";
+
+void declareParameters(Variant& definitions) {
+    using dravik::variant::AddParameter;
+    AddParameter(definitions, 'h', "help", "Outputs this help", Variant(true));
+    AddParameter(definitions, 'd', "device", "Frame buffer device", Variant("/dev/fb2"));
+    AddParameter(definitions, 'c', "configFile", "Screens config file", Variant(""));
+    AddParameter(definitions, 's', "startupScreen", "Start-up screen", Variant(""));
+    AddParameter(definitions, 'b', "brightness", "Brightness", Variant(-1));
+}
+
+// The string under "parameters/<name>", or "" when absent or not a string.
+std::string stringParameter(const Variant& result, const char* path) {
+    const Variant* value = result.GetKeyChain(dravik::variant::kString, path, false);
+    return value ? value->AsString() : std::string();
+}
+
+// Candidates in search order: the one given file, or each directory with the
+// system-specific name first, then the generic one.
+std::vector<std::string> configCandidates(const Variant& result,
+                                          const std::vector<std::string>& directories,
+                                          const std::vector<std::string>& fileNames) {
+    if (const Variant* given =
+            result.GetKeyChain(dravik::variant::kString, "parameters/configFile", false)) {
+        return {given->AsString()};
+    }
+    std::vector<std::string> candidates;
+    for (const auto& directory : directories) {
+        for (const auto& fileName : fileNames) {
+            candidates.push_back(directory + fileName);
+        }
+    }
+    return candidates;
+}
+
+// Loads the first candidate that is a valid screens file; "" when none is.
+std::string loadConfig(GuiConfig& config, const std::vector<std::string>& candidates) {
+    MAIN_LOG(7, "Will look for config file in the following locations:");
+    for (const auto& candidate : candidates) {
+        MAIN_LOG(7, "\t\t%s", candidate.c_str());
+    }
+    for (const auto& candidate : candidates) {
+        if (config.fromJSONFile(candidate)) {
+            return candidate;
+        }
+    }
+    return std::string();
+}
+
+bool installQuitSignal() {
+    struct sigaction action {};
+    action.sa_sigaction = quitSignal;
+    action.sa_flags = SA_SIGINFO;  // no SA_RESTART: the loop's wait returns at once
+    return sigemptyset(&action.sa_mask) == 0 && sigaction(SIGTERM, &action, nullptr) == 0;
+}
+
+// Frees the IPC singleton when main's scope unwinds past it.
+struct IpcInstance {
+    Ipc* ipc = Ipc::GetInstance();
+    ~IpcInstance() { Ipc::FreeInstance(); }
+};
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    Variant definitions;
+    declareParameters(definitions);
+    Variant result;
+    (void)dravik::variant::ParseCommandLine(argc, const_cast<const char**>(argv), definitions,
+                                            result);  // whatever parsed is used
+    if (result.GetKeyChain(dravik::variant::kAny, "parameters/help", false) != nullptr) {
+        dravik::variant::PrintHelp(argv[0], definitions);
+        return 0;
+    }
+    const std::string device = stringParameter(result, "parameters/device");
+
+    CameraInfo cameraInfo;
+    if (!cameraInfo.Init()) {
+        // Deliberately 0: a device without readable properties is not restarted.
+        MAIN_LOG(3, "Failed to read camera properties");
+        return 0;
+    }
+
+    IpcInstance endpoint;
+    if (!endpoint.ipc->Init(kProcessName, false, nullptr)) {
+        MAIN_LOG(3, "Failed to initialize IPC");
+        return -1;
+    }
+
+    const std::vector<std::string> directories = {"/usr/etc/gui/", "/etc/gui/"};
+    const std::vector<std::string> fileNames = {
+        dravik::utils::format("dravik_lcm_gui_sysid_%04lx.json", cameraInfo.sysid()),
+        "dravik_lcm_gui.json"};
+    const std::vector<std::string> candidates = configCandidates(result, directories, fileNames);
+
+    GuiConfig config;
+    const std::string configFile = loadConfig(config, candidates);
+    if (configFile.empty()) {
+        MAIN_LOG(3, "No valid config file found");
+        return -1;
+    }
+    MAIN_LOG(6, "Using the following config file: `%s`", configFile.c_str());
+
+    const std::string startupScreen = stringParameter(result, "parameters/startupScreen");
+    const Variant* brightnessValue =
+        result.GetKeyChain(dravik::variant::kNumericPattern, "parameters/brightness", false);
+    const signed char brightness =
+        brightnessValue ? static_cast<signed char>(*brightnessValue) : -1;
+
+    LcmGui gui(config);
+    if (!gui.init(device, startupScreen, brightness)) {
+        MAIN_LOG(3, "Failed to initialize lcmGui");
+        return -1;
+    }
+
+    LcmGuiHandler handler(gui);
+    CatchAllHandlerRejector rejector;
+    (void)endpoint.ipc->AddHandler("ShowSimpleScreen", &handler);
+    (void)endpoint.ipc->AddHandler("ShowGui", &handler);
+    (void)endpoint.ipc->AddHandler("", &rejector);
+
+    gStop = false;
+    if (!installQuitSignal()) {
+        MAIN_LOG(3, "Unable to install the quit signal");
+        forceCrash();
+        return -1;
+    }
+
+    for (;;) {
+        if (gStop) {
+            MAIN_LOG(6, "Gracefully shut down");
+            return 0;
+        }
+        if (!endpoint.ipc->Service(30)) {
+            MAIN_LOG(3, "Failed to service IPC");
+            return -1;
+        }
+        if (!gui.service()) {
+            MAIN_LOG(3, "Failed to service LcmGui");
+            return -1;
+        }
+    }
+}

@@ -1,0 +1,31 @@
+#include "TestImages.h"
+
+#include <fstream>
+#include <iterator>
+#include <opencv2/imgcodecs.hpp>
+
+namespace dravik::lcmgui::testsupport {
+
+std::string writeGuiImage(const std::string& name, const cv::Mat& img, const std::string& dir) {
+    const std::string path = dir + "/" + name;
+    return cv::imwrite(path, img) ? path : std::string();
+}
+
+std::string writeGuiFile(const std::string& name, const std::string& bytes,
+                         const std::string& dir) {
+    const std::string path = dir + "/" + name;
+    std::ofstream out(path, std::ios::binary | std::ios::trunc);
+    out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+    return out.good() ? path : std::string();
+}
+
+std::string readFile(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+}
+
+cv::Mat solid(int w, int h, cv::Scalar bgr) {
+    return cv::Mat(h, w, CV_8UC3, bgr);
+}
+
+}  // namespace dravik::lcmgui::testsupport
