@@ -144,16 +144,16 @@ bool storeValue(const Option& option, const char* argument, Variant& parameters)
 
 std::string optionString(const std::vector<Option>& options) {
     // The leading ':' makes getopt report a missing argument as ':'.
-    std::string spec = ":";
+    std::string shortOptions = ":";
     for (const Option& option : options) {
         if (option.shortName) {
-            spec += option.shortName;
+            shortOptions += option.shortName;
             if (option.kind->hasArg == required_argument) {
-                spec += ':';
+                shortOptions += ':';
             }
         }
     }
-    return spec;
+    return shortOptions;
 }
 
 std::vector<struct option> longOptions(const std::vector<Option>& options) {

@@ -209,6 +209,12 @@ class Daemon:
         with open(os.path.join(self.backlight, "brightness"), "rb") as f:
             return f.read()
 
+    def brightness_value(self):
+        """The last value written: the text before the first zero byte (each write
+        ends with one, and a shorter value leaves the tail of a longer one behind,
+        as the file is never truncated)."""
+        return self.brightness_file().split(b"\0", 1)[0].decode()
+
     def pixel(self, x, y):
         """The panel's pixel as 8-bit (r, g, b), decoded from RGB565."""
         with open(self.panel, "rb") as f:

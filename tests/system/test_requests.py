@@ -1,4 +1,5 @@
 """Requests over the bus: ShowGui, ShowSimpleScreen, rejection, robustness."""
+import json
 import os
 import subprocess
 import time
@@ -6,7 +7,7 @@ import time
 import dbus
 import pytest
 
-from daemon import BUS_NAME, INTERFACE, OBJECT_PATH, wait_for
+from daemon import BUS_NAME, INTERFACE, OBJECT_PATH, bin_dir, wait_for
 
 # The example "logo" screen: a 120 x 80 picture centred on the 240 x 240 panel.
 LOGO_BOX = (60, 80, 180, 160)
@@ -183,3 +184,42 @@ def test_survives_a_burst_and_malformed_calls(daemon):
     assert reply["statusCode"] == 0
     assert daemon.process.poll() is None
     assert daemon.stop() == 0
+
+
+def ipc_call(daemon, *args):
+    return subprocess.run([os.path.join(bin_dir(), "ipc_call"), "--address", daemon.bus.address]
+                          + list(args), capture_output=True, text=True, timeout=20)
+
+
+def test_ipc_call_client(daemon):
+    started(daemon)
+    listed = ipc_call(daemon, "--list", "dravik_lcm_gui")
+    assert listed.returncode == 0, listed.stderr
+    assert listed.stdout.split() == ["ShowGui", "ShowSimpleScreen"]
+
+    shown = ipc_call(daemon, "dravik_lcm_gui", "ShowGui", '{"guiId": "logo", "brightness": 80}')
+    assert shown.returncode == 0, shown.stderr
+    response = json.loads(shown.stdout)
+    assert response["statusCode"] == 0
+    assert response["payload"] == {"guiId": "logo", "brightness": 80}
+    assert wait_for(lambda: daemon.lit_pixels(LOGO_BOX) > 1000)
+
+    failed = ipc_call(daemon, "--show-gui", "nosuch")
+    assert failed.returncode == 1
+    assert json.loads(failed.stdout)["statusCode"] == 1
+
+    text = ipc_call(daemon, "--show-text", "Hello", "--size", "30", "--brightness", "20")
+    assert text.returncode == 0, text.stderr
+    assert wait_for(lambda: daemon.brightness_value() == "51"), daemon.brightness_file()
+
+    quiet = ipc_call(daemon, "--no-reply", "dravik_lcm_gui", "ShowGui", '{"guiId": "logo"}')
+    assert quiet.returncode == 0 and quiet.stdout == ""
+    assert wait_for(lambda: daemon.lit_pixels(LOGO_BOX) > 1000)
+
+    rejected = ipc_call(daemon, "dravik_lcm_gui", "Reboot")
+    assert rejected.returncode == 3
+    assert "dravik.ipc.Error.Rejected" in rejected.stderr
+
+    bad = ipc_call(daemon, "dravik_lcm_gui", "ShowGui", "[1, 2]")
+    assert bad.returncode == 2
+    assert "must be a JSON object" in bad.stderr

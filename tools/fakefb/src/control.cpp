@@ -44,28 +44,28 @@ void copyString(char* dst, const std::string& src) {
 }
 
 PanelSpec toSpec(const std::string& device, const std::string& file, const Geometry& g) {
-    PanelSpec spec;
-    copyString(spec.device, device);
-    copyString(spec.file, file);
-    spec.width = g.width;
-    spec.height = g.height;
-    spec.bpp = g.bpp;
-    spec.red = {g.red.offset, g.red.length};
-    spec.green = {g.green.offset, g.green.length};
-    spec.blue = {g.blue.offset, g.blue.length};
-    spec.transp = {g.transp.offset, g.transp.length};
-    spec.lineLength = g.lineLength;
-    spec.visual = static_cast<uint32_t>(g.visual);
-    return spec;
+    PanelSpec panelSpec;
+    copyString(panelSpec.device, device);
+    copyString(panelSpec.file, file);
+    panelSpec.width = g.width;
+    panelSpec.height = g.height;
+    panelSpec.bpp = g.bpp;
+    panelSpec.red = {g.red.offset, g.red.length};
+    panelSpec.green = {g.green.offset, g.green.length};
+    panelSpec.blue = {g.blue.offset, g.blue.length};
+    panelSpec.transp = {g.transp.offset, g.transp.length};
+    panelSpec.lineLength = g.lineLength;
+    panelSpec.visual = static_cast<uint32_t>(g.visual);
+    return panelSpec;
 }
 
-void writeSpec(const PanelSpec& spec, const std::string& path) {
+void writeSpec(const PanelSpec& panelSpec, const std::string& path) {
     char error[kErrorMax];
-    if (!validateSpec(spec, error, sizeof error)) {
+    if (!validateSpec(panelSpec, error, sizeof error)) {
         throw std::invalid_argument(std::string("fakefb: bad geometry: ") + error);
     }
     char text[2 * kPathMax + 512];
-    const int n = formatSpec(spec, text, sizeof text);
+    const int n = formatSpec(panelSpec, text, sizeof text);
     std::ofstream out(path, std::ios::binary | std::ios::trunc);
     out.write(text, n < 0 ? 0 : n);
     if (n < 0 || !out.flush()) {
@@ -89,23 +89,23 @@ void appendToVariable(const char* name, const std::string& value, char separator
 }  // namespace
 
 Geometry Geometry::forDepth(uint32_t bpp, uint32_t width, uint32_t height) {
-    PanelSpec spec;
-    spec.width = width;
-    spec.height = height;
-    spec.bpp = bpp;
-    if (!applyDepthDefaults(spec, kGivenNone)) {
+    PanelSpec panelSpec;
+    panelSpec.width = width;
+    panelSpec.height = height;
+    panelSpec.bpp = bpp;
+    if (!applyDepthDefaults(panelSpec, kGivenNone)) {
         throw std::invalid_argument("fakefb: unsupported depth " + std::to_string(bpp));
     }
     Geometry g;
     g.width = width;
     g.height = height;
     g.bpp = bpp;
-    g.red = {spec.red.offset, spec.red.length};
-    g.green = {spec.green.offset, spec.green.length};
-    g.blue = {spec.blue.offset, spec.blue.length};
-    g.transp = {spec.transp.offset, spec.transp.length};
-    g.lineLength = spec.lineLength;
-    g.visual = static_cast<Visual>(spec.visual);
+    g.red = {panelSpec.red.offset, panelSpec.red.length};
+    g.green = {panelSpec.green.offset, panelSpec.green.length};
+    g.blue = {panelSpec.blue.offset, panelSpec.blue.length};
+    g.transp = {panelSpec.transp.offset, panelSpec.transp.length};
+    g.lineLength = panelSpec.lineLength;
+    g.visual = static_cast<Visual>(panelSpec.visual);
     return g;
 }
 

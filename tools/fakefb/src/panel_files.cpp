@@ -109,7 +109,7 @@ bool copyPath(const char* value, const char* baseDir, char* out) {
 
 // Parsing state of one geometry file.
 struct SpecParse {
-    PanelSpec& spec;
+    PanelSpec& panelSpec;
     const char* baseDir;
     unsigned given = kGivenNone;
     unsigned channelsSeen = 0;
@@ -118,48 +118,48 @@ struct SpecParse {
 using KeyParser = bool (*)(SpecParse& parse, const char* value);
 
 bool parseDevice(SpecParse& p, const char* v) {
-    return copyPath(v, nullptr, p.spec.device);
+    return copyPath(v, nullptr, p.panelSpec.device);
 }
 bool parseFile(SpecParse& p, const char* v) {
-    return copyPath(v, p.baseDir, p.spec.file);
+    return copyPath(v, p.baseDir, p.panelSpec.file);
 }
 bool parseWidth(SpecParse& p, const char* v) {
-    return parseUnsigned(v, p.spec.width);
+    return parseUnsigned(v, p.panelSpec.width);
 }
 bool parseHeight(SpecParse& p, const char* v) {
-    return parseUnsigned(v, p.spec.height);
+    return parseUnsigned(v, p.panelSpec.height);
 }
 bool parseBpp(SpecParse& p, const char* v) {
-    return parseUnsigned(v, p.spec.bpp);
+    return parseUnsigned(v, p.panelSpec.bpp);
 }
 bool parseRed(SpecParse& p, const char* v) {
     p.channelsSeen |= 1;
-    return parseChannel(v, p.spec.red);
+    return parseChannel(v, p.panelSpec.red);
 }
 bool parseGreen(SpecParse& p, const char* v) {
     p.channelsSeen |= 2;
-    return parseChannel(v, p.spec.green);
+    return parseChannel(v, p.panelSpec.green);
 }
 bool parseBlue(SpecParse& p, const char* v) {
     p.channelsSeen |= 4;
-    return parseChannel(v, p.spec.blue);
+    return parseChannel(v, p.panelSpec.blue);
 }
 bool parseTransp(SpecParse& p, const char* v) {
     p.given |= kGivenTransp;
-    return parseChannel(v, p.spec.transp);
+    return parseChannel(v, p.panelSpec.transp);
 }
 bool parseLineLength(SpecParse& p, const char* v) {
     p.given |= kGivenLineLength;
-    return parseUnsigned(v, p.spec.lineLength);
+    return parseUnsigned(v, p.panelSpec.lineLength);
 }
 bool parseVisualKey(SpecParse& p, const char* v) {
     p.given |= kGivenVisual;
-    return parseVisual(v, p.spec.visual);
+    return parseVisual(v, p.panelSpec.visual);
 }
 bool parseType(SpecParse& p, const char* v) {
     // Only packed pixels exist on this kind of panel.
     if (strcmp(v, "packed_pixels") == 0) {
-        p.spec.type = kTypePackedPixels;
+        p.panelSpec.type = kTypePackedPixels;
         return true;
     }
     return false;
@@ -235,67 +235,68 @@ bool channelFits(const ChannelSpec& channel, uint32_t bpp) {
 
 }  // namespace
 
-bool applyDepthDefaults(PanelSpec& spec, unsigned given) {
-    const DepthDefaults* defaults = findDepth(spec.bpp);
+bool applyDepthDefaults(PanelSpec& panelSpec, unsigned given) {
+    const DepthDefaults* defaults = findDepth(panelSpec.bpp);
     if (defaults == nullptr) {
         return false;
     }
     if ((given & kGivenChannels) == 0) {
-        spec.red = defaults->red;
-        spec.green = defaults->green;
-        spec.blue = defaults->blue;
+        panelSpec.red = defaults->red;
+        panelSpec.green = defaults->green;
+        panelSpec.blue = defaults->blue;
     }
     if ((given & kGivenTransp) == 0) {
-        spec.transp = ChannelSpec{};
+        panelSpec.transp = ChannelSpec{};
     }
     if ((given & kGivenVisual) == 0) {
-        spec.visual = defaults->visual;
+        panelSpec.visual = defaults->visual;
     }
     if ((given & kGivenLineLength) == 0) {
-        spec.lineLength = spec.width * bytesPerPixel(spec);
+        panelSpec.lineLength = panelSpec.width * bytesPerPixel(panelSpec);
     }
     return true;
 }
 
-bool validateSpec(const PanelSpec& spec, char* error, std::size_t errorLen) {
-    if (spec.device[0] == '\0' || spec.file[0] == '\0') {
+bool validateSpec(const PanelSpec& panelSpec, char* error, std::size_t errorLen) {
+    if (panelSpec.device[0] == '\0' || panelSpec.file[0] == '\0') {
         setError(error, errorLen, "device and file are both required");
         return false;
     }
-    if (findDepth(spec.bpp) == nullptr) {
-        setError(error, errorLen, "bpp %u is not one of 8, 15, 16, 24, 32", spec.bpp);
+    if (findDepth(panelSpec.bpp) == nullptr) {
+        setError(error, errorLen, "bpp %u is not one of 8, 15, 16, 24, 32", panelSpec.bpp);
         return false;
     }
-    if (spec.width == 0 || spec.height == 0 || spec.width > kMaxDimension ||
-        spec.height > kMaxDimension) {
-        setError(error, errorLen, "size %ux%u is out of range (1..%u)", spec.width, spec.height,
-                 kMaxDimension);
+    if (panelSpec.width == 0 || panelSpec.height == 0 || panelSpec.width > kMaxDimension ||
+        panelSpec.height > kMaxDimension) {
+        setError(error, errorLen, "size %ux%u is out of range (1..%u)", panelSpec.width,
+                 panelSpec.height, kMaxDimension);
         return false;
     }
-    const uint64_t minLine = static_cast<uint64_t>(spec.width) * bytesPerPixel(spec);
-    if (spec.lineLength < minLine || frameSize(spec) > kMaxFrameSize) {
+    const uint64_t minLine = static_cast<uint64_t>(panelSpec.width) * bytesPerPixel(panelSpec);
+    if (panelSpec.lineLength < minLine || frameSize(panelSpec) > kMaxFrameSize) {
         setError(error, errorLen, "line_length %u is below %llu bytes or the frame is too large",
-                 spec.lineLength, static_cast<unsigned long long>(minLine));
+                 panelSpec.lineLength, static_cast<unsigned long long>(minLine));
         return false;
     }
-    if (visualName(spec.visual) == nullptr) {
-        setError(error, errorLen, "visual %u is not supported", spec.visual);
+    if (visualName(panelSpec.visual) == nullptr) {
+        setError(error, errorLen, "visual %u is not supported", panelSpec.visual);
         return false;
     }
     // A pseudo-colour pixel is an index; its channel fields describe the colour map.
-    if (spec.visual != kVisualPseudocolor &&
-        !(channelFits(spec.red, spec.bpp) && channelFits(spec.green, spec.bpp) &&
-          channelFits(spec.blue, spec.bpp) && channelFits(spec.transp, spec.bpp))) {
-        setError(error, errorLen, "a channel lies outside the %u-bit pixel", spec.bpp);
+    if (panelSpec.visual != kVisualPseudocolor && !(channelFits(panelSpec.red, panelSpec.bpp) &&
+                                                    channelFits(panelSpec.green, panelSpec.bpp) &&
+                                                    channelFits(panelSpec.blue, panelSpec.bpp) &&
+                                                    channelFits(panelSpec.transp, panelSpec.bpp))) {
+        setError(error, errorLen, "a channel lies outside the %u-bit pixel", panelSpec.bpp);
         return false;
     }
     return true;
 }
 
-bool parseSpec(const char* text, std::size_t len, const char* baseDir, PanelSpec& spec, char* error,
-               std::size_t errorLen) {
-    spec = PanelSpec{};
-    SpecParse parse{spec, baseDir};
+bool parseSpec(const char* text, std::size_t len, const char* baseDir, PanelSpec& panelSpec,
+               char* error, std::size_t errorLen) {
+    panelSpec = PanelSpec{};
+    SpecParse parse{panelSpec, baseDir};
     const char* pos = text;
     const char* end = text + len;
     char line[kPathMax + 32];
@@ -320,25 +321,25 @@ bool parseSpec(const char* text, std::size_t len, const char* baseDir, PanelSpec
     if (parse.channelsSeen == 7) {
         parse.given |= kGivenChannels;
     }
-    if (!applyDepthDefaults(spec, parse.given)) {
-        setError(error, errorLen, "bpp %u is not one of 8, 15, 16, 24, 32", spec.bpp);
+    if (!applyDepthDefaults(panelSpec, parse.given)) {
+        setError(error, errorLen, "bpp %u is not one of 8, 15, 16, 24, 32", panelSpec.bpp);
         return false;
     }
-    return validateSpec(spec, error, errorLen);
+    return validateSpec(panelSpec, error, errorLen);
 }
 
-int formatSpec(const PanelSpec& spec, char* buf, std::size_t bufLen) {
-    const char* visual = visualName(spec.visual);
-    const int n =
-        snprintf(buf, bufLen,
-                 "# fakefb panel\n"
-                 "device=%s\nfile=%s\nwidth=%u\nheight=%u\nbpp=%u\n"
-                 "red=%u/%u\ngreen=%u/%u\nblue=%u/%u\ntransp=%u/%u\n"
-                 "line_length=%u\nvisual=%s\ntype=packed_pixels\n",
-                 spec.device, spec.file, spec.width, spec.height, spec.bpp, spec.red.offset,
-                 spec.red.length, spec.green.offset, spec.green.length, spec.blue.offset,
-                 spec.blue.length, spec.transp.offset, spec.transp.length, spec.lineLength,
-                 visual != nullptr ? visual : "truecolor");
+int formatSpec(const PanelSpec& panelSpec, char* buf, std::size_t bufLen) {
+    const char* visual = visualName(panelSpec.visual);
+    const int n = snprintf(buf, bufLen,
+                           "# fakefb panel\n"
+                           "device=%s\nfile=%s\nwidth=%u\nheight=%u\nbpp=%u\n"
+                           "red=%u/%u\ngreen=%u/%u\nblue=%u/%u\ntransp=%u/%u\n"
+                           "line_length=%u\nvisual=%s\ntype=packed_pixels\n",
+                           panelSpec.device, panelSpec.file, panelSpec.width, panelSpec.height,
+                           panelSpec.bpp, panelSpec.red.offset, panelSpec.red.length,
+                           panelSpec.green.offset, panelSpec.green.length, panelSpec.blue.offset,
+                           panelSpec.blue.length, panelSpec.transp.offset, panelSpec.transp.length,
+                           panelSpec.lineLength, visual != nullptr ? visual : "truecolor");
     return n >= 0 && static_cast<std::size_t>(n) < bufLen ? n : -1;
 }
 

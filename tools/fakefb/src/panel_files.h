@@ -49,11 +49,11 @@ struct ColourMapRecord {
     unsigned writes = 0;
 };
 
-inline uint32_t bytesPerPixel(const PanelSpec& spec) {
-    return (spec.bpp + 7) / 8;
+inline uint32_t bytesPerPixel(const PanelSpec& panelSpec) {
+    return (panelSpec.bpp + 7) / 8;
 }
-inline uint64_t frameSize(const PanelSpec& spec) {
-    return static_cast<uint64_t>(spec.height) * spec.lineLength;
+inline uint64_t frameSize(const PanelSpec& panelSpec) {
+    return static_cast<uint64_t>(panelSpec.height) * panelSpec.lineLength;
 }
 
 // Which optional fields a description states itself; the rest come from the depth.
@@ -65,22 +65,22 @@ enum Given : unsigned {
     kGivenLineLength = 8,
 };
 
-// Fills the fields not flagged in given with what a panel of spec.bpp has when
+// Fills the fields not flagged in given with what a panel of panelSpec.bpp has when
 // nothing else is said: RGB565 for 16 bits, 10/5,5/5,0/5 for 15, 16/8,8/8,0/8 for
 // 24 and 32, pseudo-colour for 8; truecolor otherwise; a line of width * bytes.
 // Returns false for a depth other than 8, 15, 16, 24 or 32.
-[[nodiscard]] bool applyDepthDefaults(PanelSpec& spec, unsigned given);
+[[nodiscard]] bool applyDepthDefaults(PanelSpec& panelSpec, unsigned given);
 
 // Checks a complete description; on failure writes the reason into error.
-[[nodiscard]] bool validateSpec(const PanelSpec& spec, char* error, std::size_t errorLen);
+[[nodiscard]] bool validateSpec(const PanelSpec& panelSpec, char* error, std::size_t errorLen);
 
 // Parses the text of a geometry file (key=value lines, '#' comments). A relative
 // "file" is taken relative to baseDir. Missing keys get the depth's defaults.
 [[nodiscard]] bool parseSpec(const char* text, std::size_t len, const char* baseDir,
-                             PanelSpec& spec, char* error, std::size_t errorLen);
+                             PanelSpec& panelSpec, char* error, std::size_t errorLen);
 
-// Writes spec as geometry-file text; returns the length or -1 when buf is too small.
-int formatSpec(const PanelSpec& spec, char* buf, std::size_t bufLen);
+// Writes panelSpec as geometry-file text; returns the length or -1 when buf is too small.
+int formatSpec(const PanelSpec& panelSpec, char* buf, std::size_t bufLen);
 
 // Visual names used in the files and on the launcher's command line.
 [[nodiscard]] bool parseVisual(const char* name, uint32_t& visual);

@@ -179,7 +179,7 @@ void directoryOf(const char* path, char* dir) {
 }
 
 // Loads one geometry file and says whether it describes the device at path.
-Match matchConfigFile(const char* configPath, const char* path, PanelSpec& spec) {
+Match matchConfigFile(const char* configPath, const char* path, PanelSpec& panelSpec) {
     char text[4096];
     std::size_t len = 0;
     if (!readSmallFile(configPath, text, sizeof text, len)) {
@@ -189,16 +189,16 @@ Match matchConfigFile(const char* configPath, const char* path, PanelSpec& spec)
     char dir[fakefb::kPathMax];
     directoryOf(configPath, dir);
     char error[fakefb::kErrorMax];
-    if (!fakefb::parseSpec(text, len, dir, spec, error, sizeof error)) {
+    if (!fakefb::parseSpec(text, len, dir, panelSpec, error, sizeof error)) {
         report("%s: %s", configPath, error);
         // A broken description of this very device must not fall through to a
         // real framebuffer of the same name.
-        return strcmp(spec.device, path) == 0 ? Match::kBroken : Match::kNone;
+        return strcmp(panelSpec.device, path) == 0 ? Match::kBroken : Match::kNone;
     }
-    return strcmp(spec.device, path) == 0 ? Match::kPanel : Match::kNone;
+    return strcmp(panelSpec.device, path) == 0 ? Match::kPanel : Match::kNone;
 }
 
-Match findConfiguredPanel(int dirfd, const char* path, PanelSpec& spec) {
+Match findConfiguredPanel(int dirfd, const char* path, PanelSpec& panelSpec) {
     if (path == nullptr || (dirfd != AT_FDCWD && path[0] != '/')) {
         return Match::kNone;
     }
@@ -213,7 +213,7 @@ Match findConfiguredPanel(int dirfd, const char* path, PanelSpec& spec) {
         if (n > 0 && n < sizeof configPath) {
             memcpy(configPath, pos, n);
             configPath[n] = '\0';
-            const Match match = matchConfigFile(configPath, path, spec);
+            const Match match = matchConfigFile(configPath, path, panelSpec);
             if (match != Match::kNone) {
                 return match;
             }
@@ -229,7 +229,7 @@ struct OpenPanel {
     bool used = false;
     dev_t dev = 0;
     ino_t ino = 0;
-    PanelSpec spec;
+    PanelSpec panelSpec;
 };
 
 constexpr unsigned kMaxOpenPanels = 16;
@@ -252,17 +252,17 @@ OpenPanel& slotFor(dev_t dev, ino_t ino) {
     return gOpenPanels[gNextSlot++ % kMaxOpenPanels];
 }
 
-void rememberPanel(const struct stat& st, const PanelSpec& spec) {
+void rememberPanel(const struct stat& st, const PanelSpec& panelSpec) {
     const std::lock_guard<std::mutex> lock(gPanelLock);
     OpenPanel& slot = slotFor(st.st_dev, st.st_ino);
     slot.used = true;
     slot.dev = st.st_dev;
     slot.ino = st.st_ino;
-    slot.spec = spec;
+    slot.panelSpec = panelSpec;
     gAnyPanel.store(true, std::memory_order_release);
 }
 
-bool findOpenPanel(int fd, PanelSpec& spec) {
+bool findOpenPanel(int fd, PanelSpec& panelSpec) {
     if (!gAnyPanel.load(std::memory_order_acquire)) {
         return false;
     }
@@ -276,7 +276,7 @@ bool findOpenPanel(int fd, PanelSpec& spec) {
     const std::lock_guard<std::mutex> lock(gPanelLock);
     for (const auto& panel : gOpenPanels) {
         if (panel.used && panel.dev == st.st_dev && panel.ino == st.st_ino) {
-            spec = panel.spec;
+            panelSpec = panel.panelSpec;
             return true;
         }
     }
@@ -285,27 +285,27 @@ bool findOpenPanel(int fd, PanelSpec& spec) {
 
 // The backing file must be exactly one frame long: a mapping beyond its end
 // raises SIGBUS on first touch.
-bool prepareBackingFile(const PanelSpec& spec) {
-    const RawFd fd(openInternal(spec.file, O_RDWR | O_CREAT | O_CLOEXEC, 0644));
+bool prepareBackingFile(const PanelSpec& panelSpec) {
+    const RawFd fd(openInternal(panelSpec.file, O_RDWR | O_CREAT | O_CLOEXEC, 0644));
     struct stat st {};
     if (fd.get() < 0 || fstat(fd.get(), &st) != 0) {
-        report("cannot open backing file %s: %s", spec.file, strerror(errno));
+        report("cannot open backing file %s: %s", panelSpec.file, strerror(errno));
         return false;
     }
-    const auto size = static_cast<off_t>(fakefb::frameSize(spec));
+    const auto size = static_cast<off_t>(fakefb::frameSize(panelSpec));
     if (st.st_size != size && ftruncate(fd.get(), size) != 0) {
-        report("cannot size backing file %s: %s", spec.file, strerror(errno));
+        report("cannot size backing file %s: %s", panelSpec.file, strerror(errno));
         return false;
     }
     return true;
 }
 
-int openPanel(const PanelSpec& spec, int flags) {
-    if (!prepareBackingFile(spec)) {
+int openPanel(const PanelSpec& panelSpec, int flags) {
+    if (!prepareBackingFile(panelSpec)) {
         return -1;
     }
     // A device node is neither created nor truncated by open.
-    const int fd = openInternal(spec.file, flags & ~(O_CREAT | O_EXCL | O_TRUNC));
+    const int fd = openInternal(panelSpec.file, flags & ~(O_CREAT | O_EXCL | O_TRUNC));
     if (fd < 0) {
         return -1;
     }
@@ -316,15 +316,15 @@ int openPanel(const PanelSpec& spec, int flags) {
         errno = savedErrno;
         return -1;
     }
-    rememberPanel(st, spec);
+    rememberPanel(st, panelSpec);
     return fd;
 }
 
 // True when the path names a configured panel; fd then holds open's result.
 bool routeToPanel(int dirfd, const char* path, int flags, int& fd) {
     const int savedErrno = errno;
-    PanelSpec spec;
-    switch (findConfiguredPanel(dirfd, path, spec)) {
+    PanelSpec panelSpec;
+    switch (findConfiguredPanel(dirfd, path, panelSpec)) {
         case Match::kNone:
             errno = savedErrno;
             return false;
@@ -335,7 +335,7 @@ bool routeToPanel(int dirfd, const char* path, int flags, int& fd) {
         case Match::kPanel:
             break;
     }
-    fd = openPanel(spec, flags);
+    fd = openPanel(panelSpec, flags);
     if (fd >= 0) {
         errno = savedErrno;
     }
@@ -346,13 +346,13 @@ bool needsMode(int flags) {
     return (flags & O_CREAT) != 0 || (flags & O_TMPFILE) == O_TMPFILE;
 }
 
-int fillFixedInfo(const PanelSpec& spec, void* arg) {
+int fillFixedInfo(const PanelSpec& panelSpec, void* arg) {
     fb_fix_screeninfo fix{};
     (void)snprintf(fix.id, sizeof fix.id, "fakefb");  // fits
-    fix.smem_len = static_cast<uint32_t>(fakefb::frameSize(spec));
-    fix.type = spec.type;
-    fix.visual = spec.visual;
-    fix.line_length = spec.lineLength;
+    fix.smem_len = static_cast<uint32_t>(fakefb::frameSize(panelSpec));
+    fix.type = panelSpec.type;
+    fix.visual = panelSpec.visual;
+    fix.line_length = panelSpec.lineLength;
     fix.accel = FB_ACCEL_NONE;
     memcpy(arg, &fix, sizeof fix);
     return 0;
@@ -365,15 +365,15 @@ fb_bitfield bitfield(const fakefb::ChannelSpec& channel) {
     return field;
 }
 
-int fillVariableInfo(const PanelSpec& spec, void* arg) {
+int fillVariableInfo(const PanelSpec& panelSpec, void* arg) {
     fb_var_screeninfo var{};
-    var.xres = var.xres_virtual = spec.width;
-    var.yres = var.yres_virtual = spec.height;
-    var.bits_per_pixel = spec.bpp;
-    var.red = bitfield(spec.red);
-    var.green = bitfield(spec.green);
-    var.blue = bitfield(spec.blue);
-    var.transp = bitfield(spec.transp);
+    var.xres = var.xres_virtual = panelSpec.width;
+    var.yres = var.yres_virtual = panelSpec.height;
+    var.bits_per_pixel = panelSpec.bpp;
+    var.red = bitfield(panelSpec.red);
+    var.green = bitfield(panelSpec.green);
+    var.blue = bitfield(panelSpec.blue);
+    var.transp = bitfield(panelSpec.transp);
     memcpy(arg, &var, sizeof var);
     return 0;
 }
@@ -390,9 +390,9 @@ void copyEntries(uint16_t* dst, const uint16_t* src, const fb_cmap& cmap) {
 std::mutex gCmapLock;
 
 // The device keeps its colour map between writes: merge into the recorded map.
-int putColourMap(const PanelSpec& spec, void* arg) {
+int putColourMap(const PanelSpec& panelSpec, void* arg) {
     // A truecolor device has no programmable map; the kernel refuses 256 entries.
-    if (spec.visual == fakefb::kVisualTruecolor) {
+    if (panelSpec.visual == fakefb::kVisualTruecolor) {
         return failWith(EINVAL);
     }
     fb_cmap cmap{};
@@ -406,8 +406,8 @@ int putColourMap(const PanelSpec& spec, void* arg) {
     }
     char path[fakefb::kPathMax];
     char tmpPath[fakefb::kPathMax];
-    if (!fakefb::sidePath(spec.file, ".cmap", path, sizeof path) ||
-        !fakefb::sidePath(spec.file, ".cmap.tmp", tmpPath, sizeof tmpPath)) {
+    if (!fakefb::sidePath(panelSpec.file, ".cmap", path, sizeof path) ||
+        !fakefb::sidePath(panelSpec.file, ".cmap.tmp", tmpPath, sizeof tmpPath)) {
         return failWith(ENAMETOOLONG);
     }
     const std::lock_guard<std::mutex> lock(gCmapLock);
@@ -437,7 +437,7 @@ int putColourMap(const PanelSpec& spec, void* arg) {
 
 struct PanelIoctl {
     unsigned long request;
-    int (*answer)(const PanelSpec& spec, void* arg);
+    int (*answer)(const PanelSpec& panelSpec, void* arg);
 };
 
 constexpr PanelIoctl kPanelIoctls[] = {
@@ -446,10 +446,10 @@ constexpr PanelIoctl kPanelIoctls[] = {
     {FBIOPUTCMAP, putColourMap},
 };
 
-int panelIoctl(const PanelSpec& spec, unsigned long request, void* arg) {
+int panelIoctl(const PanelSpec& panelSpec, unsigned long request, void* arg) {
     for (const auto& entry : kPanelIoctls) {
         if (entry.request == request) {
-            return arg == nullptr ? failWith(EFAULT) : entry.answer(spec, arg);
+            return arg == nullptr ? failWith(EFAULT) : entry.answer(panelSpec, arg);
         }
     }
     return failWith(ENOTTY);
@@ -563,9 +563,9 @@ FAKEFB_EXPORT int ioctl(int fd, unsigned long request, ...) {
     va_start(ap, request);
     void* arg = va_arg(ap, void*);
     va_end(ap);
-    PanelSpec spec;
-    if (findOpenPanel(fd, spec)) {
-        return panelIoctl(spec, request, arg);
+    PanelSpec panelSpec;
+    if (findOpenPanel(fd, panelSpec)) {
+        return panelIoctl(panelSpec, request, arg);
     }
     const auto next = real<IoctlFn>(kIoctl);
     return next == nullptr ? -1 : next(fd, request, arg);

@@ -73,13 +73,13 @@ const option kOptions[] = {
 struct PanelArgs {
     std::string device = "/dev/fb2";
     std::string file;
-    PanelSpec spec;
+    PanelSpec panelSpec;
     unsigned given = fakefb::kGivenNone;
 
     PanelArgs() {
-        spec.width = 240;
-        spec.height = 240;
-        spec.bpp = 16;
+        panelSpec.width = 240;
+        panelSpec.height = 240;
+        panelSpec.bpp = 16;
     }
 };
 
@@ -101,16 +101,16 @@ bool parseNumber(const char* text, uint32_t& value) {
     return true;
 }
 
-void parseSize(const std::string& text, PanelSpec& spec) {
+void parseSize(const std::string& text, PanelSpec& panelSpec) {
     const auto x = text.find('x');
-    if (x == std::string::npos || !parseNumber(text.substr(0, x).c_str(), spec.width) ||
-        !parseNumber(text.substr(x + 1).c_str(), spec.height)) {
+    if (x == std::string::npos || !parseNumber(text.substr(0, x).c_str(), panelSpec.width) ||
+        !parseNumber(text.substr(x + 1).c_str(), panelSpec.height)) {
         throw UsageError{"bad --size \"" + text + "\": expected WIDTHxHEIGHT, e.g. 240x240"};
     }
 }
 
-void parseRgb(const std::string& text, PanelSpec& spec) {
-    fakefb::ChannelSpec* channels[] = {&spec.red, &spec.green, &spec.blue};
+void parseRgb(const std::string& text, PanelSpec& panelSpec) {
+    fakefb::ChannelSpec* channels[] = {&panelSpec.red, &panelSpec.green, &panelSpec.blue};
     std::size_t pos = 0;
     for (std::size_t i = 0; i < 3; ++i) {
         const auto comma = text.find(',', pos);
@@ -130,31 +130,31 @@ void applyOption(int opt, const char* arg, PanelArgs& panel) {
             panel.device = arg;
             break;
         case 's':
-            parseSize(arg, panel.spec);
+            parseSize(arg, panel.panelSpec);
             break;
         case 'b':
-            if (!parseNumber(arg, panel.spec.bpp)) {
+            if (!parseNumber(arg, panel.panelSpec.bpp)) {
                 throw UsageError{std::string("bad --bpp \"") + arg + "\""};
             }
             break;
         case 'r':
-            parseRgb(arg, panel.spec);
+            parseRgb(arg, panel.panelSpec);
             panel.given |= fakefb::kGivenChannels;
             break;
         case 't':
-            if (!fakefb::parseChannel(arg, panel.spec.transp)) {
+            if (!fakefb::parseChannel(arg, panel.panelSpec.transp)) {
                 throw UsageError{std::string("bad --transp \"") + arg + "\": expected O/L"};
             }
             panel.given |= fakefb::kGivenTransp;
             break;
         case 'l':
-            if (!parseNumber(arg, panel.spec.lineLength)) {
+            if (!parseNumber(arg, panel.panelSpec.lineLength)) {
                 throw UsageError{std::string("bad --line-length \"") + arg + "\""};
             }
             panel.given |= fakefb::kGivenLineLength;
             break;
         case 'v':
-            if (!fakefb::parseVisual(arg, panel.spec.visual)) {
+            if (!fakefb::parseVisual(arg, panel.panelSpec.visual)) {
                 throw UsageError{std::string("bad --visual \"") + arg +
                                  "\": expected truecolor, directcolor or pseudocolor"};
             }
@@ -179,18 +179,18 @@ PanelSpec finishPanel(PanelArgs& panel) {
     if (panel.file.empty()) {
         panel.file = fs::path(panel.device).filename().string() + ".raw";
     }
-    PanelSpec spec = panel.spec;
-    copyInto(spec.device, panel.device, "device path");
-    copyInto(spec.file, fs::absolute(panel.file).lexically_normal().string(), "file path");
-    if (!fakefb::applyDepthDefaults(spec, panel.given)) {
-        throw UsageError{"bad --bpp " + std::to_string(spec.bpp) +
+    PanelSpec panelSpec = panel.panelSpec;
+    copyInto(panelSpec.device, panel.device, "device path");
+    copyInto(panelSpec.file, fs::absolute(panel.file).lexically_normal().string(), "file path");
+    if (!fakefb::applyDepthDefaults(panelSpec, panel.given)) {
+        throw UsageError{"bad --bpp " + std::to_string(panelSpec.bpp) +
                          ": expected 8, 15, 16, 24 or 32"};
     }
     char error[fakefb::kErrorMax];
-    if (!fakefb::validateSpec(spec, error, sizeof error)) {
-        throw UsageError{std::string("panel ") + spec.device + ": " + error};
+    if (!fakefb::validateSpec(panelSpec, error, sizeof error)) {
+        throw UsageError{std::string("panel ") + panelSpec.device + ": " + error};
     }
-    return spec;
+    return panelSpec;
 }
 
 void checkDistinct(const std::vector<PanelSpec>& panels) {
@@ -261,27 +261,28 @@ bool writeText(const std::string& path, const char* text, std::size_t len) {
 }
 
 // Sizes the backing file, writes FILE.geom and forgets an old colour map.
-bool preparePanel(const PanelSpec& spec) {
-    const int fd = open(spec.file, O_RDWR | O_CREAT | O_CLOEXEC, 0644);
-    const bool sized = fd >= 0 && ftruncate(fd, static_cast<off_t>(fakefb::frameSize(spec))) == 0;
+bool preparePanel(const PanelSpec& panelSpec) {
+    const int fd = open(panelSpec.file, O_RDWR | O_CREAT | O_CLOEXEC, 0644);
+    const bool sized =
+        fd >= 0 && ftruncate(fd, static_cast<off_t>(fakefb::frameSize(panelSpec))) == 0;
     const int err = errno;
     if (fd >= 0) {
         (void)close(fd);  // nothing was written through it
     }
     if (!sized) {
-        fprintf(stderr, "fakefb-run: cannot create backing file %s: %s\n", spec.file,
+        fprintf(stderr, "fakefb-run: cannot create backing file %s: %s\n", panelSpec.file,
                 strerror(err));
         return false;
     }
     char text[2 * fakefb::kPathMax + 512];
-    const int n = fakefb::formatSpec(spec, text, sizeof text);
-    const std::string geom = std::string(spec.file) + ".geom";
+    const int n = fakefb::formatSpec(panelSpec, text, sizeof text);
+    const std::string geom = std::string(panelSpec.file) + ".geom";
     if (n < 0 || !writeText(geom, text, static_cast<std::size_t>(n))) {
         fprintf(stderr, "fakefb-run: cannot write %s\n", geom.c_str());
         return false;
     }
     std::error_code ignored;  // absent is what we want
-    fs::remove(std::string(spec.file) + ".cmap", ignored);
+    fs::remove(std::string(panelSpec.file) + ".cmap", ignored);
     return true;
 }
 
@@ -301,11 +302,11 @@ int run(const Invocation& inv) {
         return kCannotRun;
     }
     std::string configs;
-    for (const auto& spec : inv.panels) {
-        if (!preparePanel(spec)) {
+    for (const auto& panelSpec : inv.panels) {
+        if (!preparePanel(panelSpec)) {
             return kCannotRun;
         }
-        configs += (configs.empty() ? "" : ":") + std::string(spec.file) + ".geom";
+        configs += (configs.empty() ? "" : ":") + std::string(panelSpec.file) + ".geom";
     }
     (void)setenv("FAKEFB_CONFIG", configs.c_str(), 1);  // only fails on ENOMEM
     joinIntoVariable("LD_PRELOAD", library, true);

@@ -120,14 +120,14 @@ PanelSpec loadGeometry(const std::string& path) {
     if (!readFile(path, text)) {
         throw Failure{kFailure, "cannot read geometry " + path + ": " + strerror(errno)};
     }
-    PanelSpec spec;
+    PanelSpec panelSpec;
     char error[fakefb::kErrorMax];
     const std::string dir =
         path.find('/') == std::string::npos ? std::string() : path.substr(0, path.rfind('/'));
-    if (!fakefb::parseSpec(text.data(), text.size(), dir.c_str(), spec, error, sizeof error)) {
+    if (!fakefb::parseSpec(text.data(), text.size(), dir.c_str(), panelSpec, error, sizeof error)) {
         throw Failure{kFailure, path + ": " + error};
     }
-    return spec;
+    return panelSpec;
 }
 
 // False when no colour map was recorded.
@@ -171,53 +171,54 @@ uint8_t mapEntry(const uint16_t* table, uint32_t index) {
     return index < fakefb::kCmapEntries ? static_cast<uint8_t>(table[index] >> 8) : 0;
 }
 
-cv::Vec3b decodePixel(const PanelSpec& spec, uint32_t pixel, const ColourMapRecord* map) {
-    if (spec.visual == fakefb::kVisualPseudocolor) {
+cv::Vec3b decodePixel(const PanelSpec& panelSpec, uint32_t pixel, const ColourMapRecord* map) {
+    if (panelSpec.visual == fakefb::kVisualPseudocolor) {
         return {mapEntry(map->blue, pixel), mapEntry(map->green, pixel), mapEntry(map->red, pixel)};
     }
-    const uint32_t r = extract(pixel, spec.red);
-    const uint32_t g = extract(pixel, spec.green);
-    const uint32_t b = extract(pixel, spec.blue);
-    if (spec.visual == fakefb::kVisualDirectcolor && map != nullptr) {
+    const uint32_t r = extract(pixel, panelSpec.red);
+    const uint32_t g = extract(pixel, panelSpec.green);
+    const uint32_t b = extract(pixel, panelSpec.blue);
+    if (panelSpec.visual == fakefb::kVisualDirectcolor && map != nullptr) {
         return {mapEntry(map->blue, b), mapEntry(map->green, g), mapEntry(map->red, r)};
     }
-    return {scaleTo8Bits(b, spec.blue.length), scaleTo8Bits(g, spec.green.length),
-            scaleTo8Bits(r, spec.red.length)};
+    return {scaleTo8Bits(b, panelSpec.blue.length), scaleTo8Bits(g, panelSpec.green.length),
+            scaleTo8Bits(r, panelSpec.red.length)};
 }
 
-cv::Mat decodeFrame(const PanelSpec& spec, const std::string& data, const ColourMapRecord* map) {
-    if (data.size() < fakefb::frameSize(spec)) {
+cv::Mat decodeFrame(const PanelSpec& panelSpec, const std::string& data,
+                    const ColourMapRecord* map) {
+    if (data.size() < fakefb::frameSize(panelSpec)) {
         throw Failure{kFailure, "backing file holds " + std::to_string(data.size()) +
                                     " bytes, the frame needs " +
-                                    std::to_string(fakefb::frameSize(spec))};
+                                    std::to_string(fakefb::frameSize(panelSpec))};
     }
-    cv::Mat image(static_cast<int>(spec.height), static_cast<int>(spec.width), CV_8UC3);
+    cv::Mat image(static_cast<int>(panelSpec.height), static_cast<int>(panelSpec.width), CV_8UC3);
     const auto* bytes = reinterpret_cast<const uint8_t*>(data.data());
-    const uint32_t bpp = fakefb::bytesPerPixel(spec);
-    for (uint32_t y = 0; y < spec.height; ++y) {
-        const uint8_t* line = bytes + static_cast<uint64_t>(y) * spec.lineLength;
+    const uint32_t bpp = fakefb::bytesPerPixel(panelSpec);
+    for (uint32_t y = 0; y < panelSpec.height; ++y) {
+        const uint8_t* line = bytes + static_cast<uint64_t>(y) * panelSpec.lineLength;
         auto* out = image.ptr<cv::Vec3b>(static_cast<int>(y));
-        for (uint32_t x = 0; x < spec.width; ++x) {
-            out[x] =
-                decodePixel(spec, readPixel(line + static_cast<std::size_t>(x) * bpp, bpp), map);
+        for (uint32_t x = 0; x < panelSpec.width; ++x) {
+            out[x] = decodePixel(panelSpec,
+                                 readPixel(line + static_cast<std::size_t>(x) * bpp, bpp), map);
         }
     }
     return image;
 }
 
 int snapshot(const Options& options) {
-    const PanelSpec spec = loadGeometry(options.geometry);
+    const PanelSpec panelSpec = loadGeometry(options.geometry);
     std::string data;
     if (!readFile(options.input, data)) {
         throw Failure{kFailure, "cannot read " + options.input + ": " + strerror(errno)};
     }
     ColourMapRecord map;
     const bool haveMap = loadColourMap(options.cmap, map);
-    if (spec.visual == fakefb::kVisualPseudocolor && !haveMap) {
+    if (panelSpec.visual == fakefb::kVisualPseudocolor && !haveMap) {
         throw Failure{kFailure, "pseudo-colour panel without a colour map: " + options.cmap +
                                     " is missing (nothing called FBIOPUTCMAP)"};
     }
-    cv::Mat image = decodeFrame(spec, data, haveMap ? &map : nullptr);
+    cv::Mat image = decodeFrame(panelSpec, data, haveMap ? &map : nullptr);
     if (options.scale > 1) {
         cv::Mat large;
         cv::resize(image, large, cv::Size(), options.scale, options.scale, cv::INTER_NEAREST);
