@@ -45,44 +45,45 @@ struct Options {
 };
 
 void usage(FILE* out, const char* prog) {
-    fprintf(out,
-            "Usage: %1$s [OPTIONS] PROCESS FUNCTION [REQUEST]\n"
-            "       %1$s [OPTIONS] --list PROCESS\n"
-            "       %1$s [OPTIONS] --show-gui NAME [--brightness PERCENT]\n"
-            "       %1$s [OPTIONS] --show-text TEXT [--size PIXELS] [--brightness PERCENT]\n"
-            "\n"
-            "Calls FUNCTION of the process registered on the IPC bus as PROCESS with REQUEST, a\n"
-            "JSON object (default {}), and prints the response object as JSON.\n"
-            "\n"
-            "Options:\n"
-            "  -y, --system           use the system bus (default; honours DBUS_SYSTEM_BUS_ADDRESS)\n"
-            "  -u, --session          use the user's session bus\n"
-            "  -a, --address ADDRESS  use the bus at ADDRESS (e.g. unix:path=/run/bus.socket)\n"
-            "  -n, --no-reply         send the request without waiting for a response\n"
-            "  -t, --timeout MS       wait at most MS milliseconds for the response (default 5000)\n"
-            "  -l, --list             list the functions that PROCESS serves\n"
-            "  -i, --indent N         indent the printed JSON by N (default 2; -1: one line)\n"
-            "  -h, --help             show this help\n"
-            "\n"
-            "Short forms for the LCD panel daemon (PROCESS %2$s):\n"
-            "  -g, --show-gui NAME    ShowGui of the configured screen NAME (\"\" keeps the screen)\n"
-            "  -s, --show-text TEXT   ShowSimpleScreen of TEXT, centred on the panel\n"
-            "  -S, --size PIXELS      font size for --show-text (default 24)\n"
-            "  -b, --brightness PCT   backlight percentage for either short form\n"
-            "\n"
-            "JSON integers travel as 32-bit (or 64-bit) integers, fractions as doubles, objects\n"
-            "as a{sv}, arrays as av. The process name maps to the bus name dravik.ipc.PROCESS and\n"
-            "the object path /dravik/ipc/PROCESS.\n"
-            "\n"
-            "Exit status: 0 response with \"statusCode\" 0 (or sent without reply); 1 response\n"
-            "with another \"statusCode\"; 2 bad usage or request; 3 the call failed with a D-Bus\n"
-            "error (printed); 4 the bus cannot be reached.\n"
-            "\n"
-            "Examples:\n"
-            "  %1$s %2$s ShowGui '{\"guiId\": \"boot\", \"brightness\": 80}'\n"
-            "  %1$s -g update -b 100\n"
-            "  %1$s --no-reply %2$s ShowSimpleScreen '{\"text\": {\"str\": \"Hi\", \"size\": 30}}'\n",
-            prog, kDaemon);
+    fprintf(
+        out,
+        "Usage: %1$s [OPTIONS] PROCESS FUNCTION [REQUEST]\n"
+        "       %1$s [OPTIONS] --list PROCESS\n"
+        "       %1$s [OPTIONS] --show-gui NAME [--brightness PERCENT]\n"
+        "       %1$s [OPTIONS] --show-text TEXT [--size PIXELS] [--brightness PERCENT]\n"
+        "\n"
+        "Calls FUNCTION of the process registered on the IPC bus as PROCESS with REQUEST, a\n"
+        "JSON object (default {}), and prints the response object as JSON.\n"
+        "\n"
+        "Options:\n"
+        "  -y, --system           use the system bus (default; honours DBUS_SYSTEM_BUS_ADDRESS)\n"
+        "  -u, --session          use the user's session bus\n"
+        "  -a, --address ADDRESS  use the bus at ADDRESS (e.g. unix:path=/run/bus.socket)\n"
+        "  -n, --no-reply         send the request without waiting for a response\n"
+        "  -t, --timeout MS       wait at most MS milliseconds for the response (default 5000)\n"
+        "  -l, --list             list the functions that PROCESS serves\n"
+        "  -i, --indent N         indent the printed JSON by N (default 2; -1: one line)\n"
+        "  -h, --help             show this help\n"
+        "\n"
+        "Short forms for the LCD panel daemon (PROCESS %2$s):\n"
+        "  -g, --show-gui NAME    ShowGui of the configured screen NAME (\"\" keeps the screen)\n"
+        "  -s, --show-text TEXT   ShowSimpleScreen of TEXT, centred on the panel\n"
+        "  -S, --size PIXELS      font size for --show-text (default 24)\n"
+        "  -b, --brightness PCT   backlight percentage for either short form\n"
+        "\n"
+        "JSON integers travel as 32-bit (or 64-bit) integers, fractions as doubles, objects\n"
+        "as a{sv}, arrays as av. The process name maps to the bus name dravik.ipc.PROCESS and\n"
+        "the object path /dravik/ipc/PROCESS.\n"
+        "\n"
+        "Exit status: 0 response with \"statusCode\" 0 (or sent without reply); 1 response\n"
+        "with another \"statusCode\"; 2 bad usage or request; 3 the call failed with a D-Bus\n"
+        "error (printed); 4 the bus cannot be reached.\n"
+        "\n"
+        "Examples:\n"
+        "  %1$s %2$s ShowGui '{\"guiId\": \"boot\", \"brightness\": 80}'\n"
+        "  %1$s -g update -b 100\n"
+        "  %1$s --no-reply %2$s ShowSimpleScreen '{\"text\": {\"str\": \"Hi\", \"size\": 30}}'\n",
+        prog, kDaemon);
 }
 
 // The bus name and object path of a process: each character outside
@@ -115,24 +116,24 @@ BusPtr connect(const Options& o) {
     sd_bus* bus = nullptr;
     int r = 0;
     switch (o.bus) {
-    case Options::Bus::kSystem:
-        r = sd_bus_open_system(&bus);
-        break;
-    case Options::Bus::kSession:
-        r = sd_bus_open_user(&bus);
-        break;
-    case Options::Bus::kAddress:
-        r = sd_bus_new(&bus);
-        if (r >= 0) {
-            r = sd_bus_set_address(bus, o.address.c_str());
-        }
-        if (r >= 0) {
-            r = sd_bus_set_bus_client(bus, 1);
-        }
-        if (r >= 0) {
-            r = sd_bus_start(bus);
-        }
-        break;
+        case Options::Bus::kSystem:
+            r = sd_bus_open_system(&bus);
+            break;
+        case Options::Bus::kSession:
+            r = sd_bus_open_user(&bus);
+            break;
+        case Options::Bus::kAddress:
+            r = sd_bus_new(&bus);
+            if (r >= 0) {
+                r = sd_bus_set_address(bus, o.address.c_str());
+            }
+            if (r >= 0) {
+                r = sd_bus_set_bus_client(bus, 1);
+            }
+            if (r >= 0) {
+                r = sd_bus_start(bus);
+            }
+            break;
     }
     if (r < 0) {
         fprintf(stderr, "ipc_call: cannot connect to the bus: %s\n", strerror(-r));
@@ -153,9 +154,9 @@ int listFunctions(sd_bus* bus, const std::string& process) {
     const std::string id = escaped(process);
     BusError error;
     sd_bus_message* reply = nullptr;
-    const int r = sd_bus_call_method(bus, ("dravik.ipc." + id).c_str(), ("/dravik/ipc/" + id).c_str(),
-                                     "org.freedesktop.DBus.Introspectable", "Introspect",
-                                     &error.error, &reply, "");
+    const int r = sd_bus_call_method(
+        bus, ("dravik.ipc." + id).c_str(), ("/dravik/ipc/" + id).c_str(),
+        "org.freedesktop.DBus.Introspectable", "Introspect", &error.error, &reply, "");
     MessagePtr owned(reply);
     if (r < 0) {
         fprintf(stderr, "ipc_call: %s: %s\n", error.error.name ? error.error.name : "error",
@@ -188,9 +189,9 @@ int call(sd_bus* bus, const Options& o, const std::string& process, const std::s
          const Variant& request) {
     const std::string id = escaped(process);
     sd_bus_message* raw = nullptr;
-    int r = sd_bus_message_new_method_call(bus, &raw, ("dravik.ipc." + id).c_str(),
-                                           ("/dravik/ipc/" + id).c_str(), kInterface,
-                                           function.c_str());
+    int r =
+        sd_bus_message_new_method_call(bus, &raw, ("dravik.ipc." + id).c_str(),
+                                       ("/dravik/ipc/" + id).c_str(), kInterface, function.c_str());
     MessagePtr message(raw);
     if (r < 0) {
         fprintf(stderr, "ipc_call: cannot build a call of '%s': %s\n", function.c_str(),
@@ -237,12 +238,18 @@ int call(sd_bus* bus, const Options& o, const std::string& process, const std::s
 
 int main(int argc, char** argv) {
     static const option kOptions[] = {
-        {"system", no_argument, nullptr, 'y'},       {"session", no_argument, nullptr, 'u'},
-        {"address", required_argument, nullptr, 'a'}, {"no-reply", no_argument, nullptr, 'n'},
-        {"timeout", required_argument, nullptr, 't'}, {"list", no_argument, nullptr, 'l'},
-        {"indent", required_argument, nullptr, 'i'},  {"help", no_argument, nullptr, 'h'},
-        {"show-gui", required_argument, nullptr, 'g'}, {"show-text", required_argument, nullptr, 's'},
-        {"size", required_argument, nullptr, 'S'},    {"brightness", required_argument, nullptr, 'b'},
+        {"system", no_argument, nullptr, 'y'},
+        {"session", no_argument, nullptr, 'u'},
+        {"address", required_argument, nullptr, 'a'},
+        {"no-reply", no_argument, nullptr, 'n'},
+        {"timeout", required_argument, nullptr, 't'},
+        {"list", no_argument, nullptr, 'l'},
+        {"indent", required_argument, nullptr, 'i'},
+        {"help", no_argument, nullptr, 'h'},
+        {"show-gui", required_argument, nullptr, 'g'},
+        {"show-text", required_argument, nullptr, 's'},
+        {"size", required_argument, nullptr, 'S'},
+        {"brightness", required_argument, nullptr, 'b'},
         {nullptr, 0, nullptr, 0},
     };
     Options o;
@@ -250,30 +257,53 @@ int main(int argc, char** argv) {
     int c;
     while ((c = getopt_long(argc, argv, "yua:nt:li:hg:s:S:b:", kOptions, nullptr)) != -1) {
         switch (c) {
-        case 'y': o.bus = Options::Bus::kSystem; break;
-        case 'u': o.bus = Options::Bus::kSession; break;
-        case 'a': o.bus = Options::Bus::kAddress; o.address = optarg; break;
-        case 'n': o.noReply = true; break;
-        case 'l': o.list = true; break;
-        case 'h': usage(stdout, argv[0]); return kOk;
-        case 'g': o.showGui = optarg; o.hasShowGui = true; break;
-        case 's': o.showText = optarg; o.hasShowText = true; break;
-        case 't':
-        case 'i':
-        case 'S':
-        case 'b':
-            if (!parseLong(optarg, number)) {
-                fprintf(stderr, "ipc_call: '%s' is not a number\n", optarg);
+            case 'y':
+                o.bus = Options::Bus::kSystem;
+                break;
+            case 'u':
+                o.bus = Options::Bus::kSession;
+                break;
+            case 'a':
+                o.bus = Options::Bus::kAddress;
+                o.address = optarg;
+                break;
+            case 'n':
+                o.noReply = true;
+                break;
+            case 'l':
+                o.list = true;
+                break;
+            case 'h':
+                usage(stdout, argv[0]);
+                return kOk;
+            case 'g':
+                o.showGui = optarg;
+                o.hasShowGui = true;
+                break;
+            case 's':
+                o.showText = optarg;
+                o.hasShowText = true;
+                break;
+            case 't':
+            case 'i':
+            case 'S':
+            case 'b':
+                if (!parseLong(optarg, number)) {
+                    fprintf(stderr, "ipc_call: '%s' is not a number\n", optarg);
+                    return kUsage;
+                }
+                if (c == 't')
+                    o.timeoutUs = static_cast<uint64_t>(number > 0 ? number : 1) * 1000u;
+                if (c == 'i')
+                    o.indent = static_cast<int>(number);
+                if (c == 'S')
+                    o.size = number;
+                if (c == 'b')
+                    o.brightness = number;
+                break;
+            default:
+                usage(stderr, argv[0]);
                 return kUsage;
-            }
-            if (c == 't') o.timeoutUs = static_cast<uint64_t>(number > 0 ? number : 1) * 1000u;
-            if (c == 'i') o.indent = static_cast<int>(number);
-            if (c == 'S') o.size = number;
-            if (c == 'b') o.brightness = number;
-            break;
-        default:
-            usage(stderr, argv[0]);
-            return kUsage;
         }
     }
     const int rest = argc - optind;
@@ -329,5 +359,6 @@ int main(int argc, char** argv) {
     if (!bus) {
         return kNoBus;
     }
-    return o.list ? listFunctions(bus.get(), process) : call(bus.get(), o, process, function, request);
+    return o.list ? listFunctions(bus.get(), process)
+                  : call(bus.get(), o, process, function, request);
 }
