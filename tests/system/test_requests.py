@@ -5,6 +5,7 @@ import subprocess
 import time
 
 import dbus
+import dbus.lowlevel
 import pytest
 
 from daemon import BUS_NAME, INTERFACE, OBJECT_PATH, bin_dir, wait_for
@@ -156,11 +157,20 @@ def test_full_round(daemon):
 def test_survives_a_burst_and_malformed_calls(daemon):
     started(daemon)
     connection = daemon.bus.connection()
-    method = daemon.method("ShowGui")
     names = ["logo", "hello", "spinner", "standby", "update", "boot", "nosuch"]
+    # A burst of 1,000 requests flagged NO_REPLY_EXPECTED, all queued at once
+    # (requests that wait for replies would hit the bus's limit of pending
+    # replies per connection first), then one that waits: it is answered only
+    # after the daemon has worked through the whole burst.
     for i in range(1000):
-        method(dbus.Dictionary({"guiId": names[i % len(names)]}, signature="sv"),
-               ignore_reply=True)
+        message = dbus.lowlevel.MethodCallMessage(BUS_NAME, OBJECT_PATH, INTERFACE, "ShowGui")
+        message.append(dbus.Dictionary({"guiId": names[i % len(names)]}, signature="sv"),
+                       signature="a{sv}")
+        message.set_no_reply(True)
+        connection.send_message(message)
+    assert daemon.call("ShowGui", {"guiId": "logo"}, timeout=60)["statusCode"] == 0
+    assert daemon.process.poll() is None
+    assert daemon.log().count("Could not find gui id 'nosuch'") == 142  # every 7th of 1,000
     proxy = connection.get_object(BUS_NAME, OBJECT_PATH, introspect=False)
     malformed = [
         ("ShowGui", "s", ("not a dict",)),
