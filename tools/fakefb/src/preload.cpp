@@ -462,100 +462,68 @@ FAKEFB_EXPORT int fakefb_preloaded(void) {
     return 1;
 }
 
-FAKEFB_EXPORT int open(const char* path, int flags, ...) {
-    va_list ap;
-    va_start(ap, flags);
-    // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized): started just above
-    const mode_t mode = needsMode(flags) ? va_arg(ap, mode_t) : 0;
-    va_end(ap);
+// Every open entry point: a configured panel path opens its backing file;
+// anything else goes to the next definition of the same entry point, called
+// with `nextArgs` (its own argument list).
+template <typename Fn, typename... Args>
+int routeOrForward(RealIndex index, int dirfd, const char* path, int flags, Args... nextArgs) {
     int fd = -1;
-    if (routeToPanel(AT_FDCWD, path, flags, fd)) {
+    if (routeToPanel(dirfd, path, flags, fd)) {
         return fd;
     }
-    const auto next = real<OpenFn>(kOpen);
-    return next == nullptr ? -1 : next(path, flags, mode);
+    const auto next = real<Fn>(index);
+    return next == nullptr ? -1 : next(nextArgs...);
+}
+
+// The mode argument of a variadic open: present only when the flags create a file.
+#define FAKEFB_MODE_ARGUMENT(flags, mode)                                        \
+    mode_t mode = 0;                                                             \
+    do {                                                                         \
+        va_list ap;                                                              \
+        va_start(ap, flags);                                                     \
+        /* NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized): started above */ \
+        mode = needsMode(flags) ? va_arg(ap, mode_t) : 0;                        \
+        va_end(ap);                                                              \
+    } while (0)
+
+FAKEFB_EXPORT int open(const char* path, int flags, ...) {
+    FAKEFB_MODE_ARGUMENT(flags, mode);
+    return routeOrForward<OpenFn>(kOpen, AT_FDCWD, path, flags, path, flags, mode);
 }
 
 FAKEFB_EXPORT int open64(const char* path, int flags, ...) {
-    va_list ap;
-    va_start(ap, flags);
-    // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized): started just above
-    const mode_t mode = needsMode(flags) ? va_arg(ap, mode_t) : 0;
-    va_end(ap);
-    int fd = -1;
-    if (routeToPanel(AT_FDCWD, path, flags, fd)) {
-        return fd;
-    }
-    const auto next = real<OpenFn>(kOpen64);
-    return next == nullptr ? -1 : next(path, flags, mode);
+    FAKEFB_MODE_ARGUMENT(flags, mode);
+    return routeOrForward<OpenFn>(kOpen64, AT_FDCWD, path, flags, path, flags, mode);
 }
 
 // NOLINTNEXTLINE(bugprone-reserved-identifier): glibc's fortified entry point
 FAKEFB_EXPORT int __open_2(const char* path, int flags) {
-    int fd = -1;
-    if (routeToPanel(AT_FDCWD, path, flags, fd)) {
-        return fd;
-    }
-    const auto next = real<Open2Fn>(kOpen2);
-    return next == nullptr ? -1 : next(path, flags);
+    return routeOrForward<Open2Fn>(kOpen2, AT_FDCWD, path, flags, path, flags);
 }
 
 // NOLINTNEXTLINE(bugprone-reserved-identifier): glibc's fortified entry point
 FAKEFB_EXPORT int __open64_2(const char* path, int flags) {
-    int fd = -1;
-    if (routeToPanel(AT_FDCWD, path, flags, fd)) {
-        return fd;
-    }
-    const auto next = real<Open2Fn>(kOpen64_2);
-    return next == nullptr ? -1 : next(path, flags);
+    return routeOrForward<Open2Fn>(kOpen64_2, AT_FDCWD, path, flags, path, flags);
 }
 
 FAKEFB_EXPORT int openat(int dirfd, const char* path, int flags, ...) {
-    va_list ap;
-    va_start(ap, flags);
-    // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized): started just above
-    const mode_t mode = needsMode(flags) ? va_arg(ap, mode_t) : 0;
-    va_end(ap);
-    int fd = -1;
-    if (routeToPanel(dirfd, path, flags, fd)) {
-        return fd;
-    }
-    const auto next = real<OpenAtFn>(kOpenat);
-    return next == nullptr ? -1 : next(dirfd, path, flags, mode);
+    FAKEFB_MODE_ARGUMENT(flags, mode);
+    return routeOrForward<OpenAtFn>(kOpenat, dirfd, path, flags, dirfd, path, flags, mode);
 }
 
 FAKEFB_EXPORT int openat64(int dirfd, const char* path, int flags, ...) {
-    va_list ap;
-    va_start(ap, flags);
-    // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized): started just above
-    const mode_t mode = needsMode(flags) ? va_arg(ap, mode_t) : 0;
-    va_end(ap);
-    int fd = -1;
-    if (routeToPanel(dirfd, path, flags, fd)) {
-        return fd;
-    }
-    const auto next = real<OpenAtFn>(kOpenat64);
-    return next == nullptr ? -1 : next(dirfd, path, flags, mode);
+    FAKEFB_MODE_ARGUMENT(flags, mode);
+    return routeOrForward<OpenAtFn>(kOpenat64, dirfd, path, flags, dirfd, path, flags, mode);
 }
 
 // NOLINTNEXTLINE(bugprone-reserved-identifier): glibc's fortified entry point
 FAKEFB_EXPORT int __openat_2(int dirfd, const char* path, int flags) {
-    int fd = -1;
-    if (routeToPanel(dirfd, path, flags, fd)) {
-        return fd;
-    }
-    const auto next = real<OpenAt2Fn>(kOpenat2);
-    return next == nullptr ? -1 : next(dirfd, path, flags);
+    return routeOrForward<OpenAt2Fn>(kOpenat2, dirfd, path, flags, dirfd, path, flags);
 }
 
 // NOLINTNEXTLINE(bugprone-reserved-identifier): glibc's fortified entry point
 FAKEFB_EXPORT int __openat64_2(int dirfd, const char* path, int flags) {
-    int fd = -1;
-    if (routeToPanel(dirfd, path, flags, fd)) {
-        return fd;
-    }
-    const auto next = real<OpenAt2Fn>(kOpenat64_2);
-    return next == nullptr ? -1 : next(dirfd, path, flags);
+    return routeOrForward<OpenAt2Fn>(kOpenat64_2, dirfd, path, flags, dirfd, path, flags);
 }
 
 FAKEFB_EXPORT int ioctl(int fd, unsigned long request, ...) {
