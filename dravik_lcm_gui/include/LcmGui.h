@@ -113,6 +113,7 @@ private:
 
     static constexpr int kDitherSize = 8;
 
+    void boundImageSize();
     [[nodiscard]] bool openDevice();
     [[nodiscard]] bool readFixedInfo();
     [[nodiscard]] bool readVariableInfo();

@@ -7,6 +7,7 @@
 #include <cmath>
 #include <cstring>
 
+#include "ImageCodecs.h"
 #include "LcmGui.h"
 #include "dravik_ipc_messages/messages.h"
 #include "dravik_logger/logger.h"
@@ -87,6 +88,7 @@ bool LcmGui::init(const std::string& device, const std::string& guiId, signed ch
     fbSize = static_cast<uint64_t>(fbVar.yres) * fbFix.line_length;
     DRAVIK_LOG(6, 0, "FB: %dx%d, bits_per_pixel %d, fbSize: %d", fbVar.xres, fbVar.yres,
                fbVar.bits_per_pixel, static_cast<int>(fbSize));
+    boundImageSize();
     if (!mapMemory()) {
         DRAVIK_LOG(3, 0, "mmap failed");
         return false;
@@ -116,6 +118,19 @@ bool LcmGui::init(const std::string& device, const std::string& guiId, signed ch
         return true;
     }
     return showStartupScreen(guiId, brightness);
+}
+
+// The largest image a screen on this panel can use is a strip of the most
+// slides, each as wide as the panel, or a progress bar of two panel heights
+// and an odd row. A file that declares more pixels is refused from its header,
+// so a small file cannot make the daemon allocate far more than the panel.
+void LcmGui::boundImageSize() {
+    const uint64_t area = uint64_t{fbVar.xres} * fbVar.yres;
+    const uint64_t maxPixels =
+        std::max(area * kMaxSlides, uint64_t{fbVar.xres} * (2 * uint64_t{fbVar.yres} + 1));
+    // Only a process that links the codecs itself (a test program) keeps their
+    // default bound; the daemon loads them on its first decode.
+    (void)setImagePixelLimit(maxPixels);
 }
 
 bool LcmGui::openDevice() {

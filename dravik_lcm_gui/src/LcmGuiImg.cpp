@@ -1,7 +1,8 @@
 #include <algorithm>
 #include <array>
-#include <opencv2/imgcodecs.hpp>
 
+#include "GuiPaths.h"
+#include "ImageCodecs.h"
 #include "LcmGui.h"
 #include "dravik_logger/logger.h"
 #include "dravik_utils/utils.h"
@@ -22,26 +23,9 @@ constexpr std::array<int32_t, 64> kBayer8x8 = {
     63, 31, 55, 23, 61, 29, 53, 21,  //
 };
 
-// Images are only read from below these directories; the test is made on the
-// path as given, before links are resolved.
-const char* const kImagePrefixes[] = {"/usr/etc/gui/", "/etc/gui/"};
-
-bool hasAllowedPrefix(const std::string& path) {
-    return std::any_of(std::begin(kImagePrefixes), std::end(kImagePrefixes),
-                       [&](const char* prefix) { return path.rfind(prefix, 0) == 0; });
-}
-
 bool isUsableImage(const cv::Mat& img) {
     return img.data != nullptr && !img.empty() && img.total() != 0 && img.depth() == CV_8U &&
            img.channels() == 3 && img.rows != 0 && img.cols != 0;
-}
-
-cv::Mat readColourImage(const std::string& path) {
-    try {
-        return cv::imread(path, cv::IMREAD_COLOR);
-    } catch (const cv::Exception&) {
-        return {};  // a decoder that gives up on a damaged file is an unreadable file
-    }
 }
 
 // Adds columns [srcX, srcX + w) of rows [srcY, srcY + h) of `img` into columns
@@ -160,20 +144,23 @@ void LcmGui::ditherLineGray(const unsigned char* src, unsigned char* dst, unsign
 // ---- Image elements ----
 
 bool LcmGui::loadImage(const std::string& path, cv::Mat& img, const GuiImgConf& conf) {
-    if (!hasAllowedPrefix(path)) {
+    // The prefix test is made on the lexically normalised path, so that ".."
+    // cannot climb out of the image directories; messages show the path as given.
+    std::string contained;
+    if (!containGuiPath(path, contained)) {
         DRAVIK_LOG(4, 0, "Image path should start with next prefixes:");
-        for (const char* prefix : kImagePrefixes) {
+        for (const char* prefix : kGuiDirectories) {
             DRAVIK_LOG(4, 0, "\t\t%s", prefix);
         }
         return false;
     }
     std::string resolved;
     bool isDirectory = false;  // not used: a directory fails to decode below
-    if (!resolvePath(path.c_str(), resolved, isDirectory, nullptr)) {
+    if (!resolvePath(contained.c_str(), resolved, isDirectory, nullptr)) {
         DRAVIK_LOG(4, 0, "Image '%s' not found", path.c_str());
         return false;
     }
-    img = readColourImage(resolved);
+    img = decodeImageFile(resolved);
     if (!isUsableImage(img)) {
         DRAVIK_LOG(4, 0, "Failed to read UI image from %s", path.c_str());
         img.release();

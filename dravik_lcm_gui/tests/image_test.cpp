@@ -286,6 +286,55 @@ TEST_F(Image, path_outside_prefixes_is_refused_without_reading) {
     unlink(tmpImage.c_str());
 }
 
+TEST_F(Image, path_that_climbs_out_with_dot_dot_is_refused_without_reading) {
+    REQUIRE_PRIVATE_GUI_PATHS();
+    const std::string outside = "/tmp/lcm_gui_escape_" + std::to_string(getpid()) + ".png";
+    ASSERT_TRUE(cv::imwrite(outside, solid(4, 4, cv::Scalar::all(1))));
+    for (const std::string& path :
+         {"/usr/etc/gui/../../.." + outside, "/etc/gui/images/../../../.." + outside,
+          "/etc/gui/./../gui/../../.." + outside, "/usr/etc/gui//..//..//.." + outside}) {
+        SCOPED_TRACE(path);
+        LogCapture capture;
+        cv::Mat img = solid(2, 2, cv::Scalar::all(3));
+        EXPECT_FALSE(gui.loadImage(path, img, imgConf(kAnimStatic)));
+        ASSERT_EQ(capture.records.size(), 3U);
+        EXPECT_EQ(capture.records[0].message, "Image path should start with next prefixes:");
+        EXPECT_EQ(capture.records[1].message, "\t\t/usr/etc/gui/");
+        EXPECT_EQ(capture.records[2].message, "\t\t/etc/gui/");
+        EXPECT_EQ(img.at<cv::Vec3b>(1, 1), cv::Vec3b(3, 3, 3));  // no file was read into it
+    }
+    unlink(outside.c_str());
+}
+
+TEST_F(Image, dot_dot_that_stays_inside_is_followed) {
+    REQUIRE_PRIVATE_GUI_PATHS();
+    ASSERT_FALSE(writeGuiImage("inside.png", columnRamp(8, 6), "/etc/gui").empty());
+    for (const std::string& path : {std::string("/etc/gui/nowhere/../inside.png"),
+                                    std::string("/etc/gui/a/b/../../inside.png"),
+                                    std::string("/usr/etc/gui/../../../etc/gui/inside.png")}) {
+        SCOPED_TRACE(path);
+        LogCapture capture;
+        cv::Mat img;
+        EXPECT_TRUE(gui.loadImage(path, img, imgConf(kAnimStatic)));
+        EXPECT_TRUE(capture.records.empty());
+        EXPECT_EQ(img.size(), cv::Size(8, 6));
+    }
+}
+
+TEST_F(Image, links_inside_the_image_directories_are_followed) {
+    REQUIRE_PRIVATE_GUI_PATHS();
+    const std::string target = "/tmp/lcm_gui_link_target_" + std::to_string(getpid()) + ".png";
+    ASSERT_TRUE(cv::imwrite(target, columnRamp(5, 7)));
+    const std::string link = "/usr/etc/gui/linked.png";
+    unlink(link.c_str());
+    ASSERT_EQ(symlink(target.c_str(), link.c_str()), 0);
+    cv::Mat img;
+    EXPECT_TRUE(gui.loadImage(link, img, imgConf(kAnimStatic)));
+    EXPECT_EQ(img.size(), cv::Size(5, 7));
+    unlink(link.c_str());
+    unlink(target.c_str());
+}
+
 TEST_F(Image, missing_file_is_not_found) {
     REQUIRE_PRIVATE_GUI_PATHS();
     LogCapture capture;
