@@ -96,7 +96,16 @@ def load_round(daemon, round_number):
 
 
 @pytest.mark.slow
-def test_eight_clients_at_once_are_all_served_and_a_second_round_adds_no_memory(daemon):
+def test_eight_clients_at_once_are_all_served_and_a_second_round_adds_no_memory(daemon,
+                                                                               monkeypatch):
+    if under_sanitizer():
+        # AddressSanitizer keeps freed blocks in a quarantine of 256 MB before
+        # reusing them, so the first rounds of any busy run grow by that much.
+        # A small quarantine fills within the first round; the rest of its
+        # checks stay as they are.
+        monkeypatch.setenv("ASAN_OPTIONS", ":".join(filter(None, [
+            os.environ.get("ASAN_OPTIONS"), "quarantine_size_mb=4",
+            "thread_local_quarantine_size_kb=64"])))
     started(daemon)
     pid = daemon_pid(daemon)
     before = memory(pid)
@@ -118,8 +127,9 @@ def test_eight_clients_at_once_are_all_served_and_a_second_round_adds_no_memory(
     # bus buffers, code and data pages of the image and font paths); a second
     # round of the same calls must not add to that. A few pages of slack cover
     # the allocator's free lists landing on other pages and the odd page of
-    # code or data touched first in round 2. AddressSanitizer's quarantine holds
-    # freed blocks back on purpose, so an instrumented daemon gets more room.
+    # code or data touched first in round 2. Under AddressSanitizer the 4 MB
+    # quarantine still turns over, and its pages with it: it is the slack there
+    # (what leaks outright is LeakSanitizer's to report, at the stop below).
     tolerance_kb = 4096 if under_sanitizer() else 128
     assert second["VmRSS"] - first["VmRSS"] <= tolerance_kb, (first, second)
     assert second["RssAnon"] - first["RssAnon"] <= tolerance_kb, (first, second)
@@ -131,7 +141,8 @@ def test_eight_clients_at_once_are_all_served_and_a_second_round_adds_no_memory(
     assert wait_for(lambda: daemon.lit_pixels(LOGO_BOX) > 1000)
     assert daemon.lit_pixels() == daemon.lit_pixels(LOGO_BOX)
     assert wait_for(lambda: daemon.brightness_value() == "94"), daemon.brightness_file()
-    assert daemon.stop() == 0
+    status = daemon.stop()
+    assert status == 0, daemon.log()[-3000:]
 
 
 # ---- backlight --------------------------------------------------------------------
