@@ -98,6 +98,7 @@ class Daemon:
         for d in (self.etc_gui, self.usr_etc_gui, self.etc_dravik, self.backlight):
             os.makedirs(d, exist_ok=True)
         self.panel = os.path.join(self.root, "panel.raw")
+        self.panel_device = "/dev/fb2"  # the device path the simulated panel answers to
         self.stdout_path = os.path.join(self.root, "stdout.log")
         self.stderr_path = os.path.join(self.root, "stderr.log")
         self.process = None
@@ -140,7 +141,7 @@ class Daemon:
     # -- running ------------------------------------------------------------
     def command(self, args):
         return [os.path.join(source_dir(), "scripts", "sandbox"), "--root", self.root, "--",
-                os.path.join(bin_dir(), "fakefb-run"), "--device", "/dev/fb2",
+                os.path.join(bin_dir(), "fakefb-run"), "--device", self.panel_device,
                 "--size", f"{WIDTH}x{HEIGHT}", "--bpp", "16", "--file", self.panel, "--",
                 os.path.join(bin_dir(), "dravik_lcm_gui")] + list(args)
 
