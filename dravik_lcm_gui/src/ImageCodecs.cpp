@@ -1,7 +1,9 @@
 #include "ImageCodecs.h"
 
 #include <dlfcn.h>
+#include <limits.h>
 #include <link.h>
+#include <unistd.h>
 
 #include <cstdlib>
 #include <cstring>
@@ -17,12 +19,46 @@ constexpr char kCodecsLibrary[] = "libopencv_imgcodecs";
 
 using ReadFunction = bool (*)(const char*, cv::Mat*) noexcept;
 
+// The directory of the running program.
+std::string programDirectory() {
+    char buffer[PATH_MAX];
+    const ssize_t length = readlink("/proc/self/exe", buffer, sizeof(buffer) - 1);
+    if (length <= 0) {
+        return {};
+    }
+    std::string path(buffer, static_cast<size_t>(length));
+    return path.substr(0, path.find_last_of('/') + 1);
+}
+
+// Where the module is looked for, in order: the library directory next to the
+// program (installed: bin/ and DRAVIK_LIBDIR; build tree: bin/ and lib/), then
+// the loader's own search (LD_LIBRARY_PATH, the system directories). The
+// program's run path cannot be relied on: under a sanitizer's dlopen wrapper
+// the caller is the sanitizer's library, not the program.
+void* openModule(std::string& errors) {
+    const std::string dir = programDirectory();
+    const std::string candidates[] = {
+        dir + "../" DRAVIK_LIBDIR "/" + kModule,
+        dir + "../lib/" + kModule,
+        kModule,
+    };
+    for (const std::string& candidate : candidates) {
+        if (void* module = dlopen(candidate.c_str(), RTLD_NOW | RTLD_LOCAL)) {
+            return module;
+        }
+        const char* error = dlerror();
+        errors += errors.empty() ? "" : "; ";
+        errors += error != nullptr ? error : candidate;
+    }
+    return nullptr;
+}
+
 // Loaded once; the module stays for the life of the process.
 ReadFunction loadCodecs() {
-    // Found through the run path of the program, as its own libraries are.
-    void* module = dlopen(kModule, RTLD_NOW | RTLD_LOCAL);
+    std::string errors;
+    void* module = openModule(errors);
     if (module == nullptr) {
-        DRAVIK_LOG(3, 0, "Failed to load the image codecs: %s", dlerror());
+        DRAVIK_LOG(3, 0, "Failed to load the image codecs: %s", errors.c_str());
         return nullptr;
     }
     auto* read = reinterpret_cast<ReadFunction>(dlsym(module, kEntry));
