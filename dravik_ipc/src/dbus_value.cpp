@@ -512,8 +512,8 @@ bool ReadVariant(sd_bus_message* message, Variant& value, std::string& error) {
 bool ReadObjectBody(sd_bus_message* message, Variant& object, std::string& error) {
     const char* signature = sd_bus_message_get_signature(message, 1);
     if (signature == nullptr || signature[0] == '\0') {
-        object = Variant::MakeContainer(dravik::variant::kObject);
-        return true;
+        error = "the body must be one a{sv} dictionary, not an empty body";
+        return false;
     }
     if (!atObject(message)) {
         error = format("the body must be one a{sv} dictionary, not '%s'", signature);

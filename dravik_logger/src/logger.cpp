@@ -5,6 +5,7 @@
 #include <systemd/sd-journal.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cinttypes>
 #include <cstdarg>
@@ -22,7 +23,7 @@ dravik::logger::Hook& hook() {
 }
 
 const char* levelName(int level) {
-    static const char* const kNames[] = {"EMERG", "ALERT", "CRIT",   "ERROR",
+    static const char* const kNames[] = {"EMERG", "ALERT",  "CRIT", "ERROR",
                                          "WARN",  "NOTICE", "INFO", "DEBUG"};
     return (level >= 0 && level <= 7) ? kNames[level] : "LOG";
 }
@@ -67,17 +68,110 @@ std::string formatMessage(const char* format, va_list args) {
 
 void writeJournal(const dravik::logger::Record& r) {
     const std::string errText = r.errnum ? std::string(": ") + strerror(r.errnum) : "";
-    const int rc = sd_journal_send("MESSAGE=%s%s", r.message.c_str(), errText.c_str(),
-                                   "PRIORITY=%d", r.level, "CODE_FILE=%s", r.sourceFile.c_str(),
-                                   "CODE_LINE=%d", r.line, "CODE_FUNC=%s", r.function.c_str(),
-                                   "ERRNO=%d", r.errnum, "SYSLOG_IDENTIFIER=%s", r.tag.c_str(),
-                                   nullptr);
+    const int rc = sd_journal_send(
+        "MESSAGE=%s%s", r.message.c_str(), errText.c_str(), "PRIORITY=%d", r.level, "CODE_FILE=%s",
+        r.sourceFile.c_str(), "CODE_LINE=%d", r.line, "CODE_FUNC=%s", r.function.c_str(),
+        "ERRNO=%d", r.errnum, "SYSLOG_IDENTIFIER=%s", r.tag.c_str(), nullptr);
     if (rc < 0) {
         // The journal refused the record: keep it on standard error instead.
         fprintf(stderr, "<%d>%s: %s%s\n", r.level, r.tag.c_str(), r.message.c_str(),
                 errText.c_str());
     }
 }
+
+// A record on standard error is one line of at most kMaxLine bytes, whatever
+// its message holds: a caller's text (a screen name from the bus, say) must not
+// be able to start a record of its own, nor drive the terminal that shows it.
+constexpr size_t kMaxLine = 4096;
+constexpr size_t kCutMarkerRoom = 48;
+
+// Length of the valid UTF-8 sequence at `p` (at most `left` bytes), 0 if the
+// bytes there are not one. Overlong forms, surrogates and values above
+// U+10FFFF are not valid.
+size_t utf8Length(const unsigned char* p, size_t left) {
+    const unsigned char c = p[0];
+    size_t length = 0;
+    uint32_t min = 0;
+    uint32_t value = 0;
+    if (c >= 0xC2 && c <= 0xDF) {
+        length = 2, min = 0x80, value = c & 0x1Fu;
+    } else if (c >= 0xE0 && c <= 0xEF) {
+        length = 3, min = 0x800, value = c & 0x0Fu;
+    } else if (c >= 0xF0 && c <= 0xF4) {
+        length = 4, min = 0x10000, value = c & 0x07u;
+    } else {
+        return 0;
+    }
+    if (length > left) {
+        return 0;
+    }
+    for (size_t i = 1; i < length; ++i) {
+        if ((p[i] & 0xC0u) != 0x80u) {
+            return 0;
+        }
+        value = (value << 6) | (p[i] & 0x3Fu);
+    }
+    const bool surrogate = value >= 0xD800 && value <= 0xDFFF;
+    const bool c1Control = value >= 0x80 && value <= 0x9F;
+    return value >= min && value <= 0x10FFFF && !surrogate && !c1Control ? length : 0;
+}
+
+// Appends byte `c` in its escaped form.
+void appendEscaped(std::string& out, unsigned char c) {
+    switch (c) {
+        case '\n':
+            out += "\\n";
+            return;
+        case '\r':
+            out += "\\r";
+            return;
+        default: {
+            static const char kHex[] = "0123456789abcdef";
+            out += "\\x";
+            out += kHex[c >> 4];
+            out += kHex[c & 0xF];
+        }
+    }
+}
+
+}  // namespace
+
+namespace dravik::logger {
+
+std::string oneLine(const std::string& text, size_t limit) {
+    std::string out;
+    out.reserve(std::min(text.size(), limit) + 8);
+    const auto* p = reinterpret_cast<const unsigned char*>(text.data());
+    const size_t size = text.size();
+    size_t i = 0;
+    std::string piece;
+    while (i < size) {
+        piece.clear();
+        const unsigned char c = p[i];
+        size_t used = 1;
+        if (c == '\t' || (c >= 0x20 && c < 0x7F)) {
+            piece += static_cast<char>(c);
+        } else if (c < 0x80) {
+            appendEscaped(piece, c);  // other control characters and DEL
+        } else if (const size_t length = utf8Length(p + i, size - i)) {
+            piece.append(text, i, length);
+            used = length;
+        } else {
+            appendEscaped(piece, c);  // invalid UTF-8 or a C1 control, byte by byte
+        }
+        if (out.size() + piece.size() > limit) {
+            out += "... [cut: " + std::to_string(size) + " bytes]";
+            return out;
+        }
+        out += piece;
+        i += used;
+    }
+    return out;
+}
+
+}  // namespace dravik::logger
+
+namespace {
 
 void writeLine(const dravik::logger::Record& r) {
     timespec ts{};
@@ -87,17 +181,24 @@ void writeLine(const dravik::logger::Record& r) {
     char when[32];
     (void)strftime(when, sizeof when, "%Y-%m-%d %H:%M:%S", &tm);
 
-    // One fprintf per record keeps the line whole when several processes share stderr.
+    char prefix[512];
+    // A prefix longer than its buffer (an absurd function name) is cut.
+    (void)snprintf(prefix, sizeof prefix, "%s.%03ld %-5s %s[%d] %s:%d %s: ", when,
+                   ts.tv_nsec / 1000000L, levelName(r.level), r.tag.c_str(),
+                   static_cast<int>(getpid()), baseName(r.sourceFile.c_str()), r.line,
+                   r.function.c_str());
+    std::string line = dravik::logger::oneLine(prefix, sizeof prefix);
+    std::string message = r.message;
     if (r.errnum != 0) {
-        fprintf(stderr, "%s.%03ld %-5s %s[%d] %s:%d %s: %s: %s (errno %d)\n", when,
-                ts.tv_nsec / 1000000L, levelName(r.level), r.tag.c_str(), static_cast<int>(getpid()),
-                baseName(r.sourceFile.c_str()), r.line, r.function.c_str(), r.message.c_str(),
-                strerror(r.errnum), r.errnum);
-    } else {
-        fprintf(stderr, "%s.%03ld %-5s %s[%d] %s:%d %s: %s\n", when, ts.tv_nsec / 1000000L,
-                levelName(r.level), r.tag.c_str(), static_cast<int>(getpid()),
-                baseName(r.sourceFile.c_str()), r.line, r.function.c_str(), r.message.c_str());
+        message +=
+            std::string(": ") + strerror(r.errnum) + " (errno " + std::to_string(r.errnum) + ")";
     }
+    const size_t room =
+        line.size() + kCutMarkerRoom < kMaxLine ? kMaxLine - line.size() - kCutMarkerRoom : 0;
+    line += dravik::logger::oneLine(message, room);
+    line += '\n';
+    // One write per record keeps the line whole when several processes share stderr.
+    (void)fwrite(line.data(), 1, line.size(), stderr);
     fflush(stderr);
 }
 
@@ -131,10 +232,14 @@ void logInternal(const char* tag, const char* sourceFile, const char* function, 
     errno = savedErrno;
 }
 
-void forceCrash() { abort(); }
+void forceCrash() {
+    abort();
+}
 
 namespace dravik::logger {
 
-void setHook(Hook h) { hook() = std::move(h); }
+void setHook(Hook h) {
+    hook() = std::move(h);
+}
 
 }  // namespace dravik::logger

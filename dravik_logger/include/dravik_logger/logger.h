@@ -32,6 +32,14 @@ struct Record {
     std::string message;
 };
 
+// The text of `text` as it is written on one line of standard error: line
+// breaks (\n, \r), other control characters, DEL, C1 controls and bytes that
+// are not valid UTF-8 become escapes (\n, \r, \xHH); tabs, printable ASCII
+// and valid UTF-8 stay as they are. Output beyond `limit` bytes is cut, never
+// inside an escape or a character, and marked "... [cut: N bytes]" with the
+// size of the whole text.
+std::string oneLine(const std::string& text, size_t limit);
+
 // Observer that sees every record after it is written. Tests use it to check
 // message texts and levels; nullptr removes it.
 using Hook = std::function<void(const Record&)>;
