@@ -33,10 +33,23 @@ def wait_for(predicate, timeout=10.0, interval=0.02):
         time.sleep(interval)
 
 
-class PrivateBus:
-    """A dbus-daemon of its own, used as the daemon's system bus."""
+# Anyone may do anything: the bus of tests that are not about its policy.
+PERMISSIVE_POLICY = """
+  <policy context="default">
+    <allow user="*"/>
+    <allow own="*"/>
+    <allow send_type="method_call"/>
+    <allow send_destination="*" eavesdrop="true"/>
+    <allow eavesdrop="true"/>
+  </policy>
+"""
 
-    def __init__(self, directory):
+
+class PrivateBus:
+    """A dbus-daemon of its own, used as the daemon's system bus; `policy` is the
+    XML inside its <busconfig> after the listening address."""
+
+    def __init__(self, directory, policy=PERMISSIVE_POLICY):
         os.makedirs(directory, exist_ok=True)
         config = os.path.join(directory, "bus.conf")
         with open(config, "w") as f:
@@ -46,13 +59,7 @@ class PrivateBus:
   <type>system</type>
   <listen>unix:path={directory}/socket</listen>
   <auth>EXTERNAL</auth>
-  <policy context="default">
-    <allow user="*"/>
-    <allow own="*"/>
-    <allow send_type="method_call"/>
-    <allow send_destination="*" eavesdrop="true"/>
-    <allow eavesdrop="true"/>
-  </policy>
+{policy}
 </busconfig>
 """)
         read_fd, write_fd = os.pipe()
