@@ -44,6 +44,39 @@ function(add_dravik_test name)
     PROPERTIES ${props})
 endfunction()
 
+# add_dravik_fuzzer(<name> SOURCES ... LIBS ... [DICT file] [SANDBOX])
+# Builds a libFuzzer target of the fuzz preset and registers it with ctest as
+# fuzz_<name> (label "fuzz"): it runs over its seed corpus fuzz/corpus/<name>
+# beside the sources plus DRAVIK_FUZZ_SECONDS of new inputs, which go to a
+# working corpus in the build tree. Any crash, leak, sanitizer report or
+# timeout fails the test. SANDBOX runs it in scripts/sandbox, where /etc/gui
+# and /usr/etc/gui are temporary directories.
+function(add_dravik_fuzzer name)
+  if(NOT DRAVIK_FUZZ)
+    return()
+  endif()
+  cmake_parse_arguments(ARG "SANDBOX" "DICT" "SOURCES;LIBS" ${ARGN})
+  add_executable(${name} ${ARG_SOURCES})
+  target_link_libraries(${name} PRIVATE ${ARG_LIBS})
+  target_link_options(${name} PRIVATE -fsanitize=fuzzer)
+  set(corpus ${CMAKE_CURRENT_SOURCE_DIR}/fuzz/corpus/${name})
+  set(work ${CMAKE_BINARY_DIR}/fuzz-work/${name})
+  file(MAKE_DIRECTORY ${work} ${work}-root/etc-gui ${work}-root/usr-etc-gui)
+  set(args -max_total_time=${DRAVIK_FUZZ_SECONDS} -timeout=10 -rss_limit_mb=2048
+      -close_fd_mask=2 -print_final_stats=1 -artifact_prefix=${work}-)
+  if(ARG_DICT)
+    list(APPEND args -dict=${CMAKE_CURRENT_SOURCE_DIR}/fuzz/${ARG_DICT})
+  endif()
+  set(command $<TARGET_FILE:${name}> ${args} ${work} ${corpus})
+  if(ARG_SANDBOX)
+    set(command ${PROJECT_SOURCE_DIR}/scripts/sandbox --root ${work}-root -- ${command})
+  endif()
+  add_test(NAME fuzz_${name} COMMAND ${command})
+  math(EXPR timeout "${DRAVIK_FUZZ_SECONDS} * 4 + 120")
+  set_tests_properties(fuzz_${name} PROPERTIES LABELS fuzz TIMEOUT ${timeout})
+  set_property(GLOBAL APPEND PROPERTY DRAVIK_FUZZERS ${name})
+endfunction()
+
 # Writes and installs the CMake package files (find_package(Dravik)) for every
 # library registered by dravik_add_library.
 function(dravik_install_package)

@@ -1,0 +1,299 @@
+// Arbitrary values normalised as every message class, every getter called:
+// afterwards every declared field is present with its declared type.
+#include <sys/time.h>
+
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "dravik_ipc_messages/messages.h"
+#include "dravik_variant/variant.h"
+
+using namespace dravik::ipc::messages;
+using dravik::variant::Variant;
+
+namespace {
+
+class Bytes {
+public:
+    Bytes(const uint8_t* data, size_t size) : data_(data), size_(size) {}
+    uint8_t byte() { return pos_ < size_ ? data_[pos_++] : 0; }
+    template <typename T>
+    T value() {
+        uint8_t raw[sizeof(T)] = {};
+        for (uint8_t& b : raw) {
+            b = byte();
+        }
+        T out{};
+        std::memcpy(&out, raw, sizeof(T));
+        return out;
+    }
+    std::string text() {
+        // Mostly the words and keys the messages know, sometimes any bytes.
+        static const char* const kWords[] = {"ShowGui",     "ShowSimpleScreen", "__response__",
+                                             "left",        "center",           "right",
+                                             "top",         "middle",           "bottom",
+                                             "static",      "slideshow",        "breathing",
+                                             "progressbar", "Center",           ""};
+        const uint8_t pick = byte();
+        if (pick % 4 != 0) {
+            return kWords[pick % (sizeof kWords / sizeof *kWords)];
+        }
+        std::string out;
+        for (size_t n = byte() % 16; n > 0; --n) {
+            out += static_cast<char>(byte());
+        }
+        return out;
+    }
+
+private:
+    const uint8_t* data_;
+    size_t size_;
+    size_t pos_ = 0;
+};
+
+// Every key any message class declares, so that generated objects hit them.
+const char* const kKeys[] = {"id",
+                             "timeStamp",
+                             "from",
+                             "to",
+                             "functionName",
+                             "queueIfDestUnavailable",
+                             "responseExpected",
+                             "transactionId",
+                             "isBroadcast",
+                             "requestId",
+                             "statusCode",
+                             "payload",
+                             "brightness",
+                             "guiId",
+                             "text",
+                             "img",
+                             "x",
+                             "y",
+                             "alignHor",
+                             "alignVert",
+                             "file",
+                             "animation",
+                             "duration",
+                             "count",
+                             "size",
+                             "str",
+                             "other"};
+
+Variant makeValue(Bytes& in, int depth) {
+    switch (in.byte() % (depth > 0 ? 17 : 15)) {
+        case 0:
+            return Variant();
+        case 1:
+            return Variant((in.byte() & 1) != 0);
+        case 2:
+            return Variant(in.value<signed char>());
+        case 3:
+            return Variant(in.value<unsigned char>());
+        case 4:
+            return Variant(in.value<short>());
+        case 5:
+            return Variant(in.value<unsigned short>());
+        case 6:
+            return Variant(in.value<int>());
+        case 7:
+            return Variant(in.value<unsigned int>());
+        case 8:
+            return Variant(in.value<long>());
+        case 9:
+            return Variant(in.value<unsigned long>());
+        case 10:
+            return Variant(in.value<double>());
+        case 11: {
+            timeval tv{};
+            tv.tv_sec = in.value<int32_t>();
+            tv.tv_usec = in.value<int32_t>();
+            return Variant(tv);
+        }
+        case 12:
+        case 13:
+        case 14:
+            return Variant(in.text());
+        default: {
+            const bool object = in.byte() % 4 != 0;
+            Variant container =
+                Variant::MakeContainer(object ? dravik::variant::kObject : dravik::variant::kArray);
+            for (int n = in.byte() % 6; n > 0; --n) {
+                const uint8_t k = in.byte();
+                if (k % 5 == 0) {
+                    container[static_cast<int64_t>(k % 3)] = makeValue(in, depth - 1);
+                } else {
+                    container[kKeys[k % (sizeof kKeys / sizeof *kKeys)]] = makeValue(in, depth - 1);
+                }
+            }
+            return container;
+        }
+    }
+}
+
+[[noreturn]] void fail(const char* what, const char* key, const Variant& value) {
+    fprintf(stderr, "%s: field \"%s\" after normalising %s\n", what, key, value.ToJSON().c_str());
+    abort();
+}
+
+// The stored type each kind of field declares.
+template <typename Kind>
+uint16_t declaredTag() {
+    return Kind::Store(typename Kind::Value{}).Type();
+}
+template <>
+uint16_t declaredTag<field::TextRecord>() {
+    return dravik::variant::kObject;
+}
+template <>
+uint16_t declaredTag<field::ImgRecord>() {
+    return dravik::variant::kObject;
+}
+template <>
+uint16_t declaredTag<field::Any>() {
+    return 0;  // any value at all
+}
+
+void expectField(const Variant& message, const char* key, uint16_t tag, const Variant& original) {
+    const Variant* stored = message.Find(key);
+    if (stored == nullptr) {
+        fail("missing", key, original);
+    }
+    if (tag != 0 && stored->Type() != tag) {
+        fail("wrong type", key, original);
+    }
+}
+
+#define DRAVIK_FUZZ_CHECK_FIELD(name, key, Kind, defaultValue, values, clamp) \
+    expectField(message, key, declaredTag<field::Kind>(), original);
+#define DRAVIK_FUZZ_CALL_GETTER(name, key, Kind, defaultValue, values, clamp) (void)message.name();
+
+template <typename Message>
+Message normalised(const Variant& original) {
+    Message message(original);
+    (void)message.NormalizeFields();
+    return message;
+}
+
+void checkEnvelope(const Variant& message, const Variant& original) {
+    DRAVIK_BASE_MESSAGE_FIELDS(DRAVIK_FUZZ_CHECK_FIELD)
+}
+
+void checkRequest(const Variant& message, const Variant& original) {
+    DRAVIK_BASE_REQUEST_MESSAGE_FIELDS(DRAVIK_FUZZ_CHECK_FIELD)
+    checkEnvelope(message, original);
+}
+
+void checkSettings(const Variant& message, const Variant& original) {
+    DRAVIK_LCM_GUI_BASE_SETTINGS_FIELDS(DRAVIK_FUZZ_CHECK_FIELD)
+    checkRequest(message, original);
+}
+
+void checkPosition(const Variant& message, const Variant& original) {
+    DRAVIK_LCM_GUI_BASE_POS_SETTINGS_FIELDS(DRAVIK_FUZZ_CHECK_FIELD)
+}
+
+void fuzzEnvelopes(const Variant& original) {
+    {
+        BaseMessage message = normalised<BaseMessage>(original);
+        checkEnvelope(message, original);
+        DRAVIK_BASE_MESSAGE_FIELDS(DRAVIK_FUZZ_CALL_GETTER)
+    }
+    {
+        BaseRequestMessage message = normalised<BaseRequestMessage>(original);
+        checkRequest(message, original);
+        DRAVIK_BASE_REQUEST_MESSAGE_FIELDS(DRAVIK_FUZZ_CALL_GETTER)
+    }
+    {
+        BaseResponseMessage message = normalised<BaseResponseMessage>(original);
+        DRAVIK_BASE_RESPONSE_MESSAGE_FIELDS(DRAVIK_FUZZ_CHECK_FIELD)
+        checkEnvelope(message, original);
+        DRAVIK_BASE_RESPONSE_MESSAGE_FIELDS(DRAVIK_FUZZ_CALL_GETTER)
+    }
+}
+
+void fuzzDisplayRequests(const Variant& original) {
+    {
+        LcmGuiBaseSettings message = normalised<LcmGuiBaseSettings>(original);
+        checkSettings(message, original);
+        DRAVIK_LCM_GUI_BASE_SETTINGS_FIELDS(DRAVIK_FUZZ_CALL_GETTER)
+    }
+    {
+        ShowGui message = normalised<ShowGui>(original);
+        DRAVIK_SHOW_GUI_FIELDS(DRAVIK_FUZZ_CHECK_FIELD)
+        checkSettings(message, original);
+        DRAVIK_SHOW_GUI_FIELDS(DRAVIK_FUZZ_CALL_GETTER)
+    }
+    {
+        // Its records are repaired by their getters, as the show command reads them.
+        ShowSimpleScreen message = normalised<ShowSimpleScreen>(original);
+        checkSettings(message, original);
+        LcmGuiTextSettingsElementRef text = message.text();
+        LcmGuiImgSettingsElementRef img = message.img();
+        (void)text.NormalizeFields();
+        (void)img.NormalizeFields();
+        DRAVIK_SHOW_SIMPLE_SCREEN_FIELDS(DRAVIK_FUZZ_CHECK_FIELD) {
+            const Variant& message = text.value();
+            DRAVIK_LCM_GUI_TEXT_SETTINGS_ELEMENT_FIELDS(DRAVIK_FUZZ_CHECK_FIELD)
+            checkPosition(message, original);
+        }
+        {
+            const Variant& message = img.value();
+            DRAVIK_LCM_GUI_IMG_SETTINGS_ELEMENT_FIELDS(DRAVIK_FUZZ_CHECK_FIELD)
+            checkPosition(message, original);
+        }
+    }
+}
+
+void fuzzRecords(const Variant& original) {
+    {
+        LcmGuiTextSettingsElement message = normalised<LcmGuiTextSettingsElement>(original);
+        DRAVIK_LCM_GUI_TEXT_SETTINGS_ELEMENT_FIELDS(DRAVIK_FUZZ_CHECK_FIELD)
+        checkPosition(message, original);
+        DRAVIK_LCM_GUI_TEXT_SETTINGS_ELEMENT_FIELDS(DRAVIK_FUZZ_CALL_GETTER)
+        DRAVIK_LCM_GUI_BASE_POS_SETTINGS_FIELDS(DRAVIK_FUZZ_CALL_GETTER)
+    }
+    {
+        LcmGuiImgSettingsElement message = normalised<LcmGuiImgSettingsElement>(original);
+        DRAVIK_LCM_GUI_IMG_SETTINGS_ELEMENT_FIELDS(DRAVIK_FUZZ_CHECK_FIELD)
+        checkPosition(message, original);
+        DRAVIK_LCM_GUI_IMG_SETTINGS_ELEMENT_FIELDS(DRAVIK_FUZZ_CALL_GETTER)
+        DRAVIK_LCM_GUI_BASE_POS_SETTINGS_FIELDS(DRAVIK_FUZZ_CALL_GETTER)
+    }
+}
+
+// Getters alone repair what they read, without NormalizeFields first.
+void fuzzGettersAlone(const Variant& original) {
+    ShowSimpleScreen message(original);
+    DRAVIK_LCM_GUI_BASE_SETTINGS_FIELDS(DRAVIK_FUZZ_CALL_GETTER)
+    DRAVIK_BASE_REQUEST_MESSAGE_FIELDS(DRAVIK_FUZZ_CALL_GETTER)
+    DRAVIK_BASE_MESSAGE_FIELDS(DRAVIK_FUZZ_CALL_GETTER)
+    LcmGuiTextSettingsElementRef text = message.text();
+    (void)text.str();
+    (void)text.size();
+    (void)text.x();
+    (void)text.alignHor();
+    LcmGuiImgSettingsElementRef img = message.img();
+    (void)img.file();
+    (void)img.animation();
+    (void)img.duration();
+    (void)img.count();
+    (void)img.y();
+    (void)img.alignVert();
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    Bytes in(data, size);
+    const Variant original = makeValue(in, 3);
+    fuzzEnvelopes(original);
+    fuzzDisplayRequests(original);
+    fuzzRecords(original);
+    fuzzGettersAlone(original);
+    return 0;
+}
