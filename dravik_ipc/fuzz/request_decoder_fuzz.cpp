@@ -6,6 +6,7 @@
 #include <systemd/sd-bus.h>
 #include <unistd.h>
 
+#include <cmath>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -230,6 +231,34 @@ Variant withoutNullMembers(const Variant& value) {
     return out;
 }
 
+// Equality in which a NaN equals a NaN: a double travels bit for bit, and NaN
+// is a value a caller may send.
+bool sameValue(const Variant& a, const Variant& b) {
+    if (a.Type() == dravik::variant::kDouble && b.Type() == dravik::variant::kDouble &&
+        std::isnan(a.AsDouble()) && std::isnan(b.AsDouble())) {
+        return true;
+    }
+    if (!a.IsContainer() || !b.IsContainer()) {
+        return a == b;
+    }
+    if (a.Type() != b.Type() || a.StringKeysCount() != b.StringKeysCount() ||
+        a.NumericKeysCount() != b.NumericKeysCount()) {
+        return false;
+    }
+    for (auto it = a.str_begin(); it != a.str_end(); ++it) {
+        const Variant* other = b.Find(it->first);
+        if (other == nullptr || !sameValue(it->second, *other)) {
+            return false;
+        }
+    }
+    for (auto it = a.num_begin(), jt = b.num_begin(); it != a.num_end(); ++it, ++jt) {
+        if (it->first != jt->first || !sameValue(it->second, jt->second)) {
+            return false;
+        }
+    }
+    return true;
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
@@ -265,7 +294,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         fprintf(stderr, "an encoded request does not decode: %s\n", error.c_str());
         abort();
     }
-    if (!(again == withoutNullMembers(request))) {
+    if (!sameValue(again, withoutNullMembers(request))) {
         fprintf(stderr, "a request changed on its way back: %s -> %s\n", request.ToJSON().c_str(),
                 again.ToJSON().c_str());
         abort();
