@@ -31,15 +31,19 @@ std::string programDirectory() {
 }
 
 // Where the module is looked for, in order: the library directory next to the
-// program (installed: bin/ and DRAVIK_LIBDIR; build tree: bin/ and lib/), then
-// the loader's own search (LD_LIBRARY_PATH, the system directories). The
-// program's run path cannot be relied on: under a sanitizer's dlopen wrapper
-// the caller is the sanitizer's library, not the program.
+// program (installed: bin/ and DRAVIK_LIBDIR; build tree: bin/ and lib/); the
+// installed library directory; the build tree's; then the loader's own search
+// (LD_LIBRARY_PATH, the system directories). The program's run path cannot be
+// relied on: under a sanitizer's dlopen wrapper the caller is the sanitizer's
+// library, not the program. Nor can /proc/self/exe alone: in a chroot that
+// enters a new mount namespace it may name the program by its path outside.
 void* openModule(std::string& errors) {
     const std::string dir = programDirectory();
     const std::string candidates[] = {
         dir + "../" DRAVIK_LIBDIR "/" + kModule,
         dir + "../lib/" + kModule,
+        std::string(DRAVIK_INSTALL_FULL_LIBDIR "/") + kModule,
+        std::string(DRAVIK_BUILD_LIBDIR "/") + kModule,
         kModule,
     };
     for (const std::string& candidate : candidates) {

@@ -19,6 +19,23 @@ def bin_dir():
     return os.environ.get("DRAVIK_BIN_DIR") or os.path.join(source_dir(), "build", "bin")
 
 
+def emulator():
+    """The user-mode emulator that runs the programs of a cross build, as words
+    (DRAVIK_EMULATOR="qemu-aarch64 -L SYSROOT"); empty for native programs."""
+    return os.environ.get("DRAVIK_EMULATOR", "").split()
+
+
+def program(name):
+    """The command line that runs one of the project's programs."""
+    return emulator() + [os.path.join(bin_dir(), name)]
+
+
+def is_daemon_process(pid):
+    """Whether process `pid` is the daemon (under emulation: its emulator)."""
+    exe = os.path.basename(os.readlink(f"/proc/{pid}/exe"))
+    return exe == "dravik_lcm_gui" or (emulator() and exe == os.path.basename(emulator()[0]))
+
+
 def source_dir():
     return os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
 
@@ -124,7 +141,7 @@ class Daemon:
     def make_images(self):
         images = os.path.join(self.etc_gui, "images")
         os.makedirs(images, exist_ok=True)
-        subprocess.run([os.path.join(bin_dir(), "make_example_images"), images], check=True,
+        subprocess.run(program("make_example_images") + [images], check=True,
                        capture_output=True)
 
     def example_config(self, backlight=True):
@@ -148,7 +165,7 @@ class Daemon:
     # -- running ------------------------------------------------------------
     def command(self, args):
         return [os.path.join(source_dir(), "scripts", "sandbox"), "--root", self.root, "--",
-                os.path.join(bin_dir(), "fakefb-run"), "--device", self.panel_device,
+                *program("fakefb-run"), "--device", self.panel_device,
                 "--size", f"{WIDTH}x{HEIGHT}", "--bpp", "16", "--file", self.panel, "--",
                 os.path.join(bin_dir(), "dravik_lcm_gui")] + list(args)
 

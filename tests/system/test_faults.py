@@ -11,7 +11,7 @@ import time
 import dbus
 import pytest
 
-from daemon import bin_dir, wait_for
+from daemon import bin_dir, wait_for, is_daemon_process
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 
@@ -44,7 +44,7 @@ def daemon_pid(daemon):
     # The sandbox, unshare and the panel launcher all exec their successor, so
     # the process started is the daemon itself by the time it is on the bus.
     pid = daemon.process.pid
-    assert os.path.basename(os.readlink(f"/proc/{pid}/exe")) == "dravik_lcm_gui"
+    assert is_daemon_process(pid)
     return pid
 
 

@@ -6,7 +6,7 @@ import time
 import dbus
 import pytest
 
-from daemon import HEIGHT, WIDTH, wait_for
+from daemon import HEIGHT, WIDTH, is_daemon_process, wait_for
 from pngs import solid_png
 
 PREFIX_LINES = ("Image path should start with next prefixes:", "\t\t/usr/etc/gui/", "\t\t/etc/gui/")
@@ -25,7 +25,7 @@ def bomb(tmp_path_factory):
 def daemon_pid(daemon):
     """The daemon's process: the launchers exec one another down to it."""
     pid = daemon.process.pid
-    assert os.readlink(f"/proc/{pid}/exe").endswith("dravik_lcm_gui")
+    assert is_daemon_process(pid)
     return pid
 
 

@@ -8,7 +8,7 @@ import dbus
 import dbus.lowlevel
 import pytest
 
-from daemon import BUS_NAME, INTERFACE, OBJECT_PATH, bin_dir, wait_for
+from daemon import BUS_NAME, INTERFACE, OBJECT_PATH, bin_dir, wait_for, program
 
 # The example "logo" screen: a 120 x 80 picture centred on the 240 x 240 panel.
 LOGO_BOX = (60, 80, 180, 160)
@@ -197,7 +197,7 @@ def test_survives_a_burst_and_malformed_calls(daemon):
 
 
 def ipc_call(daemon, *args):
-    return subprocess.run([os.path.join(bin_dir(), "ipc_call"), "--address", daemon.bus.address]
+    return subprocess.run(program("ipc_call") + ["--address", daemon.bus.address]
                           + list(args), capture_output=True, text=True, timeout=20)
 
 

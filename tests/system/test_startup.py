@@ -5,7 +5,7 @@ import signal
 import subprocess
 import time
 
-from daemon import bin_dir, wait_for
+from daemon import bin_dir, wait_for, emulator
 
 GENERIC = "dravik_lcm_gui.json"
 SYSID_NAME = "dravik_lcm_gui_sysid_01a2.json"  # sysid 0x1A2
@@ -18,7 +18,7 @@ def daemon_binary():
 def test_help_is_printed_and_exits_0_before_anything_else():
     # No bus, no device, no configuration: help must not need any of them.
     env = {k: v for k, v in os.environ.items() if not k.startswith("DBUS_")}
-    result = subprocess.run([daemon_binary(), "-d", "/nonexistent", "--help", "-b", "50"],
+    result = subprocess.run(emulator() + [daemon_binary(), "-d", "/nonexistent", "--help", "-b", "50"],
                             capture_output=True, text=True, env=env, timeout=20)
     assert result.returncode == 0
     text = result.stdout + result.stderr

@@ -4,12 +4,14 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <sstream>
 #include <stdexcept>
 #include <system_error>
 
@@ -190,6 +192,40 @@ bool isPreloaded() {
     return dlsym(RTLD_DEFAULT, "fakefb_preloaded") != nullptr;
 }
 
+// Under a user-mode emulator (DRAVIK_EMULATOR="qemu-aarch64 -L SYSROOT") the
+// program cannot execute itself: the kernel knows no foreign binaries here.
+// It runs itself through the emulator, which hands the preload and the
+// variables set above to the emulated program with -E (in the environment
+// they would be the emulator's own).
+bool reexecEmulated(const char* emulator, std::vector<char*>& args) {
+    std::vector<std::string> words;
+    std::istringstream split(emulator);
+    for (std::string word; split >> word;) {
+        words.push_back(word);
+    }
+    for (const char* name : {"LD_PRELOAD", "ASAN_OPTIONS", kReexecGuard}) {
+        const char* value = getenv(name);
+        words.push_back("-E");
+        words.push_back(std::string(name) + "=" + (value != nullptr ? value : ""));
+    }
+    (void)unsetenv("LD_PRELOAD");  // the emulator's own loader must not see it
+    char self[PATH_MAX];
+    const ssize_t length = readlink("/proc/self/exe", self, sizeof self - 1);
+    if (length <= 0) {
+        fprintf(stderr, "fakefb: cannot find /proc/self/exe: %s\n", strerror(errno));
+        return false;
+    }
+    words.emplace_back(self, static_cast<size_t>(length));
+    std::vector<char*> command;
+    for (std::string& word : words) {
+        command.push_back(word.data());
+    }
+    command.insert(command.end(), args.begin() + 1, args.end());  // ends with its null
+    execvp(command[0], command.data());
+    fprintf(stderr, "fakefb: cannot re-execute through %s: %s\n", command[0], strerror(errno));
+    return false;
+}
+
 bool ensurePreloaded(int argc, char** argv) {
     if (isPreloaded()) {
         (void)unsetenv(kReexecGuard);  // children start with a clean slate
@@ -207,6 +243,9 @@ bool ensurePreloaded(int argc, char** argv) {
     (void)setenv(kReexecGuard, "1", 1);  // only fails on ENOMEM
     std::vector<char*> args(argv, argv + argc);
     args.push_back(nullptr);
+    if (const char* emulator = getenv("DRAVIK_EMULATOR"); emulator != nullptr && *emulator) {
+        return reexecEmulated(emulator, args);
+    }
     execv("/proc/self/exe", args.data());
     fprintf(stderr, "fakefb: cannot re-execute /proc/self/exe: %s\n", strerror(errno));
     return false;

@@ -10,6 +10,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -295,6 +296,53 @@ void joinIntoVariable(const char* name, const std::string& value, bool prepend) 
     (void)setenv(name, joined.c_str(), 1);  // only fails on ENOMEM
 }
 
+// Whether `command` names a program that can run, the way execvp looks for it.
+bool findsProgram(const char* command) {
+    if (std::strchr(command, '/') != nullptr) {
+        return access(command, X_OK) == 0;
+    }
+    std::istringstream path(getenv("PATH") != nullptr ? getenv("PATH") : "/usr/bin:/bin");
+    for (std::string dir; std::getline(path, dir, ':');) {
+        if (access(((dir.empty() ? "." : dir) + "/" + command).c_str(), X_OK) == 0) {
+            return true;
+        }
+    }
+    return false;
+}
+
+// Under a user-mode emulator (DRAVIK_EMULATOR="qemu-aarch64 -L SYSROOT", as
+// the cross build's tests run), the preload belongs to the emulated program,
+// not to the emulator: it is handed over with the emulator's -E options.
+int runEmulated(const Invocation& inv, const char* emulator, const std::string& library,
+                const std::string& configs) {
+    // The emulator would report a missing program in its own way: report it as
+    // a native run does.
+    if (!findsProgram(inv.command[0])) {
+        fprintf(stderr, "fakefb-run: cannot run %s: %s\n", inv.command[0], strerror(ENOENT));
+        return kCannotRun;
+    }
+    std::vector<std::string> words;
+    std::istringstream split(emulator);
+    for (std::string word; split >> word;) {
+        words.push_back(word);
+    }
+    const char* old = getenv("LD_PRELOAD");
+    const std::string preload =
+        library + (old != nullptr && old[0] != '\0' ? ":" + std::string(old) : "");
+    for (const std::string& variable : {"LD_PRELOAD=" + preload, "FAKEFB_CONFIG=" + configs}) {
+        words.push_back("-E");
+        words.push_back(variable);
+    }
+    std::vector<char*> argv;
+    for (std::string& word : words) {
+        argv.push_back(word.data());
+    }
+    argv.insert(argv.end(), inv.command.begin(), inv.command.end());  // ends with its null
+    execvp(argv[0], argv.data());
+    fprintf(stderr, "fakefb-run: cannot run %s: %s\n", argv[0], strerror(errno));
+    return kCannotRun;
+}
+
 int run(const Invocation& inv) {
     const std::string library = findLibrary();
     if (library.empty()) {
@@ -308,11 +356,15 @@ int run(const Invocation& inv) {
         }
         configs += (configs.empty() ? "" : ":") + std::string(panelSpec.file) + ".geom";
     }
-    (void)setenv("FAKEFB_CONFIG", configs.c_str(), 1);  // only fails on ENOMEM
-    joinIntoVariable("LD_PRELOAD", library, true);
     // A sanitized program refuses to start when another library is loaded before
     // the sanitizer runtime, unless told not to check.
     joinIntoVariable("ASAN_OPTIONS", "verify_asan_link_order=0", false);
+    const char* emulator = getenv("DRAVIK_EMULATOR");
+    if (emulator != nullptr && emulator[0] != '\0') {
+        return runEmulated(inv, emulator, library, configs);
+    }
+    (void)setenv("FAKEFB_CONFIG", configs.c_str(), 1);  // only fails on ENOMEM
+    joinIntoVariable("LD_PRELOAD", library, true);
     execvp(inv.command[0], inv.command.data());
     fprintf(stderr, "fakefb-run: cannot run %s: %s\n", inv.command[0], strerror(errno));
     return kCannotRun;

@@ -7,6 +7,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <sstream>
 #include <stdexcept>
 
 namespace fakefb::test {
@@ -31,13 +32,20 @@ std::string readAll(const std::string& path) {
             setenv(name.c_str(), value.c_str(), 1);
         }
     }
+    // A cross build's tools run under its emulator (DRAVIK_EMULATOR).
+    std::vector<std::string> words;
+    std::istringstream split(getenv("DRAVIK_EMULATOR") != nullptr ? getenv("DRAVIK_EMULATOR") : "");
+    for (std::string word; split >> word;) {
+        words.push_back(word);
+    }
+    words.insert(words.end(), args.begin(), args.end());
     std::vector<char*> argv;
-    argv.reserve(args.size() + 1);
-    for (const auto& arg : args) {
-        argv.push_back(const_cast<char*>(arg.c_str()));
+    argv.reserve(words.size() + 1);
+    for (auto& word : words) {
+        argv.push_back(word.data());
     }
     argv.push_back(nullptr);
-    execv(argv[0], argv.data());
+    execvp(argv[0], argv.data());
     _exit(127);
 }
 
