@@ -286,8 +286,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     }
     MessageHandle echo = newCall();
     if (!dravik::ipc::AppendObject(echo.get(), request, error)) {
-        fprintf(stderr, "a decoded request does not encode: %s\n", error.c_str());
-        abort();
+        // Allowed, with its reason: a value may need more D-Bus containers as
+        // a{sv}/av than it came in (a structure becomes an array of variants),
+        // and the encoder refuses to go beyond what the bus carries.
+        if (error.empty()) {
+            fprintf(stderr, "a refused encoding carries no reason\n");
+            abort();
+        }
+        return 0;
     }
     Variant again;
     if (!seal(echo.get()) || !dravik::ipc::ReadObjectBody(echo.get(), again, error)) {
