@@ -263,12 +263,17 @@ TEST_F(Image, unknown_animation_type_draws_nothing_and_fails) {
     EXPECT_EQ(Access::panelBytes(gui)[0], kSentinel);
 }
 
+// Paths that climb out with ".." are outside however they are spelled: the
+// test is made on the path folded as text, and the real picture they would
+// reach is never read.
 TEST_F(Image, path_outside_prefixes_is_refused_without_reading) {
     const std::string tmpImage = "/tmp/lcm_gui_image_test_" + std::to_string(getpid()) + ".png";
     ASSERT_TRUE(cv::imwrite(tmpImage, solid(4, 4, cv::Scalar::all(1))));
     for (const std::string& path :
          {tmpImage, std::string("/usr/etc/guix/a.png"), std::string("/etc/gui"),
-          std::string("etc/gui/a.png"), std::string("/usr/etc/GUI/a.png")}) {
+          std::string("etc/gui/a.png"), std::string("/usr/etc/GUI/a.png"),
+          "/usr/etc/gui/../../.." + tmpImage, "/etc/gui/images/../../../.." + tmpImage,
+          "/etc/gui/./../gui/../../.." + tmpImage, "/usr/etc/gui//..//..//.." + tmpImage}) {
         SCOPED_TRACE(path);
         LogCapture capture;
         cv::Mat img = solid(2, 2, cv::Scalar::all(3));
@@ -284,26 +289,6 @@ TEST_F(Image, path_outside_prefixes_is_refused_without_reading) {
         EXPECT_EQ(img.at<cv::Vec3b>(1, 1), cv::Vec3b(3, 3, 3));  // no file was read into it
     }
     unlink(tmpImage.c_str());
-}
-
-TEST_F(Image, path_that_climbs_out_with_dot_dot_is_refused_without_reading) {
-    REQUIRE_PRIVATE_GUI_PATHS();
-    const std::string outside = "/tmp/lcm_gui_escape_" + std::to_string(getpid()) + ".png";
-    ASSERT_TRUE(cv::imwrite(outside, solid(4, 4, cv::Scalar::all(1))));
-    for (const std::string& path :
-         {"/usr/etc/gui/../../.." + outside, "/etc/gui/images/../../../.." + outside,
-          "/etc/gui/./../gui/../../.." + outside, "/usr/etc/gui//..//..//.." + outside}) {
-        SCOPED_TRACE(path);
-        LogCapture capture;
-        cv::Mat img = solid(2, 2, cv::Scalar::all(3));
-        EXPECT_FALSE(gui.loadImage(path, img, imgConf(kAnimStatic)));
-        ASSERT_EQ(capture.records.size(), 3U);
-        EXPECT_EQ(capture.records[0].message, "Image path should start with next prefixes:");
-        EXPECT_EQ(capture.records[1].message, "\t\t/usr/etc/gui/");
-        EXPECT_EQ(capture.records[2].message, "\t\t/etc/gui/");
-        EXPECT_EQ(img.at<cv::Vec3b>(1, 1), cv::Vec3b(3, 3, 3));  // no file was read into it
-    }
-    unlink(outside.c_str());
 }
 
 TEST_F(Image, dot_dot_that_stays_inside_is_followed) {
