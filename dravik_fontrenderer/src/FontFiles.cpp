@@ -1,0 +1,53 @@
+#include "FontFiles.h"
+
+#include <string>
+#include <vector>
+
+namespace dravik::fontrenderer {
+
+namespace {
+
+// Faces for the characters that the first face lacks, tried in this order:
+// each is meant for the scripts given (none: any script) and is tried for
+// other scripts only when no face meant for a character's script has it.
+// Files that are missing are left out (docs/fonts.md lists the packages).
+struct FallbackFile {
+    const char* path;
+    hb_script_t scripts[6];  // ends at the first HB_SCRIPT_INVALID
+};
+constexpr FallbackFile kFallbackFiles[] = {
+    {DRAVIK_DEFAULT_FONT_FILE, {}},
+    {"/usr/share/fonts/truetype/noto/NotoSansArabicUI-Regular.ttf", {HB_SCRIPT_ARABIC}},
+    {"/usr/share/fonts/truetype/noto/NotoSansDevanagariUI-Regular.ttf", {HB_SCRIPT_DEVANAGARI}},
+    {"/usr/share/fonts/truetype/noto/NotoSansThaiUI-Regular.ttf", {HB_SCRIPT_THAI}},
+    {"/usr/share/fonts/truetype/wqy/wqy-microhei.ttc",
+     {HB_SCRIPT_HAN, HB_SCRIPT_HIRAGANA, HB_SCRIPT_KATAKANA, HB_SCRIPT_HANGUL, HB_SCRIPT_BOPOMOFO}},
+};
+
+}  // namespace
+
+std::vector<FaceSource> fallbackFaces() {
+    std::vector<FaceSource> sources;
+    for (const auto& file : kFallbackFiles) {
+        FaceSource source{file.path, {}};
+        for (const hb_script_t script : file.scripts) {
+            if (script == HB_SCRIPT_INVALID) {
+                break;
+            }
+            source.scripts.push_back(script);
+        }
+        sources.push_back(source);
+    }
+    return sources;
+}
+
+std::vector<std::string> firstFaceCandidates() {
+    std::vector<std::string> files;
+    const char* configured = DRAVIK_FONT_FILE;
+    if (configured[0] != '\0') {
+        files.emplace_back(configured);
+    }
+    files.emplace_back(DRAVIK_DEFAULT_FONT_FILE);
+    return files;
+}
+}  // namespace dravik::fontrenderer
