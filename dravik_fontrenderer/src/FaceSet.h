@@ -70,9 +70,9 @@ public:
     // The face's vertical metrics at `size` pixels: the ascender rounded up and
     // the descender rounded down, as FreeType scales them for a pixel size.
     VerticalMetrics metrics(std::size_t face, unsigned size) const;
-    // FT_Load_Glyph flags for drawing and for measuring: shaping uses the same,
-    // so that advances match the glyphs drawn.
-    static FT_Int32 loadFlags();
+    // FT_Load_Glyph flags for the face's glyphs, drawn or measured; shaping
+    // uses the same, so that advances match the glyphs drawn.
+    FT_Int32 loadFlags(std::size_t face) const { return slots[face].loadFlags; }
 
 private:
     struct Slot {
@@ -81,6 +81,7 @@ private:
         FT_UShort unitsPerEm = 0;
         FT_Short ascender = 0;
         FT_Short descender = 0;
+        FT_Int32 loadFlags = 0;
         // The shaping font holds a reference to the face and goes first.
         FacePtr face;
         HbFontPtr font;

@@ -138,7 +138,7 @@ const FT_GlyphSlotRec_* FontRenderer::Impl::loadGlyph(const ShapedGlyph& glyph, 
     }
     // Without rendering, FreeType still gives the bitmap's future place and
     // size, which is all that measuring needs.
-    const FT_Int32 flags = FaceSet::loadFlags() | (render ? FT_LOAD_RENDER : 0);
+    const FT_Int32 flags = faces.loadFlags(glyph.face) | (render ? FT_LOAD_RENDER : 0);
     if (FT_Load_Glyph(face, glyph.glyph, flags) != 0 ||
         face->glyph->bitmap.pixel_mode != FT_PIXEL_MODE_GRAY) {
         return nullptr;  // a glyph FreeType cannot render is left out

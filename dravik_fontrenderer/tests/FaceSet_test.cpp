@@ -88,6 +88,17 @@ TEST_F(FaceSetTest, metrics_of_every_face_match_freetypes_for_the_sized_face) {
     }
 }
 
+TEST_F(FaceSetTest, the_first_face_keeps_its_hinting_and_fallback_faces_are_hinted_lightly) {
+    EXPECT_EQ(FT_LOAD_TARGET_MODE(faces.loadFlags(0)), FT_RENDER_MODE_NORMAL);
+    for (std::size_t face = 1; face < faces.size(); ++face) {
+        EXPECT_EQ(FT_LOAD_TARGET_MODE(faces.loadFlags(face)), FT_RENDER_MODE_LIGHT)
+            << faces.path(face);
+    }
+    for (std::size_t face = 0; face < faces.size(); ++face) {
+        EXPECT_NE(faces.loadFlags(face) & FT_LOAD_NO_BITMAP, 0) << faces.path(face);
+    }
+}
+
 TEST_F(FaceSetTest, the_shaping_font_follows_the_size) {
     hb_font_t* font = faces.sizedFont(0, 20);
     ASSERT_NE(font, nullptr);

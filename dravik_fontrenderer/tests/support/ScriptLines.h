@@ -1,5 +1,6 @@
 #pragma once
 
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -12,6 +13,11 @@ struct ScriptLine {
     // Whether the line is meant to draw with no .notdef box.
     bool everyGlyphInSomeFace;
 };
+
+// Test names and failure messages show the line by its name.
+inline void PrintTo(const ScriptLine& line, std::ostream* os) {
+    *os << line.name;
+}
 
 inline const std::vector<ScriptLine>& scriptLines() {
     static const std::vector<ScriptLine> lines = {
