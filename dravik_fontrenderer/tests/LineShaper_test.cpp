@@ -133,15 +133,15 @@ TEST_F(LineShaperTest, latin_before_arabic_in_a_left_to_right_line_comes_first) 
 
 TEST_F(LineShaperTest, numbers_in_right_to_left_text_read_left_to_right) {
     const ShapedLine line = shape("عام 2024");
-    std::vector<unsigned> digits;
+    std::vector<char32_t> digits;
     for (const ShapedGlyph& glyph : line.glyphs) {
-        for (const uint32_t digit : {'0', '2', '4'}) {
+        for (const char32_t digit : {U'0', U'2', U'4'}) {
             if (glyph.glyph == glyphOf(glyph.face, digit)) {
                 digits.push_back(digit);
             }
         }
     }
-    EXPECT_EQ(digits, (std::vector<unsigned>{'2', '0', '2', '4'}));
+    EXPECT_EQ(digits, (std::vector<char32_t>{U'2', U'0', U'2', U'4'}));
     // The digits stand left of the word: the line starts with them.
     EXPECT_EQ(line.glyphs.front().glyph, glyphOf(line.glyphs.front().face, '2'));
 }
