@@ -17,9 +17,23 @@ struct FallbackFile {
 };
 constexpr FallbackFile kFallbackFiles[] = {
     {DRAVIK_DEFAULT_FONT_FILE, {}},
+    // fonts-noto-ui-core
     {"/usr/share/fonts/truetype/noto/NotoSansArabicUI-Regular.ttf", {HB_SCRIPT_ARABIC}},
     {"/usr/share/fonts/truetype/noto/NotoSansDevanagariUI-Regular.ttf", {HB_SCRIPT_DEVANAGARI}},
+    {"/usr/share/fonts/truetype/noto/NotoSansBengaliUI-Regular.ttf", {HB_SCRIPT_BENGALI}},
+    {"/usr/share/fonts/truetype/noto/NotoSansGurmukhiUI-Regular.ttf", {HB_SCRIPT_GURMUKHI}},
+    {"/usr/share/fonts/truetype/noto/NotoSansGujaratiUI-Regular.ttf", {HB_SCRIPT_GUJARATI}},
+    {"/usr/share/fonts/truetype/noto/NotoSansOriyaUI-Regular.ttf", {HB_SCRIPT_ORIYA}},
+    {"/usr/share/fonts/truetype/noto/NotoSansTamilUI-Regular.ttf", {HB_SCRIPT_TAMIL}},
+    {"/usr/share/fonts/truetype/noto/NotoSansTeluguUI-Regular.ttf", {HB_SCRIPT_TELUGU}},
+    {"/usr/share/fonts/truetype/noto/NotoSansKannadaUI-Regular.ttf", {HB_SCRIPT_KANNADA}},
+    {"/usr/share/fonts/truetype/noto/NotoSansMalayalamUI-Regular.ttf", {HB_SCRIPT_MALAYALAM}},
+    {"/usr/share/fonts/truetype/noto/NotoSansSinhalaUI-Regular.ttf", {HB_SCRIPT_SINHALA}},
     {"/usr/share/fonts/truetype/noto/NotoSansThaiUI-Regular.ttf", {HB_SCRIPT_THAI}},
+    {"/usr/share/fonts/truetype/noto/NotoSansLaoUI-Regular.ttf", {HB_SCRIPT_LAO}},
+    {"/usr/share/fonts/truetype/noto/NotoSansMyanmarUI-Regular.ttf", {HB_SCRIPT_MYANMAR}},
+    {"/usr/share/fonts/truetype/noto/NotoSansKhmerUI-Regular.ttf", {HB_SCRIPT_KHMER}},
+    // fonts-wqy-microhei
     {"/usr/share/fonts/truetype/wqy/wqy-microhei.ttc",
      {HB_SCRIPT_HAN, HB_SCRIPT_HIRAGANA, HB_SCRIPT_KATAKANA, HB_SCRIPT_HANGUL, HB_SCRIPT_BOPOMOFO}},
 };

@@ -72,6 +72,30 @@ TEST_F(LineShaperTest, only_lines_with_characters_no_face_has_get_notdef_glyphs)
     }
 }
 
+TEST_F(LineShaperTest, words_of_more_scripts_draw_from_faces_meant_for_them) {
+    const struct {
+        const char* text;
+        hb_script_t script;
+    } words[] = {
+        {"নমস্কার", HB_SCRIPT_BENGALI},  {"ਸਤ ਸ੍ਰੀ ਅਕਾਲ", HB_SCRIPT_GURMUKHI},
+        {"નમસ્તે", HB_SCRIPT_GUJARATI},   {"ନମସ୍କାର", HB_SCRIPT_ORIYA},
+        {"வணக்கம்", HB_SCRIPT_TAMIL},     {"నమస్కారం", HB_SCRIPT_TELUGU},
+        {"ನಮಸ್ಕಾರ", HB_SCRIPT_KANNADA},  {"നമസ്കാരം", HB_SCRIPT_MALAYALAM},
+        {"ආයුබෝවන්", HB_SCRIPT_SINHALA},  {"ສະບາຍດີ", HB_SCRIPT_LAO},
+        {"မင်္ဂလာပါ", HB_SCRIPT_MYANMAR}, {"សួស្តី", HB_SCRIPT_KHMER},
+        {"Привет", HB_SCRIPT_CYRILLIC}, {"Γειά σου", HB_SCRIPT_GREEK},
+    };
+    for (const auto& word : words) {
+        SCOPED_TRACE(word.text);
+        const ShapedLine line = shape(word.text);
+        ASSERT_FALSE(line.glyphs.empty());
+        for (const ShapedGlyph& glyph : line.glyphs) {
+            EXPECT_NE(glyph.glyph, 0U);
+            EXPECT_TRUE(faces.serves(glyph.face, word.script)) << faces.path(glyph.face);
+        }
+    }
+}
+
 TEST_F(LineShaperTest, cjk_lines_draw_every_character_from_the_cjk_face) {
     const std::size_t cjk = faceNamed("wqy-microhei.ttc");
     for (const char* text : {"正在更新固件", "ファームウェア更新中", "펌웨어업데이트"}) {
