@@ -13,13 +13,10 @@ namespace dravik::fontrenderer {
 namespace {
 
 // Embedded bitmaps are left out so every glyph comes as an outline, rendered
-// to 8-bit grey. The first face keeps its own hinting. Fallback faces are
-// hinted lightly (vertically only, by FreeType's auto-hinter): the bytecode
-// of the Noto faces costs about ten times as much per glyph (a line of Thai:
-// 190 us against 24 us), and light hinting looks alike across faces that
-// hint differently.
-constexpr FT_Int32 kFirstFaceFlags = FT_LOAD_DEFAULT | FT_LOAD_NO_BITMAP;
-constexpr FT_Int32 kFallbackFlags = FT_LOAD_TARGET_LIGHT | FT_LOAD_NO_BITMAP;
+// to 8-bit grey. The first face is hinted by its own instructions.
+FT_Int32 loadFlagsFor(Hinting hinting) {
+    return (hinting == Hinting::Light ? FT_LOAD_TARGET_LIGHT : FT_LOAD_DEFAULT) | FT_LOAD_NO_BITMAP;
+}
 
 long ceilPixels(FT_Pos v) {
     return (v + 63) >> 6;
@@ -56,7 +53,7 @@ bool FaceSet::probe(const FaceSource& source) {
     Slot slot;
     slot.path = source.path;
     slot.scripts = source.scripts;
-    slot.loadFlags = kFallbackFlags;
+    slot.loadFlags = loadFlagsFor(source.hinting);
     slot.unitsPerEm = face->units_per_EM;
     slot.ascender = face->ascender;
     slot.descender = face->descender;
@@ -71,7 +68,7 @@ bool FaceSet::openFirst(const std::vector<std::string>& candidates) {
         std::string reason;
         if (openFace(file, slot.face, reason)) {
             slot.path = file;
-            slot.loadFlags = kFirstFaceFlags;
+            slot.loadFlags = loadFlagsFor(Hinting::Own);
             slot.unitsPerEm = slot.face->units_per_EM;
             slot.ascender = slot.face->ascender;
             slot.descender = slot.face->descender;

@@ -12,10 +12,20 @@
 
 namespace dravik::fontrenderer {
 
-// A font file and the scripts it is meant for; no scripts: any script.
+// How a face's glyphs are hinted.
+enum class Hinting {
+    // The face's own instructions (FreeType's default).
+    Own,
+    // Vertically only, by FreeType's auto-hinter.
+    Light,
+};
+
+// A font file, the scripts it is meant for (none: any script) and how its
+// glyphs are hinted when it serves as a fallback face.
 struct FaceSource {
     std::string path;
     std::vector<hb_script_t> scripts;
+    Hinting hinting = Hinting::Own;
 };
 
 // Vertical extent of a face at one pixel size, in whole pixels: the baseline

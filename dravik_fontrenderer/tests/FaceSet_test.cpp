@@ -17,6 +17,7 @@ using dravik::fontrenderer::FaceSet;
 using dravik::fontrenderer::FaceSource;
 using dravik::fontrenderer::fallbackFaces;
 using dravik::fontrenderer::firstFaceCandidates;
+using dravik::fontrenderer::Hinting;
 using dravik::fontrenderer::VerticalMetrics;
 using dravik::logger::LogCapture;
 
@@ -88,11 +89,17 @@ TEST_F(FaceSetTest, metrics_of_every_face_match_freetypes_for_the_sized_face) {
     }
 }
 
-TEST_F(FaceSetTest, the_first_face_keeps_its_hinting_and_fallback_faces_are_hinted_lightly) {
+TEST_F(FaceSetTest, faces_are_hinted_as_their_sources_say) {
     EXPECT_EQ(FT_LOAD_TARGET_MODE(faces.loadFlags(0)), FT_RENDER_MODE_NORMAL);
-    for (std::size_t face = 1; face < faces.size(); ++face) {
-        EXPECT_EQ(FT_LOAD_TARGET_MODE(faces.loadFlags(face)), FT_RENDER_MODE_LIGHT)
-            << faces.path(face);
+    for (const auto& source : fallbackFaces()) {
+        const std::size_t face = faceNamed(faces, source.path);
+        if (face == 0) {
+            continue;  // the first face keeps its own hinting
+        }
+        ASSERT_LT(face, faces.size()) << source.path;
+        EXPECT_EQ(FT_LOAD_TARGET_MODE(faces.loadFlags(face)),
+                  source.hinting == Hinting::Light ? FT_RENDER_MODE_LIGHT : FT_RENDER_MODE_NORMAL)
+            << source.path;
     }
     for (std::size_t face = 0; face < faces.size(); ++face) {
         EXPECT_NE(faces.loadFlags(face) & FT_LOAD_NO_BITMAP, 0) << faces.path(face);
