@@ -1,300 +1,53 @@
 #include "dravik_fontrenderer/FontRenderer.h"
 
-#include <ft2build.h>
-#include FT_FREETYPE_H
-
 #include <algorithm>
 #include <cstddef>
-#include <memory>
+#include <cstdint>
+#include <exception>
 #include <string>
 #include <vector>
 
+#include "FaceSet.h"
+#include "FontFiles.h"
+#include "LineShaper.h"
+#include "Utf8.h"
 #include "dravik_logger/logger.h"
 
-namespace {
+using dravik::fontrenderer::FaceSet;
+using dravik::fontrenderer::LineShaper;
+using dravik::fontrenderer::ShapedGlyph;
+using dravik::fontrenderer::ShapedLine;
+using dravik::fontrenderer::VerticalMetrics;
 
-// Font files init() tries, in order; an empty configured file is left out.
-std::vector<std::string> configuredFontFiles() {
-    std::vector<std::string> files;
-    const char* configured = DRAVIK_FONT_FILE;
-    if (configured[0] != '\0') {
-        files.emplace_back(configured);
-    }
-    files.emplace_back(DRAVIK_DEFAULT_FONT_FILE);
-    return files;
-}
+namespace {
 
 // No panel is anywhere near this tall; the limit keeps a wild size from making
 // FreeType rasterise glyphs of gigabytes.
 constexpr unsigned kMaxSize = 1000;
 
-// Glyphs are laid out until the pen is this many font sizes past the clip edge:
-// no glyph's ink starts further left of its pen position than that, so nothing
-// after it can reach the visible columns.
-constexpr long kLookBehindSizes = 2;
+// No panel shows more characters on one line; the rest of a longer text is
+// not laid out, which bounds the work a text from outside can cause.
+constexpr std::size_t kMaxCodePoints = 4096;
 
-constexpr char32_t kReplacement = 0xFFFD;
-
-struct LibraryDeleter {
-    void operator()(FT_Library library) const { (void)FT_Done_FreeType(library); }
-};
-struct FaceDeleter {
-    void operator()(FT_Face face) const { (void)FT_Done_Face(face); }
-};
-using LibraryPtr = std::unique_ptr<FT_LibraryRec_, LibraryDeleter>;
-using FacePtr = std::unique_ptr<FT_FaceRec_, FaceDeleter>;
-
-// Well-formed UTF-8 by lead byte: the sequence length and the range allowed for
-// the second byte (which excludes overlong forms, surrogates and code points
-// above U+10FFFF); later bytes are always 0x80 .. 0xBF.
-struct LeadRule {
-    unsigned char first;
-    unsigned char last;
-    unsigned length;
-    unsigned char secondLow;
-    unsigned char secondHigh;
-};
-constexpr LeadRule kLeadRules[] = {
-    {0x00, 0x7F, 1, 0x00, 0x00}, {0xC2, 0xDF, 2, 0x80, 0xBF}, {0xE0, 0xE0, 3, 0xA0, 0xBF},
-    {0xE1, 0xEC, 3, 0x80, 0xBF}, {0xED, 0xED, 3, 0x80, 0x9F}, {0xEE, 0xEF, 3, 0x80, 0xBF},
-    {0xF0, 0xF0, 4, 0x90, 0xBF}, {0xF1, 0xF3, 4, 0x80, 0xBF}, {0xF4, 0xF4, 4, 0x80, 0x8F},
-};
-
-const LeadRule* findLeadRule(unsigned char lead) {
-    for (const auto& rule : kLeadRules) {
-        if (lead >= rule.first && lead <= rule.last) {
-            return &rule;
-        }
-    }
-    return nullptr;
-}
-
-// Decodes the code point at `pos` and moves `pos` past it. A malformed sequence
-// gives U+FFFD and is skipped up to the first byte that cannot continue it
-// (always at least one byte), so decoding never reads past the string.
-char32_t nextCodePoint(const std::string& text, std::size_t& pos) {
-    const auto lead = static_cast<unsigned char>(text[pos++]);
-    const LeadRule* rule = findLeadRule(lead);
-    if (rule == nullptr) {
-        return kReplacement;
-    }
-    if (rule->length == 1) {
-        return lead;
-    }
-    char32_t cp = lead & (0x7F >> rule->length);
-    for (unsigned i = 1; i < rule->length; ++i) {
-        if (pos >= text.size()) {
-            return kReplacement;
-        }
-        const auto byte = static_cast<unsigned char>(text[pos]);
-        const unsigned char low = i == 1 ? rule->secondLow : 0x80;
-        const unsigned char high = i == 1 ? rule->secondHigh : 0xBF;
-        if (byte < low || byte > high) {
-            return kReplacement;
-        }
-        cp = (cp << 6) | (byte & 0x3F);
-        ++pos;
-    }
-    return cp;
-}
-
-// C0 and C1 controls, DEL and the Unicode line and paragraph separators take
-// no room in a single line: they are dropped.
-bool isControl(char32_t cp) {
-    return cp < 0x20 || (cp >= 0x7F && cp <= 0x9F) || cp == 0x2028 || cp == 0x2029;
-}
+// A glyph's ink lies within this many font sizes of its origin and of the end
+// of its advance: glyphs further from the columns of interest are not loaded.
+constexpr long kInkReachSizes = 2;
 
 long ceilPixels(FT_Pos v) {
     return (v + 63) >> 6;
-}
-long floorPixels(FT_Pos v) {
-    return v >> 6;
 }
 long roundPixels(FT_Pos v) {
     return (v + 32) >> 6;
 }
 
-// Vertical metrics of one pixel size: the baseline lies `ascender` rows below
-// the top of the line.
-struct LineMetrics {
+// Where a line's glyphs land: `shift` moves ink that starts left of the
+// line's origin into view; the baseline lies `ascender` rows below the top.
+struct LineBox {
     long ascender = 0;
     unsigned height = 0;
+    long shift = 0;
+    unsigned extent = 0;
 };
-
-// One rendered glyph as placed on the line: column and row of its bitmap's
-// top-left sample (either may be negative).
-struct PlacedGlyph {
-    const FT_Bitmap* bitmap;
-    long left;
-    long top;
-};
-
-// Where a pass over the line stops: glyphs whose pen position is beyond
-// `clipWidth` by the look-behind margin are not laid out any more.
-struct LayoutLimit {
-    unsigned clipWidth;
-    unsigned size;
-    bool reached(FT_Pos pen) const {
-        return floorPixels(pen) >= static_cast<long>(clipWidth) + kLookBehindSizes * long(size);
-    }
-};
-
-}  // namespace
-
-struct FontRenderer::Impl {
-    // Declared before the face so that the face is released first.
-    LibraryPtr library;
-    FacePtr face;
-    // Pixel size the face is set to; 0 before the first size is set.
-    mutable unsigned currentSize = 0;
-
-    void release() {
-        currentSize = 0;
-        face.reset();
-        library.reset();
-    }
-    bool initLibrary();
-    bool loadFace(const std::string& file, std::string& reason);
-    bool loadFirstFace(const std::vector<std::string>& files);
-    bool setSize(unsigned size, LineMetrics& metrics) const;
-    bool loadRenderedGlyph(FT_UInt glyph) const;
-    template <typename Visit>
-    unsigned layoutLine(const std::string& text, const LineMetrics& metrics, LayoutLimit limit,
-                        Visit visit) const;
-};
-
-bool FontRenderer::Impl::initLibrary() {
-    FT_Library raw = nullptr;
-    const FT_Error error = FT_Init_FreeType(&raw);
-    if (error != 0) {
-        DRAVIK_LOG(3, 0, "FT_Init_FreeType failed with FreeType error %d", error);
-        return false;
-    }
-    library.reset(raw);
-    return true;
-}
-
-bool FontRenderer::Impl::loadFace(const std::string& file, std::string& reason) {
-    FT_Face raw = nullptr;
-    const FT_Error error = FT_New_Face(library.get(), file.c_str(), 0, &raw);
-    if (error != 0) {
-        reason = "FreeType error " + std::to_string(error);
-        return false;
-    }
-    FacePtr loaded(raw);
-    if (!FT_IS_SCALABLE(loaded.get())) {
-        reason = "not scalable";
-        return false;
-    }
-    face = std::move(loaded);
-    return true;
-}
-
-bool FontRenderer::Impl::loadFirstFace(const std::vector<std::string>& files) {
-    std::string tried;
-    for (const auto& file : files) {
-        std::string reason;
-        if (loadFace(file, reason)) {
-            return true;
-        }
-        tried.append(tried.empty() ? "" : ", ")
-            .append(file)
-            .append(" (")
-            .append(reason)
-            .append(")");
-    }
-    DRAVIK_LOG(3, 0, "No scalable font could be loaded; tried %s", tried.c_str());
-    return false;
-}
-
-bool FontRenderer::Impl::setSize(unsigned size, LineMetrics& metrics) const {
-    if (!face) {
-        DRAVIK_LOG(3, 0, "No font loaded");
-        return false;
-    }
-    if (size == 0 || size > kMaxSize) {
-        DRAVIK_LOG(3, 0, "Font size %u is out of range [1..%u]", size, kMaxSize);
-        return false;
-    }
-    // Setting a size runs the font's hinting set-up, which costs more than
-    // rendering a short line: it is done only when the size changes.
-    if (size != currentSize) {
-        currentSize = 0;
-        const FT_Error error = FT_Set_Pixel_Sizes(face.get(), 0, size);
-        if (error != 0) {
-            DRAVIK_LOG(3, 0, "FT_Set_Pixel_Sizes(%u) failed with FreeType error %d", size, error);
-            return false;
-        }
-        currentSize = size;
-    }
-    // Ascender rounded up and descender rounded down, so the line holds every
-    // glyph that keeps within the face's metrics; the rare glyph that reaches
-    // beyond them is clipped to the line when drawn.
-    const FT_Size_Metrics& m = face->size->metrics;
-    metrics.ascender = ceilPixels(m.ascender);
-    const long height = metrics.ascender - floorPixels(m.descender);
-    if (height <= 0) {
-        DRAVIK_LOG(3, 0, "Font has no line height at size %u", size);
-        return false;
-    }
-    metrics.height = static_cast<unsigned>(height);
-    return true;
-}
-
-bool FontRenderer::Impl::loadRenderedGlyph(FT_UInt glyph) const {
-    // Embedded bitmaps are left out so every glyph comes as an 8-bit grey image.
-    return FT_Load_Glyph(face.get(), glyph, FT_LOAD_RENDER | FT_LOAD_NO_BITMAP) == 0 &&
-           face->glyph->bitmap.pixel_mode == FT_PIXEL_MODE_GRAY;
-}
-
-// Lays out `text` on one line, hands every rendered glyph to `visit` and
-// returns the line's extent in pixels: the furthest of the pen's final
-// position and the right edge of the ink. Characters the face lacks come out
-// as its .notdef glyph; a glyph FreeType cannot render is left out.
-template <typename Visit>
-unsigned FontRenderer::Impl::layoutLine(const std::string& text, const LineMetrics& metrics,
-                                        LayoutLimit limit, Visit visit) const {
-    const bool kerning = FT_HAS_KERNING(face.get());
-    FT_Pos pen = 0;
-    FT_UInt previous = 0;
-    long extent = 0;
-    bool first = true;
-    std::size_t pos = 0;
-    while (pos < text.size() && !limit.reached(pen)) {
-        const char32_t cp = nextCodePoint(text, pos);
-        if (isControl(cp)) {
-            continue;
-        }
-        const FT_UInt glyph = FT_Get_Char_Index(face.get(), cp);
-        if (kerning && previous != 0) {
-            FT_Vector delta{0, 0};
-            if (FT_Get_Kerning(face.get(), previous, glyph, FT_KERNING_DEFAULT, &delta) == 0) {
-                pen = std::max<FT_Pos>(0, pen + delta.x);
-            }
-        }
-        if (!loadRenderedGlyph(glyph)) {
-            continue;
-        }
-        const FT_GlyphSlot slot = face->glyph;
-        // Ink of the first glyph left of its origin would be cut off: the line
-        // starts where that ink starts instead.
-        if (first && slot->bitmap_left < 0) {
-            pen += FT_Pos(-slot->bitmap_left) * 64;
-        }
-        first = false;
-        previous = glyph;
-        const long left = roundPixels(pen) + slot->bitmap_left;
-        visit(PlacedGlyph{&slot->bitmap, left, metrics.ascender - slot->bitmap_top});
-        if (slot->bitmap.width > 0) {
-            extent = std::max(extent, left + static_cast<long>(slot->bitmap.width));
-        }
-        pen += slot->advance.x;
-        extent = std::max(extent, ceilPixels(pen));
-    }
-    return static_cast<unsigned>(std::max(0L, extent));
-}
-
-namespace {
 
 // Start of row `row` of a glyph bitmap, whichever way its rows flow.
 const unsigned char* bitmapRow(const FT_Bitmap& bitmap, unsigned row) {
@@ -304,19 +57,25 @@ const unsigned char* bitmapRow(const FT_Bitmap& bitmap, unsigned row) {
     return bitmap.buffer + std::size_t(bitmap.rows - 1 - row) * std::size_t(-bitmap.pitch);
 }
 
+// The part of the line that is drawn: `width` columns from column `left`.
+struct Window {
+    long left;
+    unsigned width;
+};
+
 // Adds a glyph's coverage into the target (max of the two, so overlapping
 // glyphs do not brighten each other), keeping to `width` x `height` samples.
-void blendGlyph(const PlacedGlyph& g, unsigned char* target, unsigned stride, unsigned width,
-                unsigned height) {
-    for (unsigned r = 0; r < g.bitmap->rows; ++r) {
-        const long y = g.top + long(r);
+void blendGlyph(const FT_Bitmap& bitmap, long left, long top, unsigned char* target,
+                unsigned stride, unsigned width, unsigned height) {
+    for (unsigned r = 0; r < bitmap.rows; ++r) {
+        const long y = top + long(r);
         if (y < 0 || y >= long(height)) {
             continue;
         }
-        const unsigned char* src = bitmapRow(*g.bitmap, r);
+        const unsigned char* src = bitmapRow(bitmap, r);
         unsigned char* dst = target + std::size_t(y) * stride;
-        for (unsigned c = 0; c < g.bitmap->width; ++c) {
-            const long x = g.left + long(c);
+        for (unsigned c = 0; c < bitmap.width; ++c) {
+            const long x = left + long(c);
             if (x >= 0 && x < long(width)) {
                 dst[x] = std::max(dst[x], src[c]);
             }
@@ -326,26 +85,157 @@ void blendGlyph(const PlacedGlyph& g, unsigned char* target, unsigned stride, un
 
 }  // namespace
 
+struct FontRenderer::Impl {
+    FaceSet faces;
+    LineShaper shaper;
+    ShapedLine line;
+
+    bool start(const std::vector<std::string>& candidates) {
+        return faces.open(candidates, dravik::fontrenderer::fallbackFaces());
+    }
+    bool checkSize(unsigned size) const;
+    unsigned maxLineHeight(unsigned size) const;
+    bool shape(const std::string& text, unsigned size);
+    bool frame(unsigned size, LineBox& box);
+    const FT_GlyphSlotRec_* loadGlyph(const ShapedGlyph& glyph, unsigned size, bool render);
+    void draw(const LineBox& box, Window window, unsigned size, unsigned char* buffer,
+              unsigned stride);
+};
+
+bool FontRenderer::Impl::checkSize(unsigned size) const {
+    if (faces.empty()) {
+        DRAVIK_LOG(3, 0, "No font loaded");
+        return false;
+    }
+    if (size == 0 || size > kMaxSize) {
+        DRAVIK_LOG(3, 0, "Font size %u is out of range [1..%u]", size, kMaxSize);
+        return false;
+    }
+    return true;
+}
+
+// The height of a line that draws from every face of the set.
+unsigned FontRenderer::Impl::maxLineHeight(unsigned size) const {
+    long ascender = 0;
+    long descender = 0;
+    for (std::size_t face = 0; face < faces.size(); ++face) {
+        const VerticalMetrics m = faces.metrics(face, size);
+        ascender = std::max(ascender, m.ascender);
+        descender = std::max(descender, m.descender);
+    }
+    return static_cast<unsigned>(std::max(0L, ascender + descender));
+}
+
+bool FontRenderer::Impl::shape(const std::string& text, unsigned size) {
+    return shaper.shape(faces, dravik::fontrenderer::decodeLine(text, kMaxCodePoints), size, line);
+}
+
+const FT_GlyphSlotRec_* FontRenderer::Impl::loadGlyph(const ShapedGlyph& glyph, unsigned size,
+                                                      bool render) {
+    FT_Face face = faces.sizedFace(glyph.face, size);
+    if (face == nullptr) {
+        return nullptr;
+    }
+    // Without rendering, FreeType still gives the bitmap's future place and
+    // size, which is all that measuring needs.
+    const FT_Int32 flags = faces.loadFlags(glyph.face) | (render ? FT_LOAD_RENDER : 0);
+    if (FT_Load_Glyph(face, glyph.glyph, flags) != 0 ||
+        face->glyph->bitmap.pixel_mode != FT_PIXEL_MODE_GRAY) {
+        return nullptr;  // a glyph FreeType cannot render is left out
+    }
+    return face->glyph;
+}
+
+// The line's height covers every face it draws from (the first face always);
+// its extent runs from the leftmost ink or the origin, whichever is further
+// left, to the furthest of the pen's end and the rightmost ink. Only glyphs
+// whose ink can reach either end are loaded.
+bool FontRenderer::Impl::frame(unsigned size, LineBox& box) {
+    long descender = 0;
+    for (std::size_t face = 0; face < faces.size(); ++face) {
+        if (face == 0 || line.facesUsed[face]) {
+            const VerticalMetrics m = faces.metrics(face, size);
+            box.ascender = std::max(box.ascender, m.ascender);
+            descender = std::max(descender, m.descender);
+        }
+    }
+    if (box.ascender + descender <= 0) {
+        DRAVIK_LOG(3, 0, "Font has no line height at size %u", size);
+        return false;
+    }
+    box.height = static_cast<unsigned>(box.ascender + descender);
+    const long end = ceilPixels(std::max<FT_Pos>(0, line.advance));
+    const long reach = kInkReachSizes * long(size);
+    long inkLeft = 0;
+    long inkRight = end;
+    for (const auto& glyph : line.glyphs) {
+        const long origin = roundPixels(glyph.x);
+        const long advanceEnd = origin + std::max(0L, ceilPixels(glyph.advance));
+        if (origin - reach > 0 && advanceEnd + reach < end) {
+            continue;
+        }
+        const FT_GlyphSlotRec_* slot = loadGlyph(glyph, size, false);
+        if (slot == nullptr || slot->bitmap.width == 0) {
+            continue;
+        }
+        const long left = origin + slot->bitmap_left;
+        inkLeft = std::min(inkLeft, left);
+        inkRight = std::max(inkRight, left + long(slot->bitmap.width));
+    }
+    box.shift = -inkLeft;
+    box.extent = static_cast<unsigned>(inkRight + box.shift);
+    return true;
+}
+
+void FontRenderer::Impl::draw(const LineBox& box, Window window, unsigned size,
+                              unsigned char* buffer, unsigned stride) {
+    const long reach = kInkReachSizes * long(size);
+    const long windowEnd = window.left + long(window.width);
+    for (const auto& glyph : line.glyphs) {
+        const long origin = roundPixels(glyph.x) + box.shift;
+        const long advanceEnd = origin + std::max(0L, ceilPixels(glyph.advance));
+        if (advanceEnd + reach < window.left || origin - reach >= windowEnd) {
+            continue;
+        }
+        const FT_GlyphSlotRec_* slot = loadGlyph(glyph, size, true);
+        if (slot == nullptr) {
+            continue;
+        }
+        const long left = origin + slot->bitmap_left - window.left;
+        const long top = box.ascender - slot->bitmap_top - roundPixels(glyph.y);
+        blendGlyph(slot->bitmap, left, top, buffer, stride, window.width, box.height);
+    }
+}
+
 FontRenderer::FontRenderer() : impl(std::make_unique<Impl>()) {}
 
 FontRenderer::~FontRenderer() = default;
 
 bool FontRenderer::init() {
-    impl->release();
-    return impl->initLibrary() && impl->loadFirstFace(configuredFontFiles());
+    try {
+        return impl->start(dravik::fontrenderer::firstFaceCandidates());
+    } catch (const std::exception& e) {
+        impl->faces.close();
+        DRAVIK_LOG(3, 0, "Fonts could not be loaded: %s", e.what());
+        return false;
+    }
 }
 
 bool FontRenderer::init(const std::string& fontFile) {
-    impl->release();
-    return impl->initLibrary() && impl->loadFirstFace({fontFile});
+    try {
+        return impl->start({fontFile});
+    } catch (const std::exception& e) {
+        impl->faces.close();
+        DRAVIK_LOG(3, 0, "Font %s could not be loaded: %s", fontFile.c_str(), e.what());
+        return false;
+    }
 }
 
 bool FontRenderer::maxLineHeight(unsigned size, unsigned& height) const {
-    LineMetrics metrics;
-    if (!impl->setSize(size, metrics)) {
+    if (!impl->checkSize(size)) {
         return false;
     }
-    height = metrics.height;
+    height = impl->maxLineHeight(size);
     return true;
 }
 
@@ -358,27 +248,34 @@ bool FontRenderer::lineRender(const std::string& text, unsigned size, unsigned c
         DRAVIK_LOG(3, 0, "No buffer to draw '%s' into", text.c_str());
         return false;
     }
-    LineMetrics metrics;
-    if (!impl->setSize(size, metrics)) {
+    if (!impl->checkSize(size)) {
         return false;
     }
-    // A line is never cut vertically: where it does not fit, nothing is drawn.
-    if (metrics.height > maxHeight) {
-        DRAVIK_LOG(3, 0, "Line height %u of size %u exceeds the available %u rows", metrics.height,
-                   size, maxHeight);
+    try {
+        LineBox box;
+        if (!impl->shape(text, size) || !impl->frame(size, box)) {
+            return false;
+        }
+        // A line is never cut vertically: where it does not fit, nothing is drawn.
+        if (box.height > maxHeight) {
+            DRAVIK_LOG(3, 0, "Line height %u of size %u exceeds the available %u rows", box.height,
+                       size, maxHeight);
+            return false;
+        }
+        const unsigned clipWidth = measureOnly ? maxWidth : std::min(maxWidth, stride);
+        // A line too long for its space keeps its beginning: the left end of a
+        // left-to-right line, the right end of a right-to-left one.
+        const Window window{
+            impl->line.rightToLeft && box.extent > clipWidth ? long(box.extent - clipWidth) : 0L,
+            std::min(box.extent, clipWidth)};
+        if (!measureOnly) {
+            impl->draw(box, window, size, buffer, stride);
+        }
+        width = window.width;
+        height = box.height;
+        return true;
+    } catch (const std::exception& e) {
+        DRAVIK_LOG(3, 0, "Line '%s' could not be laid out: %s", text.c_str(), e.what());
         return false;
     }
-    const unsigned clipWidth = measureOnly ? maxWidth : std::min(maxWidth, stride);
-    const LayoutLimit limit{clipWidth, size};
-    unsigned extent = 0;
-    if (measureOnly) {
-        extent = impl->layoutLine(text, metrics, limit, [](const PlacedGlyph&) {});
-    } else {
-        extent = impl->layoutLine(text, metrics, limit, [&](const PlacedGlyph& g) {
-            blendGlyph(g, buffer, stride, clipWidth, metrics.height);
-        });
-    }
-    width = std::min(extent, clipWidth);
-    height = metrics.height;
-    return true;
 }

@@ -10,10 +10,12 @@
 #include <string>
 #include <vector>
 
+#include "ScriptLines.h"
 #include "dravik_logger/log_capture.h"
 
 namespace {
 
+using dravik::fontrenderer::testing::scriptLines;
 using dravik::logger::LogCapture;
 
 constexpr unsigned kMinSize = 3;
@@ -111,21 +113,29 @@ struct TextCase {
 };
 
 const std::vector<TextCase>& sampleTexts() {
-    static const std::vector<TextCase> texts = {
-        {"ascii", "Hello, World! 0123 gjpqy", true},
-        {"accented", "\xC3\x85ngstr\xC3\xB6m caf\xC3\xA9 \xC3\x91o\xC3\xB1o", true},
-        {"cjk_missing_from_font", "\xE4\xB8\xAD\xE6\x96\x87", true},
-        {"emoji", "\xF0\x9F\x98\x80 \xF0\x9F\x8E\x89", true},
-        {"invalid_utf8", "\xFF\xC0\xAF\xED\xA0\x80\xE2\x82", true},
-        {"empty", "", false},
-        {"ten_thousand_characters", repeat("W", 10000), true},
-        {"control_characters", "\x01\x02\t\r\x1B\x7F\xC2\x85", false},
-        {"line_break", "\n", false},
-        {"text_with_line_breaks", "first\nsecond\r\nthird", true},
-        {"single_space", " ", false},
-        // Stacked accents on capitals reach above the face's ascender: clipped.
-        {"taller_than_the_line", "\xC7\x95\xC8\xAA\xC7\x9E\xCE\x90 \xCC\x96", true},
-    };
+    static const std::vector<TextCase> texts = [] {
+        std::vector<TextCase> all = {
+            {"ascii", "Hello, World! 0123 gjpqy", true},
+            {"accented", "\xC3\x85ngstr\xC3\xB6m caf\xC3\xA9 \xC3\x91o\xC3\xB1o", true},
+            {"cjk_from_a_fallback_face", "\xE4\xB8\xAD\xE6\x96\x87", true},
+            {"no_face_has_these", "\xCD\xB8\xCD\xB9", true},
+            {"emoji", "\xF0\x9F\x98\x80 \xF0\x9F\x8E\x89", true},
+            {"invalid_utf8", "\xFF\xC0\xAF\xED\xA0\x80\xE2\x82", true},
+            {"empty", "", false},
+            {"ten_thousand_characters", repeat("W", 10000), true},
+            {"control_characters", "\x01\x02\t\r\x1B\x7F\xC2\x85", false},
+            {"line_break", "\n", false},
+            {"text_with_line_breaks", "first\nsecond\r\nthird", true},
+            {"single_space", " ", false},
+            // Stacked accents on capitals reach above the face's ascender: clipped.
+            {"taller_than_the_line", "\xC7\x95\xC8\xAA\xC7\x9E\xCE\x90 \xCC\x96", true},
+            {"long_arabic", repeat("\xD9\x85\xD8\xB1\xD8\xAD\xD8\xA8\xD8\xA7 ", 300), true},
+        };
+        for (const auto& line : scriptLines()) {
+            all.push_back({line.name.c_str(), line.text, true});
+        }
+        return all;
+    }();
     return texts;
 }
 
@@ -176,7 +186,8 @@ TEST_F(FontRendererTest, every_text_and_size_draws_within_its_measurement) {
             unsigned lineHeight = 0;
             ASSERT_TRUE(renderer.maxLineHeight(size, lineHeight));
             const Extent measured = measure(sample.text, size);
-            EXPECT_EQ(measured.height, lineHeight);
+            EXPECT_GT(measured.height, 0U);
+            EXPECT_LE(measured.height, lineHeight);
             EXPECT_LE(measured.width, kAvailWidth);
             EXPECT_EQ(measured.width > 0, sample.visible || sample.text == " ");
 
@@ -250,12 +261,31 @@ TEST_F(FontRendererTest, draw_with_stride_narrower_than_max_width_stays_within_s
     EXPECT_TRUE(buffer.hasInk());
 }
 
-TEST_F(FontRendererTest, empty_text_has_zero_width_and_the_line_height) {
+TEST_F(FontRendererTest, empty_text_has_zero_width_and_the_first_faces_line_height) {
     unsigned lineHeight = 0;
     ASSERT_TRUE(renderer.maxLineHeight(16, lineHeight));
     const Extent measured = measure("", 16);
     EXPECT_EQ(measured.width, 0U);
-    EXPECT_EQ(measured.height, lineHeight);
+    EXPECT_EQ(measured.height, measure("Latin", 16).height);
+    EXPECT_LE(measured.height, lineHeight);
+}
+
+TEST_F(FontRendererTest, a_line_is_as_tall_as_the_faces_it_draws_from) {
+    for (unsigned size = kMinSize; size <= kMaxSize; ++size) {
+        SCOPED_TRACE(size);
+        unsigned lineHeight = 0;
+        ASSERT_TRUE(renderer.maxLineHeight(size, lineHeight));
+        const unsigned latin = measure("Latin", size).height;
+        const unsigned thai = measure("\xE0\xB9\x84\xE0\xB8\x97\xE0\xB8\xA2", size).height;
+        const unsigned mixed = measure("Latin \xE0\xB9\x84\xE0\xB8\x97\xE0\xB8\xA2", size).height;
+        // Thai comes from a face with a taller line than DejaVu Sans'.
+        EXPECT_GE(thai, latin);
+        EXPECT_EQ(mixed, thai);
+        EXPECT_LE(thai, lineHeight);
+        if (size >= 12) {
+            EXPECT_GT(thai, latin);
+        }
+    }
 }
 
 TEST_F(FontRendererTest, max_line_height_grows_with_size_and_holds_the_size) {
@@ -293,16 +323,19 @@ TEST_F(FontRendererTest, draw_without_buffer_is_refused) {
 }
 
 TEST_F(FontRendererTest, line_taller_than_max_height_is_refused_not_cut) {
-    unsigned lineHeight = 0;
-    ASSERT_TRUE(renderer.maxLineHeight(24, lineHeight));
-    unsigned width = 0;
-    unsigned height = 0;
-    LogCapture capture;
-    EXPECT_FALSE(
-        renderer.lineRender("abc", 24, nullptr, 100, lineHeight - 1, 100, true, width, height));
-    EXPECT_EQ(capture.records.size(), 1U);
-    EXPECT_TRUE(renderer.lineRender("abc", 24, nullptr, 100, lineHeight, 100, true, width, height));
-    EXPECT_EQ(height, lineHeight);
+    for (const char* text : {"abc", "\xE4\xB8\xAD\xE6\x96\x87"}) {
+        SCOPED_TRACE(text);
+        const unsigned lineHeight = measure(text, 24).height;
+        unsigned width = 0;
+        unsigned height = 0;
+        LogCapture capture;
+        EXPECT_FALSE(
+            renderer.lineRender(text, 24, nullptr, 100, lineHeight - 1, 100, true, width, height));
+        EXPECT_EQ(capture.records.size(), 1U);
+        EXPECT_TRUE(
+            renderer.lineRender(text, 24, nullptr, 100, lineHeight, 100, true, width, height));
+        EXPECT_EQ(height, lineHeight);
+    }
 }
 
 TEST_F(FontRendererTest, draw_is_not_taller_than_the_measurement_when_given_more_rows) {
@@ -352,15 +385,53 @@ TEST_F(FontRendererTest, malformed_utf8_draws_one_replacement_character_per_bad_
     }
 }
 
-TEST_F(FontRendererTest, characters_missing_from_the_font_draw_the_same_placeholder) {
+TEST_F(FontRendererTest, characters_no_face_has_draw_the_same_placeholder) {
     Extent a;
     Extent b;
-    const auto first = render("\xE4\xB8\xAD", 20, a);   // U+4E2D
-    const auto second = render("\xE6\x96\x87", 20, b);  // U+6587
+    const auto first = render("\xCD\xB8", 20, a);           // U+0378, unassigned
+    const auto second = render("\xF0\x9F\x8E\x89", 20, b);  // U+1F389, in no face
     EXPECT_GT(a.width, 0U);
     EXPECT_EQ(a.width, b.width);
     EXPECT_EQ(first, second);
     EXPECT_NE(std::count(first.begin(), first.end(), 0), std::ptrdiff_t(first.size()));
+}
+
+TEST_F(FontRendererTest, too_long_a_line_keeps_the_end_where_its_text_begins) {
+    struct Row {
+        const char* name;
+        std::string text;
+        bool keepsRightEnd;
+    };
+    const std::vector<Row> rows = {
+        {"left to right", repeat("Update ", 20), false},
+        {"right to left", repeat("\xD8\xAA\xD8\xAD\xD8\xAF\xD9\x8A\xD8\xAB ", 20), true},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        Extent whole;
+        const auto full = render(row.text, 20, whole);
+        ASSERT_GT(whole.width, 200U);
+        const Extent measured = measure(row.text, 20, 90);
+        ASSERT_EQ(measured.width, 90U);
+        GuardedBuffer clipped(90, measured.height, 90);
+        const Extent drawn = draw(row.text, 20, clipped, 90);
+        EXPECT_EQ(drawn.width, 90U);
+        EXPECT_EQ(clipped.damagedGuards(), 0U);
+        const unsigned firstColumn = row.keepsRightEnd ? whole.width - 90 : 0;
+        for (unsigned y = 0; y < measured.height; ++y) {
+            for (unsigned x = 0; x < 90; ++x) {
+                ASSERT_EQ(clipped.at(x, y), full[std::size_t(y) * whole.width + firstColumn + x])
+                    << "column " << x << " row " << y;
+            }
+        }
+    }
+}
+
+TEST_F(FontRendererTest, only_the_first_4096_characters_are_laid_out) {
+    const std::string first = repeat("i", 4096);
+    const unsigned wide = 1000000;
+    EXPECT_EQ(measure(first + "WWW", 3, wide).width, measure(first, 3, wide).width);
+    EXPECT_LT(measure(repeat("i", 4095), 3, wide).width, measure(first, 3, wide).width);
 }
 
 TEST_F(FontRendererTest, accented_letters_differ_from_their_base_letters) {
