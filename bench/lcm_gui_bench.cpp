@@ -1,6 +1,9 @@
 // The display engine's per-frame work on simulated 240 x 240 panels: copying
 // the drawing buffer to the panel (whole screen and a small rectangle) at every
-// depth, and one tick of a breathing animation.
+// depth, and one tick of a breathing animation. Each is paired with the plain
+// operation it is compared with (scripts/bench prints the ratios): a memcpy of
+// the same output bytes, line by line, and one saturating add of the same
+// picture.
 //
 // The panel's memory is an ordinary file mapping here (see docs/fakefb.md), so
 // the figures are those of the conversion into cached memory; a real panel's
@@ -10,6 +13,7 @@
 
 #include <cstdint>
 #include <cstdio>
+#include <cstring>
 #include <memory>
 #include <opencv2/imgcodecs.hpp>
 #include <string>
@@ -152,6 +156,28 @@ void BM_ShowBuf_FullScreen(benchmark::State& state) {
 }
 BENCHMARK(BM_ShowBuf_FullScreen)->ArgName("bpp")->Arg(15)->Arg(16)->Arg(24)->Arg(32);
 
+// The floor for a full-screen conversion: the same number of output bytes per
+// line, copied line by line from one buffer to another.
+void BM_Memcpy_FullScreen(benchmark::State& state) {
+    const auto bytesPerPixel = static_cast<size_t>(state.range(0));
+    const size_t lineBytes = kWidth * bytesPerPixel;
+    std::vector<unsigned char> from(lineBytes * kHeight, 0x5A);
+    std::vector<unsigned char> to(lineBytes * kHeight, 0);
+    // The loop variable only drives the iterations.
+    for (auto _ : state) {  // NOLINT(clang-analyzer-deadcode.DeadStores)
+        for (unsigned i = 0; i < kHeight; ++i) {
+            std::memcpy(to.data() + i * lineBytes, from.data() + i * lineBytes, lineBytes);
+        }
+        benchmark::ClobberMemory();
+    }
+    if (to[lineBytes * kHeight - 1] != 0x5A) {
+        state.SkipWithError("the copy did not arrive");
+        return;
+    }
+    state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * lineBytes * kHeight));
+}
+BENCHMARK(BM_Memcpy_FullScreen)->ArgName("bytes")->Arg(1)->Arg(2)->Arg(3)->Arg(4);
+
 void BM_ShowBuf_Rect64x24(benchmark::State& state) {
     showBuf(state, kRectX, kRectY, kRectW, kRectH);
 }
@@ -230,6 +256,23 @@ void preparePrivatePaths() {
         std::fprintf(stderr, "cannot write the breathing picture under %s\n", kImageDir);
     }
 }
+
+// The floor for a breathing tick: one saturating add of the same 120 x 120
+// picture into the middle of a 240 x 240 drawing buffer.
+void BM_Add_Breathing120(benchmark::State& state) {
+    cv::Mat buffer = cv::Mat::zeros(kHeight, kWidth, CV_8UC3);
+    const cv::Mat picture = pattern(120, 120);
+    cv::Mat target = buffer(cv::Rect(60, 60, 120, 120));
+    // The loop variable only drives the iterations.
+    for (auto _ : state) {  // NOLINT(clang-analyzer-deadcode.DeadStores)
+        cv::add(target, picture, target);
+        benchmark::ClobberMemory();
+    }
+    if (cv::countNonZero(target.reshape(1)) == 0) {
+        state.SkipWithError("the picture was not added");
+    }
+}
+BENCHMARK(BM_Add_Breathing120);
 
 // One tick of a 120 x 120 breathing picture, centred on a 16-bit panel, whose
 // level changes at every tick: the clock alternates between a phase of level

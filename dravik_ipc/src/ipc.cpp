@@ -3,6 +3,7 @@
 #include <systemd/sd-bus.h>
 
 #include <cerrno>
+#include <ctime>
 #include <exception>
 #include <map>
 #include <string>
@@ -88,8 +89,9 @@ struct Ipc::Impl {
     bool openBus(bool sessionBus);
     bool serveObject(const std::string& path, Ipc* owner);
     bool requestName(const std::string& busName);
+    bool due() const;
     bool drain();
-    bool wait(int ms);
+    bool wait(int ms, bool& traffic);
     DispatchedCall* callToAnswer(const char* operation) const;
 };
 
@@ -251,14 +253,43 @@ bool Ipc::Service(int ms) {
         DRAVIK_LOG(3, 0, "IPC Service called from inside a handler");
         return false;
     }
+    // What sd-bus already holds (messages read during a call, a timeout that
+    // has passed) is served at once. Otherwise the socket is read only when
+    // the wait reports traffic: an idle tick costs one wait and nothing else.
     const size_t before = impl_->dispatched;
-    if (!impl_->drain()) {
+    if (impl_->due() && !impl_->drain()) {
         return false;
     }
     if (impl_->dispatched != before) {
         return true;
     }
-    return impl_->wait(ms) && impl_->drain();
+    bool traffic = false;
+    if (!impl_->wait(ms, traffic)) {
+        return false;
+    }
+    return !(traffic || impl_->due()) || impl_->drain();
+}
+
+// Whether sd_bus_process has work that needs nothing from the socket: messages
+// sd-bus has already read and queued (sd_bus_wait returns at once for those,
+// reporting no traffic), or a timeout of its own that has passed.
+bool Ipc::Impl::due() const {
+    uint64_t deadline = 0;
+    const int result = sd_bus_get_timeout(bus.get(), &deadline);
+    if (result < 0) {
+        return true;  // sd_bus_process reports what is wrong
+    }
+    if (result == 0) {
+        return false;  // nothing queued and no timeout pending
+    }
+    if (deadline == 0) {
+        return true;
+    }
+    timespec now = {};
+    (void)clock_gettime(CLOCK_MONOTONIC, &now);  // cannot fail for this clock
+    const uint64_t nowUs =
+        static_cast<uint64_t>(now.tv_sec) * 1000000u + static_cast<uint64_t>(now.tv_nsec) / 1000u;
+    return deadline <= nowUs;
 }
 
 // Runs sd_bus_process until nothing is left; only method calls served by
@@ -281,13 +312,16 @@ bool Ipc::Impl::drain() {
     return true;
 }
 
-bool Ipc::Impl::wait(int ms) {
+// Waits at most `ms` for the socket (or a timeout of sd-bus); `traffic` tells
+// whether it has something to read or can take what sd-bus has to write.
+bool Ipc::Impl::wait(int ms, bool& traffic) {
     const uint64_t timeout = ms > 0 ? static_cast<uint64_t>(ms) * 1000u : 0u;
     const int result = sd_bus_wait(bus.get(), timeout);
     if (result < 0 && result != -EINTR) {
         DRAVIK_LOG(3, -result, "Waiting for bus traffic failed");
         return false;
     }
+    traffic = result > 0;
     return true;
 }
 

@@ -126,6 +126,14 @@ private:
     void prepareDepth16(bool directColour);
     void prepareDepth24(bool directColour);
     void prepareDepth32(bool directColour);
+    // Picks a dedicated conversion for the panel's layout when one gives
+    // exactly the bytes of the tables just prepared.
+    void chooseFastLine();
+    [[nodiscard]] bool fastLineHolds(unsigned depth) const;
+    [[nodiscard]] bool ditherTakesLowShades() const;
+    [[nodiscard]] bool lowShadesArePaletteIndex884() const;
+    unsigned char* convertLineByTables(unsigned depth, unsigned line, unsigned width,
+                                       unsigned char* dst, unsigned char* src);
     // Shows the start-up screen and applies the start-up brightness.
     [[nodiscard]] bool showStartupScreen(const std::string& guiId, signed char brightness);
 
@@ -170,8 +178,18 @@ private:
     uint32_t lineGap = 0;
     GuiBackLight backLight;
 
-    // 8 x 8 ordered-dither thresholds, row by row, shared by every engine.
+    // The dedicated line conversion chosen by init, used for lines of depth
+    // `fastDepth` instead of the tables it was checked against; null when the
+    // panel's layout has none. The dither's check also depends on the shared
+    // matrix, so it holds only while the matrix is the one it was checked on.
+    void (*fastLine)(const uint8_t* src, uint8_t* dst, unsigned width) = nullptr;
+    unsigned fastDepth = 0;
+    uint32_t fastLineMatrixVersion = 0;
+
+    // 8 x 8 ordered-dither thresholds, row by row, shared by every engine, and
+    // a count of its changes.
     static std::array<int32_t, kDitherSize * kDitherSize> ditherMatrix;
+    static uint32_t ditherMatrixVersion;
 };
 
 }  // namespace dravik::lcmgui

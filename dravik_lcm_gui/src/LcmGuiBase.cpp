@@ -6,9 +6,11 @@
 #include <algorithm>
 #include <cmath>
 #include <cstring>
+#include <iterator>
 
 #include "ImageCodecs.h"
 #include "LcmGui.h"
+#include "PixelKernels.h"
 #include "dravik_ipc_messages/messages.h"
 #include "dravik_logger/logger.h"
 #include "dravik_utils/utils.h"
@@ -37,6 +39,40 @@ constexpr signed char kMaxBrightnessPercent = 100;
 
 bool inRange(uint32_t value, uint32_t low, uint32_t high) {
     return value >= low && value <= high;
+}
+
+// The channel placement of panels that report no channel lengths, by depth
+// (24 serves 32-bit panels). The same three layouts are the ones real panels
+// report, so each has a dedicated line conversion for pixels of `bytes` bytes.
+struct FixedLayout {
+    unsigned depth;
+    uint32_t (*red)(uint32_t);
+    uint32_t (*green)(uint32_t);
+    uint32_t (*blue)(uint32_t);
+    unsigned bytes;
+    pixels::LineKernel convert;
+};
+
+constexpr FixedLayout kFixedLayouts[] = {
+    {15, [](uint32_t v) { return (v & 0xF8U) << 7; }, [](uint32_t v) { return (v & 0xF8U) << 2; },
+     [](uint32_t v) { return v >> 3; }, 2, pixels::toRgb555},
+    {16, [](uint32_t v) { return (v & 0xF8U) << 8; }, [](uint32_t v) { return (v & 0xFCU) << 3; },
+     [](uint32_t v) { return v >> 3; }, 2, pixels::toRgb565},
+    {24, [](uint32_t v) { return v << 16; }, [](uint32_t v) { return v << 8; },
+     [](uint32_t v) { return v; }, 4, pixels::toXrgb8888},
+};
+
+// Depths whose lines go through the lookup tables.
+constexpr unsigned kTableDepths[] = {15, 16, 32};
+
+bool tablesHold(const FixedLayout& layout, const uint32_t* red, const uint32_t* green,
+                const uint32_t* blue) {
+    for (uint32_t v = 0; v < 256; ++v) {
+        if (red[v] != layout.red(v) || green[v] != layout.green(v) || blue[v] != layout.blue(v)) {
+            return false;
+        }
+    }
+    return true;
 }
 
 // Whether position + size ends beyond the limit. Summed without wrapping: a
@@ -169,10 +205,40 @@ bool LcmGui::prepareColourPath() {
     for (const auto& setup : setups) {
         if (setup.depth == fbVar.bits_per_pixel) {
             (this->*setup.prepare)(directColour);
+            chooseFastLine();
             return true;
         }
     }
     return false;
+}
+
+void LcmGui::chooseFastLine() {
+    fastLine = nullptr;
+    const unsigned depth = fbVar.bits_per_pixel;
+    if (depth == 8) {
+        if (ditherTakesLowShades() && lowShadesArePaletteIndex884()) {
+            fastLine = pixels::toPaletteIndex884;
+            fastDepth = depth;
+            fastLineMatrixVersion = ditherMatrixVersion;
+        }
+        return;
+    }
+    if (std::find(std::begin(kTableDepths), std::end(kTableDepths), depth) ==
+        std::end(kTableDepths)) {
+        return;
+    }
+    for (const auto& layout : kFixedLayouts) {
+        if (layout.bytes == (depth + 7) / 8 && tablesHold(layout, lutRed, lutGreen, lutBlue)) {
+            fastLine = layout.convert;
+            fastDepth = depth;
+            return;
+        }
+    }
+}
+
+bool LcmGui::fastLineHolds(unsigned depth) const {
+    return fastLine != nullptr && depth == fastDepth &&
+           (depth != 8 || fastLineMatrixVersion == ditherMatrixVersion);
 }
 
 void LcmGui::prepareDepth8(bool /*directColour*/) {
@@ -322,27 +388,14 @@ void LcmGui::ditherPalette(int r, int g, int b) {
 }
 
 void LcmGui::lutInit(unsigned depth) {
+    fastLine = nullptr;  // chosen again from the new tables by init
     if (fbVar.red.length != 0 && fbVar.green.length != 0 && fbVar.blue.length != 0) {
         initOne(lutRed, fbVar.red.length, fbVar.red.offset);
         initOne(lutGreen, fbVar.green.length, fbVar.green.offset);
         initOne(lutBlue, fbVar.blue.length, fbVar.blue.offset);
         return;
     }
-    struct FixedLayout {
-        unsigned depth;
-        uint32_t (*red)(uint32_t);
-        uint32_t (*green)(uint32_t);
-        uint32_t (*blue)(uint32_t);
-    };
-    static const FixedLayout layouts[] = {
-        {15, [](uint32_t v) { return (v & 0xF8U) << 7; },
-         [](uint32_t v) { return (v & 0xF8U) << 2; }, [](uint32_t v) { return v >> 3; }},
-        {16, [](uint32_t v) { return (v & 0xF8U) << 8; },
-         [](uint32_t v) { return (v & 0xFCU) << 3; }, [](uint32_t v) { return v >> 3; }},
-        {24, [](uint32_t v) { return v << 16; }, [](uint32_t v) { return v << 8; },
-         [](uint32_t v) { return v; }},
-    };
-    for (const auto& layout : layouts) {
+    for (const auto& layout : kFixedLayouts) {
         if (layout.depth != depth) {
             continue;
         }
@@ -357,6 +410,7 @@ void LcmGui::lutInit(unsigned depth) {
 void LcmGui::initOne(unsigned* table, unsigned bits, unsigned shift) {
     // Offsets come from the device: a shift past the pixel word yields no bits.
     const auto shiftLeft = [](unsigned v, unsigned s) { return s < 32 ? v << s : 0U; };
+    fastLine = nullptr;  // the table may be one a dedicated conversion was checked against
     for (unsigned v = 0; v < 256; ++v) {
         // A channel wider than 8 bits keeps its top bits zero.
         table[v] = bits <= 8 ? shiftLeft(v >> (8 - bits), shift) : shiftLeft(v, shift + bits - 8);
@@ -365,6 +419,15 @@ void LcmGui::initOne(unsigned* table, unsigned bits, unsigned shift) {
 
 unsigned char* LcmGui::convertLine(unsigned depth, unsigned line, unsigned width,
                                    unsigned char* dst, unsigned char* src) {
+    if (fastLineHolds(depth)) {
+        fastLine(src, dst, width);
+        return dst + size_t{width} * ((depth + 7) / 8);
+    }
+    return convertLineByTables(depth, line, width, dst, src);
+}
+
+unsigned char* LcmGui::convertLineByTables(unsigned depth, unsigned line, unsigned width,
+                                           unsigned char* dst, unsigned char* src) {
     switch (depth) {
         case 32:
             for (unsigned k = 0; k < width; ++k, src += 3, dst += 4) {

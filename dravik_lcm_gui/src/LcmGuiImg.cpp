@@ -4,6 +4,7 @@
 #include "GuiPaths.h"
 #include "ImageCodecs.h"
 #include "LcmGui.h"
+#include "PixelKernels.h"
 #include "dravik_logger/logger.h"
 #include "dravik_utils/utils.h"
 
@@ -57,14 +58,17 @@ void addProgressBar(cv::Mat& target, const cv::Mat& img, unsigned width, unsigne
 }  // namespace
 
 std::array<int32_t, 64> LcmGui::ditherMatrix = kBayer8x8;
+uint32_t LcmGui::ditherMatrixVersion = 0;
 
 void LcmGui::resetDitherMatrix() {
     ditherMatrix = kBayer8x8;
+    ++ditherMatrixVersion;
 }
 
 // ---- Dithering for 8-bit panels ----
 
 void LcmGui::initDither(int shadesR, int shadesG, int shadesB, int shadesGray) {
+    fastLine = nullptr;  // chosen again from the new tables by init
     redMult = shadesG * shadesB;
     greenMult = shadesB;
     struct Channel {
@@ -83,6 +87,7 @@ void LcmGui::initDither(int shadesR, int shadesG, int shadesB, int shadesGray) {
     for (auto& entry : ditherMatrix) {
         entry = static_cast<int32_t>(static_cast<uint32_t>(entry) * 65536U);
     }
+    ++ditherMatrixVersion;
     for (const auto& channel : channels) {
         const auto coloursPerShade = static_cast<float>(256.0 / (channel.shades - 1));
         for (int i = 0; i < 256; ++i) {
@@ -113,6 +118,46 @@ int64_t LcmGui::ditherThreshold(unsigned row, unsigned column) {
     const uint64_t low = static_cast<uint32_t>(ditherMatrix[flat]);
     const uint64_t high = static_cast<uint32_t>(ditherMatrix[flat + 1]);
     return static_cast<int64_t>((high << 32) | low);
+}
+
+// Whether every threshold of the matrix lies above every value of the three
+// colour tables, so that ditherLine takes the low shade of every channel of
+// every pixel. This holds after the one scaling that start-up makes.
+bool LcmGui::ditherTakesLowShades() const {
+    const auto largest = [](const int32_t* table) { return *std::max_element(table, table + 256); };
+    const int64_t highest =
+        std::max({largest(redDither), largest(greenDither), largest(blueDither)});
+    for (unsigned row = 0; row < kDitherSize; ++row) {
+        for (unsigned column = 0; column < kDitherSize; ++column) {
+            if (ditherThreshold(row, column) < highest) {
+                return false;
+            }
+        }
+    }
+    return true;
+}
+
+// Whether the low shades of the colour tables (the bytes that ditherLine adds)
+// are the truncated levels of the 8 x 8 x 4 palette that
+// pixels::toPaletteIndex884 computes.
+bool LcmGui::lowShadesArePaletteIndex884() const {
+    std::array<uint8_t, 3> src = {};
+    for (unsigned v = 0; v < 256; ++v) {
+        const struct {
+            const int32_t* table;
+            unsigned byte;
+        } channels[] = {{redDither, 0}, {greenDither, 1}, {blueDither, 2}};
+        for (const auto& channel : channels) {
+            src = {};
+            src[channel.byte] = static_cast<uint8_t>(v);
+            uint8_t index = 0;
+            pixels::toPaletteIndex884(src.data(), &index, 1);
+            if (index != static_cast<uint8_t>(channel.table[v] & 0xFF)) {
+                return false;
+            }
+        }
+    }
+    return true;
 }
 
 void LcmGui::ditherLine(const unsigned char* src, unsigned char* dst, unsigned line,

@@ -40,6 +40,16 @@ public:
     static uint32_t lineGap(LcmGui& gui) { return gui.lineGap; }
     static const std::array<int32_t, 64>& ditherMatrix() { return LcmGui::ditherMatrix; }
     static bool prepareToService(LcmGui& gui) { return gui.prepareToService(); }
+    // The colour path as init prepares it from fbVar and fbFix.
+    static bool prepareColourPath(LcmGui& gui) { return gui.prepareColourPath(); }
+    // Whether init chose a dedicated line conversion for the panel's layout.
+    static bool hasFastLine(LcmGui& gui) { return gui.fastLine != nullptr; }
+    // The line conversion through the lookup and dither tables alone.
+    static unsigned char* convertLineByTables(LcmGui& gui, unsigned depth, unsigned line,
+                                              unsigned width, unsigned char* dst,
+                                              unsigned char* src) {
+        return gui.convertLineByTables(depth, line, width, dst, src);
+    }
     static uint32_t animationLevel(const LcmGui& gui, uint64_t now) {
         return gui.animationLevel(now);
     }
