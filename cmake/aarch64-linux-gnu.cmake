@@ -4,8 +4,14 @@
 # or the Debian 12 arm64 sysroot that scripts/sysroot makes.
 set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_SYSTEM_PROCESSOR aarch64)
-set(CMAKE_C_COMPILER aarch64-linux-gnu-gcc)
-set(CMAKE_CXX_COMPILER aarch64-linux-gnu-g++)
+# A board SDK's own compilers may be given with -DCMAKE_C_COMPILER and
+# -DCMAKE_CXX_COMPILER.
+if(NOT CMAKE_C_COMPILER)
+  set(CMAKE_C_COMPILER aarch64-linux-gnu-gcc)
+endif()
+if(NOT CMAKE_CXX_COMPILER)
+  set(CMAKE_CXX_COMPILER aarch64-linux-gnu-g++)
+endif()
 
 if(NOT DRAVIK_SYSROOT AND DEFINED ENV{DRAVIK_SYSROOT})
   set(DRAVIK_SYSROOT $ENV{DRAVIK_SYSROOT})
