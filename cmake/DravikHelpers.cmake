@@ -43,9 +43,19 @@ function(add_dravik_test name)
     # Under the emulator a process costs about a second before its first test
     # (the loader maps OpenCV's hundred libraries through it): each program
     # runs once with all its tests, and gtest names any that fail.
+    # DRAVIK_EMULATOR tells the simulator's tests to hand their preload to the
+    # emulated program (qemu's -E) instead of the emulator.
+    set(environment ${ARG_ENVIRONMENT})
+    if(CMAKE_CROSSCOMPILING_EMULATOR)
+      string(JOIN " " emulator ${CMAKE_CROSSCOMPILING_EMULATOR})
+      list(APPEND environment "DRAVIK_EMULATOR=${emulator}")
+    endif()
     add_test(NAME ${name} COMMAND ${name})
     set_tests_properties(${name} PROPERTIES
-      WORKING_DIRECTORY ${CMAKE_CURRENT_BINARY_DIR} TIMEOUT 900 ${props})
+      WORKING_DIRECTORY ${CMAKE_CURRENT_BINARY_DIR} TIMEOUT 900 ENVIRONMENT "${environment}")
+    if(ARG_LABELS)
+      set_tests_properties(${name} PROPERTIES LABELS "${ARG_LABELS}")
+    endif()
     return()
   endif()
   gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST

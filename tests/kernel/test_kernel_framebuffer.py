@@ -93,7 +93,11 @@ def images(work):
     """The example pictures, drawn by the native build."""
     directory = os.path.join(work, "images")
     os.makedirs(directory)
-    subprocess.run([os.path.join(require_env("DRAVIK_HOST_BIN_DIR"), "make_example_images"),
+    host_bin = require_env("DRAVIK_HOST_BIN_DIR")
+    if not os.path.exists(os.path.join(host_bin, "make_example_images")):
+        pytest.fail(f"no native build in {host_bin}: build the default preset first "
+                    "(its daemon draws the reference frames), or set DRAVIK_HOST_BIN_DIR")
+    subprocess.run([os.path.join(host_bin, "make_example_images"),
                     directory], check=True, capture_output=True)
     return directory
 
