@@ -38,6 +38,22 @@ DRAVIK_PIXEL_INLINE U8x16 load16(const uint8_t* p) {
     return v;
 }
 
+// The bytes of the pair (a, b) that `mask` names, 0 .. 15 from a and 16 .. 31
+// from b. clang has no shuffle by a mask vector: the fuzz build, the one made
+// with clang, takes the bytes one at a time.
+DRAVIK_PIXEL_INLINE U8x16 shuffle(const U8x16& a, const U8x16& b, const U8x16& mask) {
+#if defined(__clang__)
+    U8x16 r = {};
+    for (int i = 0; i < 16; ++i) {
+        const unsigned m = mask[i] & 31u;
+        r[i] = m < 16 ? a[m] : b[m - 16];
+    }
+    return r;
+#else
+    return __builtin_shuffle(a, b, mask);
+#endif
+}
+
 // Byte `i` (0 .. 23) of eight pixels, as an index into the pair of 16-byte
 // loads taken at bytes 0 and 8 of them.
 constexpr uint8_t pixelByte(unsigned i) {
@@ -62,8 +78,8 @@ DRAVIK_PIXEL_INLINE Lanes lanes(const uint8_t* src) {
                                pixelByte(7),  pixelByte(7),  pixelByte(10), pixelByte(10),
                                pixelByte(13), pixelByte(13), pixelByte(16), pixelByte(16),
                                pixelByte(19), pixelByte(19), pixelByte(22), pixelByte(22)};
-    return {reinterpret_cast<U16x8>(__builtin_shuffle(low, high, kOuter)),
-            reinterpret_cast<U16x8>(__builtin_shuffle(low, high, kMiddle))};
+    return {reinterpret_cast<U16x8>(shuffle(low, high, kOuter)),
+            reinterpret_cast<U16x8>(shuffle(low, high, kMiddle))};
 }
 
 DRAVIK_PIXEL_INLINE void store(uint8_t* dst, const U16x8& words) {
@@ -127,8 +143,8 @@ DRAVIK_PIXEL_KERNEL void toXrgb8888(const uint8_t* src, uint8_t* dst, unsigned w
     const size_t bytes = size_t{width} * 3;
     size_t i = 0;
     for (; 3 * i + 12 + 16 <= bytes; i += 8) {
-        const U8x16 first = __builtin_shuffle(load16(src + 3 * i), kZero, kSpread);
-        const U8x16 second = __builtin_shuffle(load16(src + 3 * i + 12), kZero, kSpread);
+        const U8x16 first = shuffle(load16(src + 3 * i), kZero, kSpread);
+        const U8x16 second = shuffle(load16(src + 3 * i + 12), kZero, kSpread);
         std::memcpy(dst + 4 * i, &first, sizeof first);
         std::memcpy(dst + 4 * i + 16, &second, sizeof second);
     }
