@@ -12,6 +12,12 @@ enum AlignVert : uint8_t { kAlignTop = 0, kAlignMiddle = 1, kAlignBottom = 2 };
 // Text forms: "static", "slideshow", "breathing", "progressbar".
 enum AnimType : uint8_t { kAnimStatic = 0, kAnimSlideshow = 1, kAnimBreathing = 2, kAnimProgressbar = 3 };
 
+// Text forms in the order of the enumerations' values (0 first).
+inline constexpr const char* kAlignHorWords[] = {"left", "center", "right"};
+inline constexpr const char* kAlignVertWords[] = {"top", "middle", "bottom"};
+inline constexpr const char* kAnimTypeWords[] = {"static", "slideshow", "breathing",
+                                                 "progressbar"};
+
 // The value whose text form equals `s` exactly (case-sensitive, no trimming);
 // `def` for any other string, the empty one included.
 AlignHor parseAlignHor(const std::string& s, AlignHor def);
