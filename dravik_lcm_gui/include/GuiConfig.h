@@ -5,6 +5,10 @@
 
 #include "GuiScreen.h"
 
+namespace dravik::variant {
+class Variant;
+}
+
 namespace dravik::lcmgui {
 
 // The keys of the screens file that the daemon reads; every other key is ignored.
@@ -49,6 +53,11 @@ public:
     // The screen of that exact name with `found` true; otherwise one shared,
     // never-modified all-default description with `found` false.
     const GuiScreenDesc& getScreenDesc(const std::string& name, bool& found) const;
+
+    // One element of "screens" as the daemon reads it into a description: the
+    // keys each element reads, their types and the words, with the defaults
+    // for whatever is missing or of another type. The name is not read here.
+    static GuiScreenDesc readScreen(const variant::Variant& screen);
 
     const std::string& getImgPath() const { return imgPath; }
     const std::string& getBackLightPath() const { return backLightPath; }

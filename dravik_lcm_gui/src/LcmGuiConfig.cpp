@@ -88,7 +88,7 @@ GuiImgConf readImg(const Variant* obj) {
     return conf;
 }
 
-GuiScreenDesc readScreen(const Variant& screen) {
+GuiScreenDesc readScreenDesc(const Variant& screen) {
     GuiScreenDesc desc;
     desc.text = readText(lookup(&screen, dravik::variant::kAny, key::kText));
     desc.img = readImg(lookup(&screen, dravik::variant::kAny, key::kImg));
@@ -107,6 +107,10 @@ AlignVert parseAlignVert(const std::string& s, AlignVert def) {
 
 AnimType parseAnimType(const std::string& s, AnimType def) {
     return parseWord(kAnimTypeWords, s, def);
+}
+
+GuiScreenDesc GuiConfig::readScreen(const Variant& screen) {
+    return readScreenDesc(screen);
 }
 
 bool GuiConfig::fromJSONFile(const std::string& path) {
@@ -158,7 +162,7 @@ bool GuiConfig::fromJSONFile(const std::string& path) {
                        name.c_str());
             continue;
         }
-        screens.emplace(name, readScreen(it->second));
+        screens.emplace(name, readScreenDesc(it->second));
     }
 
     if (screens.empty()) {
