@@ -1,12 +1,11 @@
 #include "preview/Checker.h"
 
+#include "MistakesRoot.h"
+
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
-#include <stdlib.h>
 
 #include <filesystem>
-#include <fstream>
-#include <opencv2/imgcodecs.hpp>
 #include <string>
 #include <vector>
 
@@ -20,20 +19,8 @@ namespace fs = std::filesystem;
 class CheckerTest : public ::testing::Test {
 protected:
     static void SetUpTestSuite() {
-        char pattern[] = "/tmp/preview-check-XXXXXX";
-        ASSERT_NE(mkdtemp(pattern), nullptr);
-        root_ = pattern;
-        const fs::path images = fs::path(root_) / "etc/gui/images";
-        fs::create_directories(images);
-        const auto write = [&](const char* name, const cv::Mat& img) {
-            ASSERT_TRUE(cv::imwrite((images / name).string(), img)) << name;
-        };
-        write("logo.png", cv::Mat(80, 120, CV_8UC3, cv::Scalar(200, 120, 20)));
-        write("deep.png", cv::Mat(20, 20, CV_16UC3, cv::Scalar(40000, 0, 0)));
-        write("alpha.png", cv::Mat(20, 20, CV_8UC4, cv::Scalar(0, 0, 255, 0)));
-        write("wide.png", cv::Mat(50, 300, CV_8UC3, cv::Scalar(0, 255, 0)));
-        write("strip.png", cv::Mat(10, 4, CV_8UC3, cv::Scalar(255, 255, 255)));
-        std::ofstream(images / "broken.png") << "not a picture";
+        root_ = testsupport::makeMistakesRoot();
+        ASSERT_FALSE(root_.empty());
     }
     static void TearDownTestSuite() { fs::remove_all(root_); }
 
