@@ -300,17 +300,21 @@ bool previewScreen(dravik::preview::Renderer& renderer, const Options& options,
 
 int preview(const Options& options) {
     dravik::lcmgui::GuiConfig config;
+    bool loaded = false;
+    std::string reason;
     {
-        dravik::preview::EngineMessages log;
-        if (!config.fromJSONFile(options.file)) {
-            std::string reason;
-            for (const auto& record : log.records()) {
+        dravik::preview::EngineMessages log;  // standard error is quiet while it lives
+        loaded = config.fromJSONFile(options.file);
+        for (const auto& record : log.records()) {
+            if (record.level <= dravik::logger::kError) {
                 reason += "\n  " + record.message;
             }
-            std::fprintf(stderr, "%s: the daemon refuses this file:%s\nRun with --check for details.\n",
-                         options.file.c_str(), reason.c_str());
-            return kFileRefused;
         }
+    }
+    if (!loaded) {
+        std::fprintf(stderr, "%s: the daemon refuses this file:%s\nRun with --check for details.\n",
+                     options.file.c_str(), reason.c_str());
+        return kFileRefused;
     }
     std::error_code ec;
     std::filesystem::create_directories(options.out, ec);
