@@ -28,3 +28,54 @@ def write_png(path, width, height, row_of):
 def solid_png(path, width, height, rgb=(255, 255, 255)):
     row = bytes(rgb) * width
     write_png(path, width, height, lambda y: row)
+
+
+def _paeth(a, b, c):
+    p = a + b - c
+    pa, pb, pc = abs(p - a), abs(p - b), abs(p - c)
+    if pa <= pb and pa <= pc:
+        return a
+    return b if pb <= pc else c
+
+
+def read_png(path):
+    """Reads an 8-bit grey, RGB or RGBA PNG without interlacing (what OpenCV
+    writes); returns (width, height, channels, pixel bytes row after row)."""
+    with open(path, "rb") as f:
+        data = f.read()
+    assert data[:8] == b"\x89PNG\r\n\x1a\n", f"{path} is not a PNG"
+    pos, idat, header = 8, [], None
+    while pos < len(data):
+        (length,) = struct.unpack(">I", data[pos:pos + 4])
+        kind = data[pos + 4:pos + 8]
+        body = data[pos + 8:pos + 8 + length]
+        if kind == b"IHDR":
+            header = struct.unpack(">IIBBBBB", body)
+        elif kind == b"IDAT":
+            idat.append(body)
+        pos += 12 + length
+    width, height, depth, colour, _, _, interlace = header
+    channels = {0: 1, 2: 3, 6: 4}.get(colour)
+    assert depth == 8 and channels and interlace == 0, f"{path}: unsupported PNG {header}"
+    raw = zlib.decompress(b"".join(idat))
+    stride = width * channels
+    out = bytearray(height * stride)
+    previous = bytearray(stride)
+    for y in range(height):
+        start = y * (stride + 1)
+        kind, line = raw[start], bytearray(raw[start + 1:start + 1 + stride])
+        for i in range(stride):
+            left = line[i - channels] if i >= channels else 0
+            up = previous[i]
+            corner = previous[i - channels] if i >= channels else 0
+            if kind == 1:
+                line[i] = (line[i] + left) & 0xFF
+            elif kind == 2:
+                line[i] = (line[i] + up) & 0xFF
+            elif kind == 3:
+                line[i] = (line[i] + ((left + up) >> 1)) & 0xFF
+            elif kind == 4:
+                line[i] = (line[i] + _paeth(left, up, corner)) & 0xFF
+        out[y * stride:(y + 1) * stride] = line
+        previous = line
+    return width, height, channels, bytes(out)
