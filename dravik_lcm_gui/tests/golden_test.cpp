@@ -218,6 +218,7 @@ protected:
         ASSERT_TRUE(cv::imwrite((images / "block.png").string(),
                                 cv::Mat(30, 40, CV_8UC3, cv::Scalar(200, 200, 200))));
         (void)dravik::utils::setMsClock(testClock);
+        fs::remove_all(GOLDEN_FAILURE_DIR);  // only this run's differences stay there
     }
     static void TearDownTestSuite() {
         (void)dravik::utils::setMsClock(nullptr);
