@@ -36,9 +36,9 @@ inline constexpr const char* kFileKeys[] = {key::kImgPath, key::kBackLightPath, 
 inline constexpr const char* kScreenKeys[] = {key::kName, key::kText, key::kImg};
 inline constexpr const char* kTextKeys[] = {key::kStr, key::kSize,       key::kX,
                                             key::kY,   key::kHorizontal, key::kVertical};
-inline constexpr const char* kImgKeys[] = {key::kFile,     key::kX,         key::kY,
+inline constexpr const char* kImgKeys[] = {key::kFile,       key::kX,        key::kY,
                                            key::kHorizontal, key::kVertical, key::kAnimation,
-                                           key::kDuration, key::kCount};
+                                           key::kDuration,   key::kCount};
 
 // The screens file: named screens, the image directory and the backlight path.
 // Filled once by fromJSONFile, then only read.

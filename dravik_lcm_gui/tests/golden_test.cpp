@@ -171,8 +171,11 @@ std::vector<Scene> edgeScenes() {
     const struct {
         const char* name;
         uint64_t at;
-    } breaths[] = {{"redraw", 0},          {"start", 2000},         {"rising", 2250},
-                   {"top_plateau", 2500}, {"bottom_plateau", 3500}};
+    } breaths[] = {{"redraw", 0},
+                   {"start", 2000},
+                   {"rising", 2250},
+                   {"top_plateau", 2500},
+                   {"bottom_plateau", 3500}};
     for (const auto& breath : breaths) {
         scenes.push_back({std::string("breathing_") + breath.name, w, h,
                           image("tile.png", kAnimBreathing, 2000), breath.at});

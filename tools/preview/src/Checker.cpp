@@ -340,9 +340,9 @@ void Checks::checkKeys(const JsonNode& object, const char* const (&known)[N],
 bool Checks::checkScreensList(const JsonNode& root, const JsonMember* screens) {
     if (screens == nullptr || (!screens->value.isArray() && !screens->value.isObject())) {
         error(screens == nullptr ? root.offset : screens->value.offset,
-              screens == nullptr ? "required key \"screens\" is missing"
-                                 : "\"screens\" is " + describeType(screens->value) +
-                                       ", which counts as missing",
+              screens == nullptr
+                  ? "required key \"screens\" is missing"
+                  : "\"screens\" is " + describeType(screens->value) + ", which counts as missing",
               "List the screens as an array of objects: \"screens\": [{\"name\": ...}].");
         return false;
     }
@@ -406,7 +406,6 @@ void Checks::checkScreen(size_t index, const JsonNode& screen, const GuiScreenDe
     }
 }
 
-
 const JsonNode* Checks::element(const JsonNode& screen, const char* name,
                                 const char* missingMeans) {
     const JsonMember* m = screen.member(name);
@@ -415,8 +414,8 @@ const JsonNode* Checks::element(const JsonNode& screen, const char* name,
     }
     if (!m->value.isObject()) {
         warning(m->value.offset,
-                quoted(name) + " is " + describeType(m->value) + ", which counts as missing: " +
-                    missingMeans,
+                quoted(name) + " is " + describeType(m->value) +
+                    ", which counts as missing: " + missingMeans,
                 "Write the element as an object, such as {\"str\": \"Hello\", \"size\": 24} or "
                 "{\"file\": \"logo.png\"}.");
         return nullptr;
@@ -445,8 +444,8 @@ void Checks::checkInteger(const JsonNode& object, const char* name, T taken,
     }
     if (!m->value.isInteger()) {
         warning(m->value.offset,
-                quoted(name) + " is " + describeType(m->value) +
-                    ", which counts as missing: the " + use + " is " + std::to_string(taken),
+                quoted(name) + " is " + describeType(m->value) + ", which counts as missing: the " +
+                    use + " is " + std::to_string(taken),
                 "Write a whole number without quotes, such as 20.");
         return;
     }
@@ -517,8 +516,8 @@ void Checks::checkImgKeys(const JsonNode& img, const GuiImgConf& conf) {
                 "Write the file name in quotes, relative to \"imgPath\".");
     }
     if (conf.file.empty()) {
-        static const char* const kOthers[] = {key::kX,         key::kY,         key::kHorizontal,
-                                              key::kVertical,  key::kAnimation, key::kDuration,
+        static const char* const kOthers[] = {key::kX,        key::kY,         key::kHorizontal,
+                                              key::kVertical, key::kAnimation, key::kDuration,
                                               key::kCount};
         checkIgnored(img, kOthers, std::size(kOthers), "the image element has no \"file\"");
         return;
@@ -546,8 +545,7 @@ void Checks::checkImgKeys(const JsonNode& img, const GuiImgConf& conf) {
     const JsonMember* duration = img.member(key::kDuration);
     if (duration != nullptr && conf.animation == lcmgui::kAnimStatic) {
         warning(duration->keyOffset, "\"duration\" is ignored: a static image does not animate",
-                "Remove it, or choose an animation: " +
-                    wordList(lcmgui::kAnimTypeWords) + ".");
+                "Remove it, or choose an animation: " + wordList(lcmgui::kAnimTypeWords) + ".");
     }
 }
 
@@ -562,8 +560,8 @@ void Checks::checkAnimation(const JsonNode& img, const GuiImgConf& conf) {
     const uint32_t maxMs =
         conf.animation == lcmgui::kAnimProgressbar ? lcmgui::kMaxProgressMs : lcmgui::kMaxCycleMs;
     if (conf.duration < lcmgui::kMinPeriodMs || conf.duration > maxMs) {
-        const size_t offset =
-            img.member(key::kDuration) != nullptr ? at(img, key::kDuration) : at(img, key::kAnimation);
+        const size_t offset = img.member(key::kDuration) != nullptr ? at(img, key::kDuration)
+                                                                    : at(img, key::kAnimation);
         warning(offset,
                 kind + " duration " + std::to_string(conf.duration) + " ms is outside " +
                     std::to_string(lcmgui::kMinPeriodMs) + ".." + std::to_string(maxMs) +
@@ -591,8 +589,8 @@ std::optional<Rect> Checks::checkImage(const JsonNode& img, const GuiImgConf& co
     std::string contained;
     if (!lcmgui::containGuiPath(path, contained)) {
         warning(fileAt,
-                "image " + quoted(path) + " lies outside " + lcmgui::kGuiDirectories[0] +
-                    " and " + lcmgui::kGuiDirectories[1] + ": the daemon does not read it",
+                "image " + quoted(path) + " lies outside " + lcmgui::kGuiDirectories[0] + " and " +
+                    lcmgui::kGuiDirectories[1] + ": the daemon does not read it",
                 "Images must lie below one of those directories (\"..\" cannot leave them). " +
                     shownWithout);
         return std::nullopt;
@@ -612,7 +610,8 @@ std::optional<Rect> Checks::checkImage(const JsonNode& img, const GuiImgConf& co
     if (stored.empty() || colour.empty()) {
         warning(fileAt, "image " + quoted(path) + " cannot be decoded",
                 "The daemon reads what OpenCV reads (PNG, JPEG, BMP, ...), up to about 100 "
-                "panels' worth of pixels. " + shownWithout);
+                "panels' worth of pixels. " +
+                    shownWithout);
         return std::nullopt;
     }
     if (stored.depth() != CV_8U) {
@@ -621,12 +620,12 @@ std::optional<Rect> Checks::checkImage(const JsonNode& img, const GuiImgConf& co
                 "Save it with 8 bits per channel to see exactly what the panel shows.");
     }
     if (stored.channels() == 4 || stored.channels() == 2) {
-        warning(fileAt,
-                "image " + quoted(path) + " has an alpha channel, which the daemon drops",
+        warning(fileAt, "image " + quoted(path) + " has an alpha channel, which the daemon drops",
                 "Transparent pixels show the colour stored under them (often black): the image "
                 "is added onto the screen, not blended. Save it without alpha.");
     } else if (stored.channels() == 1) {
-        warning(fileAt, "image " + quoted(path) + " is grey, not colour: the daemon makes it colour",
+        warning(fileAt,
+                "image " + quoted(path) + " is grey, not colour: the daemon makes it colour",
                 "It shows as intended; save it as 8-bit colour to silence this.");
     }
     unsigned w = 0;
@@ -645,12 +644,13 @@ std::optional<Rect> Checks::checkImage(const JsonNode& img, const GuiImgConf& co
         return std::nullopt;
     }
     if (w > panelWidth() || h > panelHeight()) {
-        const std::string per = conf.animation == lcmgui::kAnimSlideshow ? " per slide"
+        const std::string per = conf.animation == lcmgui::kAnimSlideshow     ? " per slide"
                                 : conf.animation == lcmgui::kAnimProgressbar ? " per half"
-                                                                              : "";
+                                                                             : "";
         warning(fileAt,
                 "image " + quoted(path) + " shows " + std::to_string(w) + "x" + std::to_string(h) +
-                    per + ", more than the panel's " + panelSize() + ": the daemon does not show it",
+                    per + ", more than the panel's " + panelSize() +
+                    ": the daemon does not show it",
                 "A slideshow shows one slide (image width / count) at a time, a progress bar "
                 "one half (image height / 2); a still or breathing image shows whole. " +
                     shownWithout);
@@ -659,7 +659,8 @@ std::optional<Rect> Checks::checkImage(const JsonNode& img, const GuiImgConf& co
     unsigned x = conf.x;
     unsigned y = conf.y;
     if (uint64_t{x} + w > panelWidth() || uint64_t{y} + h > panelHeight()) {
-        const bool aligned = conf.alignHor != lcmgui::kAlignLeft || conf.alignVert != lcmgui::kAlignTop;
+        const bool aligned =
+            conf.alignHor != lcmgui::kAlignLeft || conf.alignVert != lcmgui::kAlignTop;
         warning(at(img, uint64_t{x} + w > panelWidth() ? key::kX : key::kY),
                 "the image (" + std::to_string(w) + "x" + std::to_string(h) + ") at (" +
                     std::to_string(x) + ", " + std::to_string(y) + ") reaches off the panel " +
@@ -709,7 +710,8 @@ std::optional<Rect> Checks::checkTextGeometry(const JsonNode& text, const GuiTex
                 "the text position (" + std::to_string(x) + ", " + std::to_string(y) +
                     ") is off the panel " + panelSize() + ": the daemon leaves the text out",
                 "Positions count from the panel's top left corner, 0 .. width - 1 and "
-                "0 .. height - 1. " + leftOut);
+                "0 .. height - 1. " +
+                    leftOut);
         return std::nullopt;
     }
     const unsigned availW = panelWidth() - x;
@@ -723,9 +725,9 @@ std::optional<Rect> Checks::checkTextGeometry(const JsonNode& text, const GuiTex
     }
     if (h > availH) {
         warning(at(text, text.member(key::kY) != nullptr ? key::kY : key::kStr),
-                "a line " + std::to_string(h) + " pixels tall does not fit below y = " +
-                    std::to_string(y) + " (" + std::to_string(availH) +
-                    " pixels are left): the daemon leaves the text out",
+                "a line " + std::to_string(h) +
+                    " pixels tall does not fit below y = " + std::to_string(y) + " (" +
+                    std::to_string(availH) + " pixels are left): the daemon leaves the text out",
                 "The space below y must hold a whole line, whatever the vertical alignment. " +
                     leftOut);
         return std::nullopt;
@@ -798,8 +800,8 @@ int checkStatus(const std::vector<Finding>& findings) {
 std::string formatFindings(const std::vector<Finding>& findings) {
     std::ostringstream out;
     for (const Finding& f : findings) {
-        out << f.file << ':' << f.line << ':' << f.column << ": "
-            << (f.error ? "error" : "warning") << ": " << f.message << '\n'
+        out << f.file << ':' << f.line << ':' << f.column << ": " << (f.error ? "error" : "warning")
+            << ": " << f.message << '\n'
             << "    hint: " << f.hint << '\n';
     }
     return out.str();

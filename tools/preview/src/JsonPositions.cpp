@@ -72,9 +72,7 @@ public:
     bool string(string_t& value) override { return scalar(json::value_t::string, value); }
     bool binary(binary_t& /*value*/) override { return false; }
 
-    bool start_object(std::size_t /*elements*/) override {
-        return open(json::value_t::object);
-    }
+    bool start_object(std::size_t /*elements*/) override { return open(json::value_t::object); }
     bool start_array(std::size_t /*elements*/) override { return open(json::value_t::array); }
     bool end_object() override { return close(); }
     bool end_array() override { return close(); }
@@ -215,7 +213,8 @@ TextPosition locate(const std::string& text, size_t offset) {
     offset = std::min(offset, text.size());
     TextPosition position;
     const auto begin = text.begin();
-    position.line = 1 + static_cast<size_t>(std::count(begin, begin + static_cast<long>(offset), '\n'));
+    position.line =
+        1 + static_cast<size_t>(std::count(begin, begin + static_cast<long>(offset), '\n'));
     const size_t lineStart = offset == 0 ? std::string::npos : text.rfind('\n', offset - 1);
     position.column = offset - (lineStart == std::string::npos ? 0 : lineStart + 1) + 1;
     return position;

@@ -155,8 +155,8 @@ bool Renderer::renderPeriod(const GuiScreenDesc& screen, std::vector<Frame>& fra
         return false;
     }
     // An image that does not load leaves the screen still, as on the device.
-    const bool animated = screen.img.animation != lcmgui::kAnimStatic &&
-                          !screen.img.file.empty() && imageLoaded_;
+    const bool animated =
+        screen.img.animation != lcmgui::kAnimStatic && !screen.img.file.empty() && imageLoaded_;
     if (!animated) {
         frames.push_back({"", first});
         return true;

@@ -107,11 +107,16 @@ EXAMPLES
 )";
 
 const option kOptions[] = {
-    {"panel", required_argument, nullptr, 'p'}, {"layout", required_argument, nullptr, 'l'},
-    {"root", required_argument, nullptr, 'r'},  {"screen", required_argument, nullptr, 's'},
-    {"at", required_argument, nullptr, 'a'},    {"scale", required_argument, nullptr, 'x'},
-    {"out", required_argument, nullptr, 'o'},   {"check", no_argument, nullptr, 'c'},
-    {"json", no_argument, nullptr, 'j'},        {"help", no_argument, nullptr, 'h'},
+    {"panel", required_argument, nullptr, 'p'},
+    {"layout", required_argument, nullptr, 'l'},
+    {"root", required_argument, nullptr, 'r'},
+    {"screen", required_argument, nullptr, 's'},
+    {"at", required_argument, nullptr, 'a'},
+    {"scale", required_argument, nullptr, 'x'},
+    {"out", required_argument, nullptr, 'o'},
+    {"check", no_argument, nullptr, 'c'},
+    {"json", no_argument, nullptr, 'j'},
+    {"help", no_argument, nullptr, 'h'},
     {nullptr, 0, nullptr, 0},
 };
 
@@ -203,7 +208,8 @@ Options parseCommandLine(int argc, char** argv) {
     if (!options.check && options.out.empty()) {
         throw UsageError{"--out DIR is required to write pictures"};
     }
-    if (options.check && (!options.screens.empty() || !options.atMs.empty() || !options.out.empty())) {
+    if (options.check &&
+        (!options.screens.empty() || !options.atMs.empty() || !options.out.empty())) {
         throw UsageError{"--check takes no --screen, --at or --out"};
     }
     if (options.json && !options.check) {

@@ -51,11 +51,13 @@ const Expected kMistakes[] = {
     {3, 3, false, "key \"backlightPath\" of the file; did you mean \"backLightPath\"?"},
     {5, 22, false, "key \"txt\" of a screen; did you mean \"text\"?"},
     {6, 43, false, "key \"horizonal\" of a text element; did you mean \"horizontal\"?"},
-    {6, 78, false, "\"Middle\" is not one of \"top\", \"middle\" or \"bottom\": the daemon uses "
-                   "\"top\"; did you mean \"middle\"?"},
+    {6, 78, false,
+     "\"Middle\" is not one of \"top\", \"middle\" or \"bottom\": the daemon uses "
+     "\"top\"; did you mean \"middle\"?"},
     {7, 6, false, "the text (62x29 at (0, 0)) and the image (120x80 at (0, 0)) overlap"},
-    {7, 47, false, "\"slideShow\" is not one of \"static\", \"slideshow\", \"breathing\" or "
-                   "\"progressbar\": the daemon uses \"static\"; did you mean \"slideshow\"?"},
+    {7, 47, false,
+     "\"slideShow\" is not one of \"static\", \"slideshow\", \"breathing\" or "
+     "\"progressbar\": the daemon uses \"static\"; did you mean \"slideshow\"?"},
     {7, 60, false, "\"duration\" is ignored: a static image does not animate"},
     {7, 77, false, "\"count\" is ignored: only a slideshow uses it"},
     {8, 39, false, "\"str\" is an integer, which counts as missing: no text"},
@@ -75,20 +77,24 @@ const Expected kMistakes[] = {
     {13, 84, false, "\"animation\" is an integer: the daemon uses \"static\""},
     {14, 31, false, "key \"file\" is given again further on"},
     {15, 41, false, "image \"/etc/gui/images/nothere.png\" is not found"},
-    {16, 41, false, "image \"/etc/gui/images/../../../tmp/x.png\" lies outside /usr/etc/gui/ and "
-                    "/etc/gui/"},
+    {16, 41, false,
+     "image \"/etc/gui/images/../../../tmp/x.png\" lies outside /usr/etc/gui/ and "
+     "/etc/gui/"},
     {17, 40, false, "image \"/etc/gui/images/broken.png\" cannot be decoded"},
     {18, 38, false, "image \"/etc/gui/images/deep.png\" is not 8 bits per channel"},
     {19, 39, false, "image \"/etc/gui/images/alpha.png\" has an alpha channel"},
-    {20, 38, false, "image \"/etc/gui/images/wide.png\" shows 300x50, more than the panel's 240x100"},
+    {20, 38, false,
+     "image \"/etc/gui/images/wide.png\" shows 300x50, more than the panel's 240x100"},
     {22, 58, false, "slideshow count 8 is larger than the image's width of 4 pixels"},
-    {23, 90, false, "breathing duration 50 ms is outside 100..30000 ms: the daemon refuses this "
-                    "screen"},
+    {23, 90, false,
+     "breathing duration 50 ms is outside 100..30000 ms: the daemon refuses this "
+     "screen"},
     {25, 42, false, "slideshow duration 40000 ms is outside 100..30000 ms"},
     {25, 58, false, "slideshow count 101 is outside 1..100"},
     {26, 89, false, "progressbar duration 700000 ms is outside 100..600000 ms"},
-    {28, 33, false, "\"count\" is ignored: only a slideshow uses it, this animation is "
-                    "\"breathing\""},
+    {28, 33, false,
+     "\"count\" is ignored: only a slideshow uses it, this animation is "
+     "\"breathing\""},
     {29, 52, false, "font size 2 is outside 3..100: the daemon leaves the text out"},
     {30, 52, false, "a line of font size 100 is 117 pixels tall, more than the panel's 100"},
     {31, 60, false, "a line 48 pixels tall does not fit below y = 80 (20 pixels are left)"},

@@ -30,8 +30,9 @@ TEST(parsePanel, refuses_8_bit_panels_with_the_reason) {
 }
 
 TEST(parsePanel, refuses_malformed_and_out_of_range_panels) {
-    const char* const bad[] = {"", "240x240", "240x240x16x1", "x240x16", "0x240x16",
-                               "5000x240x16", "240x240x12", "240 x240x16", "99999999999x1x16"};
+    const char* const bad[] = {"",           "240x240",     "240x240x16x1",
+                               "x240x16",    "0x240x16",    "5000x240x16",
+                               "240x240x12", "240 x240x16", "99999999999x1x16"};
     for (const char* text : bad) {
         SCOPED_TRACE(text);
         PanelFormat format;

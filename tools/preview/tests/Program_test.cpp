@@ -117,12 +117,12 @@ TEST_F(ProgramTest, check_exits_1_with_warnings_only) {
 }
 
 TEST_F(ProgramTest, check_exits_2_with_errors_and_prints_json_on_request) {
-    EXPECT_EQ(run("--check --panel 240x100x16 --root " + mistakesRoot_ + " " +
-                  data("mistakes.json"))
-                  .status,
-              2);
+    EXPECT_EQ(
+        run("--check --panel 240x100x16 --root " + mistakesRoot_ + " " + data("mistakes.json"))
+            .status,
+        2);
     const Outcome r = run("--check --json --panel 240x100x16 --root " + mistakesRoot_ + " " +
-                      data("mistakes.json"));
+                          data("mistakes.json"));
     EXPECT_EQ(r.status, 2);
     const auto list = nlohmann::json::parse(r.out);
     ASSERT_TRUE(list.is_array());
@@ -149,8 +149,9 @@ TEST_F(ProgramTest, pictures_every_screen_of_the_examples) {
 
 TEST_F(ProgramTest, at_writes_one_picture_per_time_and_scale_enlarges_it) {
     const std::string out = dir_ + "/at";
-    const Outcome r = run("--root " + root() + " --screen spinner --at 0 --at 150 --scale 2 --out " +
-                      out + " " + examples());
+    const Outcome r =
+        run("--root " + root() + " --screen spinner --at 0 --at 150 --scale 2 --out " + out + " " +
+            examples());
     ASSERT_EQ(r.status, 0) << r.out;
     const cv::Mat first = cv::imread(out + "/spinner@0.png");
     const cv::Mat second = cv::imread(out + "/spinner@150.png");
@@ -161,8 +162,8 @@ TEST_F(ProgramTest, at_writes_one_picture_per_time_and_scale_enlarges_it) {
 }
 
 TEST_F(ProgramTest, an_unknown_screen_or_refused_file_fails) {
-    EXPECT_EQ(run("--root " + root() + " --screen nosuch --out " + dir_ + "/x " + examples()).status,
-              1);
+    EXPECT_EQ(
+        run("--root " + root() + " --screen nosuch --out " + dir_ + "/x " + examples()).status, 1);
     const Outcome r = run("--out " + dir_ + "/y " + data("mistakes.json"));
     EXPECT_EQ(r.status, 2);
     EXPECT_NE(r.out.find("the daemon refuses this file"), std::string::npos) << r.out;

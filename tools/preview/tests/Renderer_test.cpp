@@ -122,8 +122,8 @@ TEST_F(RendererTest, a_still_screen_does_not_change_with_time) {
 TEST_F(RendererTest, a_refused_animation_gives_the_engine_reason) {
     cv::Mat picture;
     std::vector<std::string> messages;
-    EXPECT_FALSE(renderer_.render(image("grey.png", lcmgui::kAnimBreathing, 50, 0), 0, picture,
-                                  messages));
+    EXPECT_FALSE(
+        renderer_.render(image("grey.png", lcmgui::kAnimBreathing, 50, 0), 0, picture, messages));
     ASSERT_EQ(messages.size(), 1u);
     EXPECT_EQ(messages[0], "Invalid breathe period (50)");
 }
@@ -142,8 +142,8 @@ TEST_F(RendererTest, a_period_has_one_frame_per_slide_eight_breaths_and_five_bar
                                        messages));
     ASSERT_EQ(frames.size(), 5u);
     EXPECT_EQ(frames[4].label, "100% @1000 ms");
-    ASSERT_TRUE(renderer_.renderPeriod(image("grey.png", lcmgui::kAnimStatic, 0, 0), frames,
-                                       messages));
+    ASSERT_TRUE(
+        renderer_.renderPeriod(image("grey.png", lcmgui::kAnimStatic, 0, 0), frames, messages));
     EXPECT_EQ(frames.size(), 1u);
     ASSERT_TRUE(renderer_.renderPeriod(image("gone.png", lcmgui::kAnimSlideshow, 400, 4), frames,
                                        messages));
