@@ -197,8 +197,10 @@ protected:
         root_ = pattern;
         const fs::path images = fs::path(root_) / "etc/gui/images";
         fs::create_directories(images);
-        const std::string make =
-            std::string(EXAMPLE_IMAGES_PROGRAM) + " " + images.string() + " > /dev/null";
+        // A cross build's programs run under its emulator (DRAVIK_EMULATOR).
+        const char* emulator = getenv("DRAVIK_EMULATOR");
+        const std::string make = (emulator != nullptr ? std::string(emulator) + " " : "") +
+                                 EXAMPLE_IMAGES_PROGRAM + " " + images.string() + " > /dev/null";
         ASSERT_EQ(std::system(make.c_str()), 0);
         // The edge cases' pictures: a tile with a gradient, four slides, a bar.
         cv::Mat tile(12, 20, CV_8UC3);

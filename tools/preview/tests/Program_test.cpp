@@ -20,9 +20,15 @@ struct Outcome {
     std::string out;  // standard output and error together
 };
 
+// A cross build's programs run under its emulator (DRAVIK_EMULATOR).
+std::string emulator() {
+    const char* words = getenv("DRAVIK_EMULATOR");
+    return words != nullptr && *words != '\0' ? std::string(words) + " " : "";
+}
+
 Outcome run(const std::string& arguments) {
     Outcome result;
-    const std::string command = std::string(PREVIEW_PROGRAM) + " " + arguments + " 2>&1";
+    const std::string command = emulator() + PREVIEW_PROGRAM + " " + arguments + " 2>&1";
     FILE* pipe = popen(command.c_str(), "r");
     if (pipe == nullptr) {
         return result;
@@ -50,7 +56,7 @@ protected:
         const fs::path images = fs::path(dir_) / "root/etc/gui/images";
         fs::create_directories(images);
         const std::string make =
-            std::string(EXAMPLE_IMAGES_PROGRAM) + " " + images.string() + " > /dev/null";
+            emulator() + EXAMPLE_IMAGES_PROGRAM + " " + images.string() + " > /dev/null";
         ASSERT_EQ(std::system(make.c_str()), 0);
         mistakesRoot_ = dravik::preview::testsupport::makeMistakesRoot();
         ASSERT_FALSE(mistakesRoot_.empty());
