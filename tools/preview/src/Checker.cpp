@@ -1,8 +1,13 @@
 #include "preview/Checker.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <cctype>
-#include <fstream>
+#include <cerrno>
+#include <cstring>
 #include <iterator>
 #include <map>
 #include <nlohmann/json.hpp>
@@ -97,12 +102,37 @@ std::string quoted(const std::string& s) {
     return "\"" + s + "\"";
 }
 
-std::string readAll(const std::string& path, bool& ok) {
-    std::ifstream in(path, std::ios::binary);
-    ok = static_cast<bool>(in);
-    std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-    ok = ok && !in.bad();
-    return text;
+// The file's bytes, like the daemon reads them: a regular file of at most
+// Variant::kMaxJsonFileSize bytes. False with the reason in `error`.
+bool readScreensFile(const std::string& path, std::string& text, std::string& error) {
+    const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) {
+        error = std::string("cannot read the file: ") + std::strerror(errno);
+        return false;
+    }
+    struct stat info = {};
+    bool ok = fstat(fd, &info) == 0 && S_ISREG(info.st_mode);
+    error = ok ? "" : "not a regular file";
+    char buffer[65536];
+    while (ok) {
+        const ssize_t n = read(fd, buffer, sizeof buffer);
+        if (n < 0 && errno == EINTR) {
+            continue;
+        }
+        if (n < 0) {
+            error = std::string("cannot read the file: ") + std::strerror(errno);
+            ok = false;
+        } else if (n == 0) {
+            break;
+        } else if (text.size() + static_cast<size_t>(n) > Variant::kMaxJsonFileSize) {
+            error = "the file is larger than the daemon reads (16 MiB)";
+            ok = false;
+        } else {
+            text.append(buffer, static_cast<size_t>(n));
+        }
+    }
+    close(fd);
+    return ok;
 }
 
 struct Rect {
@@ -779,12 +809,10 @@ void Checks::checkOverlap(const JsonNode& screen, const Rect& text, const Rect& 
 }  // namespace
 
 std::vector<Finding> checkScreensFile(const std::string& path, const CheckOptions& options) {
-    bool readable = false;
-    const std::string text = readAll(path, readable);
-    if (!readable || text.size() > Variant::kMaxJsonFileSize) {
-        return {{path, 0, 0, true,
-                 readable ? "the file is larger than the daemon reads" : "cannot read the file",
-                 "Give the path of a screens file of at most 16 MiB."}};
+    std::string text;
+    std::string error;
+    if (!readScreensFile(path, text, error)) {
+        return {{path, 0, 0, true, error, "Give the path of a screens file of at most 16 MiB."}};
     }
     Checks checks(path, text, options);
     return checks.run();
@@ -800,8 +828,11 @@ int checkStatus(const std::vector<Finding>& findings) {
 std::string formatFindings(const std::vector<Finding>& findings) {
     std::ostringstream out;
     for (const Finding& f : findings) {
-        out << f.file << ':' << f.line << ':' << f.column << ": " << (f.error ? "error" : "warning")
-            << ": " << f.message << '\n'
+        out << f.file;
+        if (f.line != 0) {
+            out << ':' << f.line << ':' << f.column;
+        }
+        out << ": " << (f.error ? "error" : "warning") << ": " << f.message << '\n'
             << "    hint: " << f.hint << '\n';
     }
     return out.str();

@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <exception>
 #include <filesystem>
 #include <set>
 #include <string>
@@ -364,5 +365,12 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "Try '%s --help'.\n", argv[0]);
         return kUsage;
     }
-    return options.check ? check(options) : preview(options);
+    // The library code below reports its failures; what throws is the standard
+    // library running out of something, which still ends with a clear line.
+    try {
+        return options.check ? check(options) : preview(options);
+    } catch (const std::exception& e) {
+        std::fprintf(stderr, "%s: %s\n", argv[0], e.what());
+        return kSomeScreensFailed;
+    }
 }

@@ -153,6 +153,17 @@ TEST_F(CheckerTest, an_unreadable_file_is_an_error_without_a_position) {
     EXPECT_EQ(checkStatus(findings), 2);
 }
 
+TEST_F(CheckerTest, a_directory_is_an_error_without_a_position) {
+    CheckOptions options;
+    std::string error;
+    ASSERT_TRUE(parsePanel("240x240x16", options.panel, error));
+    const auto findings = checkScreensFile(PREVIEW_TESTS_DIR, options);
+    ASSERT_EQ(findings.size(), 1u);
+    EXPECT_TRUE(findings[0].error);
+    EXPECT_EQ(findings[0].message, "not a regular file");
+    EXPECT_EQ(formatFindings(findings).rfind(std::string(PREVIEW_TESTS_DIR) + ": error: ", 0), 0u);
+}
+
 TEST(CheckerOutput, prints_file_line_column_severity_message_and_hint) {
     const std::vector<Finding> findings = {{"a.json", 3, 7, false, "something", "do this"},
                                            {"a.json", 9, 1, true, "worse", "do that"}};
