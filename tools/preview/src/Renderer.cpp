@@ -40,6 +40,21 @@ bool imageLoaded(const std::vector<logger::Record>& records) {
                         [](const logger::Record& r) { return r.function == "loadImage"; });
 }
 
+// Where the ticks before `atMs` start. A cycling animation clears and redraws
+// its image's rectangle whole at every change of level, and changes level
+// within any one cycle that has more than one level: ticks before its last two
+// cycles cannot change the picture, and are skipped so that a late time costs
+// no more than an early one.
+uint64_t firstTick(const lcmgui::GuiImgConf& img, uint64_t atMs) {
+    const bool cycles =
+        img.animation == lcmgui::kAnimSlideshow || img.animation == lcmgui::kAnimBreathing;
+    const uint64_t keep = 2 * uint64_t{img.duration};
+    if (!cycles || img.duration == 0 || atMs <= keep + kTickMs) {
+        return kTickMs;
+    }
+    return (atMs - keep) / kTickMs * kTickMs;
+}
+
 }  // namespace
 
 EngineMessages::EngineMessages() {
@@ -92,7 +107,7 @@ bool Renderer::render(const GuiScreenDesc& screen, uint64_t atMs, cv::Mat& pictu
         return false;
     }
     (void)gui_.service();  // the full redraw
-    for (uint64_t t = kTickMs; t < atMs; t += kTickMs) {
+    for (uint64_t t = firstTick(screen.img, atMs); t < atMs; t += kTickMs) {
         gNow = kClockStart + t;
         (void)gui_.service();
     }

@@ -32,6 +32,8 @@ enum Exit {
 
 constexpr int kMaxScale = 16;
 constexpr unsigned long kMaxAtMs = 24UL * 3600 * 1000;
+// About 300 MB of picture: a hundred slides of a large panel at scale 1.
+constexpr uint64_t kMaxSheetPixels = 100'000'000;
 
 const char kHelp[] = R"(NAME
     dravik_lcm_gui_preview - see and check the screens of a dravik_lcm_gui screens file
@@ -283,6 +285,15 @@ bool previewScreen(dravik::preview::Renderer& renderer, const Options& options,
         report(name, messages);
         if (!drawn) {
             std::fprintf(stderr, "%s: refused by the daemon, no picture\n", name.c_str());
+            return false;
+        }
+        const uint64_t sheetPixels = uint64_t{frames.size()} * frames[0].picture.total() *
+                                     static_cast<uint64_t>(options.scale * options.scale);
+        if (sheetPixels > kMaxSheetPixels) {
+            std::fprintf(stderr,
+                         "%s: a sheet of %zu frames at scale %d is too large; use --at or "
+                         "a smaller --scale\n",
+                         name.c_str(), frames.size(), options.scale);
             return false;
         }
         return write(base + ".png", frames.size() == 1

@@ -119,6 +119,17 @@ TEST_F(RendererTest, a_still_screen_does_not_change_with_time) {
     EXPECT_TRUE(same(at(desc, 0), at(desc, 12345)));
 }
 
+TEST_F(RendererTest, a_late_time_shows_what_the_same_phase_of_an_early_cycle_shows) {
+    // A text over the slides: the first change of slide clears it from the
+    // image's rectangle, however late the picture is taken.
+    GuiScreenDesc desc = image("strip.png", lcmgui::kAnimSlideshow, 400, 4);
+    desc.text.text = "Hi";
+    desc.text.size = 12;
+    const cv::Mat early = at(desc, 450);
+    EXPECT_TRUE(same(at(desc, 400 * 1000 + 450), early));
+    EXPECT_FALSE(same(at(desc, 50), early)) << "before the first change the text is whole";
+}
+
 TEST_F(RendererTest, a_refused_animation_gives_the_engine_reason) {
     cv::Mat picture;
     std::vector<std::string> messages;
