@@ -235,6 +235,7 @@ int check(const Options& options) {
                             : dravik::preview::formatFindings(findings).c_str(),
                stdout);
     const int status = dravik::preview::checkStatus(findings);
+    (void)std::fflush(stdout);  // the summary follows the problems when both go to one file
     if (!options.json) {
         size_t errors = 0;
         for (const auto& f : findings) {
