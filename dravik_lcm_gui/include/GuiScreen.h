@@ -10,7 +10,17 @@ enum AlignHor : uint8_t { kAlignLeft = 0, kAlignCenter = 1, kAlignRight = 2 };
 // Text forms: "top", "middle", "bottom".
 enum AlignVert : uint8_t { kAlignTop = 0, kAlignMiddle = 1, kAlignBottom = 2 };
 // Text forms: "static", "slideshow", "breathing", "progressbar".
-enum AnimType : uint8_t { kAnimStatic = 0, kAnimSlideshow = 1, kAnimBreathing = 2, kAnimProgressbar = 3 };
+enum AnimType : uint8_t {
+    kAnimStatic = 0,
+    kAnimSlideshow = 1,
+    kAnimBreathing = 2,
+    kAnimProgressbar = 3
+};
+
+// Text forms in the order of the enumerations' values (0 first).
+inline constexpr const char* kAlignHorWords[] = {"left", "center", "right"};
+inline constexpr const char* kAlignVertWords[] = {"top", "middle", "bottom"};
+inline constexpr const char* kAnimTypeWords[] = {"static", "slideshow", "breathing", "progressbar"};
 
 // The value whose text form equals `s` exactly (case-sensitive, no trimming);
 // `def` for any other string, the empty one included.

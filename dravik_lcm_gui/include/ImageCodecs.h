@@ -21,4 +21,12 @@ namespace dravik::lcmgui {
 // damaged, over the bound, codecs missing) gives an empty matrix.
 cv::Mat decodeImageFile(const std::string& path);
 
+// Decodes `path` as it is stored (cv::IMREAD_UNCHANGED): its own depth and
+// channel count, alpha included. Failures as for decodeImageFile.
+cv::Mat decodeImageFileAsStored(const std::string& path);
+
+// Writes `img` to `path` (cv::imwrite, the format chosen by the extension);
+// false when it cannot be written.
+[[nodiscard]] bool encodeImageFile(const std::string& path, const cv::Mat& img);
+
 }  // namespace dravik::lcmgui

@@ -52,6 +52,21 @@ public:
     [[nodiscard]] bool init(const std::string& device, const std::string& guiId,
                             signed char brightness);
 
+    // Brings up a panel of `format` (resolution, depth, channel layout) held in
+    // this process's memory instead of a device: the same colour path, drawing
+    // buffer and fonts as init, no backlight and no start-up screen. Palette
+    // panels end here as they end init. The preview tool draws through this.
+    [[nodiscard]] bool initInMemory(const fb_var_screeninfo& format);
+    // The panel's pixel memory: yres lines of panelLineLength() bytes each,
+    // pixels as the format describes them; null before a successful start-up.
+    const unsigned char* panelMemory() const { return fbMem; }
+    unsigned panelLineLength() const { return fbFix.line_length; }
+    const fb_var_screeninfo& panelFormat() const { return fbVar; }
+    // Image files below the gui directories are opened below `root` instead
+    // (root + "/etc/gui/..."), after the same containment test; empty: the real
+    // directories. Symbolic links below root are followed as they point.
+    void setGuiRoot(const std::string& root) { guiRoot = root; }
+
     // Blanks the drawing buffer; the panel is not touched.
     void clearBuf();
     // Copies the w x h rectangle at (x, y) of the drawing buffer to the panel;
@@ -122,6 +137,7 @@ private:
     [[nodiscard]] bool needsColourMap() const;
     [[nodiscard]] bool putColourMap();
     [[nodiscard]] bool createDisplayBuffer();
+    [[nodiscard]] bool startDrawing();
     void prepareDepth8(bool directColour);
     void prepareDepth16(bool directColour);
     void prepareDepth24(bool directColour);
@@ -150,6 +166,7 @@ private:
     unsigned screenHeight() const { return fbVar.yres; }
 
     std::string devicePath;
+    std::string guiRoot;
     uint32_t lutRed[256] = {};
     uint32_t lutGreen[256] = {};
     uint32_t lutBlue[256] = {};

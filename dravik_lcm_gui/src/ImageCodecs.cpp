@@ -14,10 +14,17 @@ namespace dravik::lcmgui {
 namespace {
 
 constexpr char kModule[] = "libdravik_lcm_gui_imgcodecs.so";
-constexpr char kEntry[] = "dravik_lcm_gui_imread";
 constexpr char kCodecsLibrary[] = "libopencv_imgcodecs";
 
 using ReadFunction = bool (*)(const char*, cv::Mat*) noexcept;
+using WriteFunction = bool (*)(const char*, const cv::Mat*) noexcept;
+
+// The module's entry points, resolved once.
+struct Codecs {
+    ReadFunction read = nullptr;
+    ReadFunction readUnchanged = nullptr;
+    WriteFunction write = nullptr;
+};
 
 // The directory of the running program.
 std::string programDirectory() {
@@ -58,18 +65,36 @@ void* openModule(std::string& errors) {
 }
 
 // Loaded once; the module stays for the life of the process.
-ReadFunction loadCodecs() {
+Codecs loadCodecs() {
     std::string errors;
     void* module = openModule(errors);
     if (module == nullptr) {
         DRAVIK_LOG(3, 0, "Failed to load the image codecs: %s", errors.c_str());
-        return nullptr;
+        return {};
     }
-    auto* read = reinterpret_cast<ReadFunction>(dlsym(module, kEntry));
-    if (read == nullptr) {
+    Codecs codecs;
+    codecs.read = reinterpret_cast<ReadFunction>(dlsym(module, "dravik_lcm_gui_imread"));
+    codecs.readUnchanged =
+        reinterpret_cast<ReadFunction>(dlsym(module, "dravik_lcm_gui_imread_unchanged"));
+    codecs.write = reinterpret_cast<WriteFunction>(dlsym(module, "dravik_lcm_gui_imwrite"));
+    if (codecs.read == nullptr || codecs.readUnchanged == nullptr || codecs.write == nullptr) {
         DRAVIK_LOG(3, 0, "Failed to load the image codecs: %s", dlerror());
+        return {};
     }
-    return read;
+    return codecs;
+}
+
+const Codecs& codecs() {
+    static const Codecs loaded = loadCodecs();
+    return loaded;
+}
+
+cv::Mat decodeWith(ReadFunction read, const std::string& path) {
+    cv::Mat img;
+    if (read == nullptr || !read(path.c_str(), &img)) {
+        img.release();
+    }
+    return img;
 }
 
 bool codecsInProcess() {
@@ -93,12 +118,15 @@ bool setImagePixelLimit(uint64_t maxPixels) {
 }
 
 cv::Mat decodeImageFile(const std::string& path) {
-    static const ReadFunction read = loadCodecs();
-    cv::Mat img;
-    if (read == nullptr || !read(path.c_str(), &img)) {
-        img.release();
-    }
-    return img;
+    return decodeWith(codecs().read, path);
+}
+
+cv::Mat decodeImageFileAsStored(const std::string& path) {
+    return decodeWith(codecs().readUnchanged, path);
+}
+
+bool encodeImageFile(const std::string& path, const cv::Mat& img) {
+    return codecs().write != nullptr && codecs().write(path.c_str(), &img);
 }
 
 }  // namespace dravik::lcmgui

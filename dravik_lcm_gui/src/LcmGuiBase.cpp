@@ -8,6 +8,7 @@
 #include <cstring>
 #include <iterator>
 
+#include "GuiLimits.h"
 #include "ImageCodecs.h"
 #include "LcmGui.h"
 #include "PixelKernels.h"
@@ -25,13 +26,6 @@ using ipc::messages::ShowSimpleScreen;
 namespace {
 
 constexpr unsigned kCmapEntries = 256;
-
-// Breathing and slideshow cycles are capped at 30 s, a progress bar may run
-// for ten minutes.
-constexpr uint32_t kMinPeriodMs = 100;
-constexpr uint32_t kMaxCycleMs = 30000;
-constexpr uint32_t kMaxProgressMs = 600000;
-constexpr uint16_t kMaxSlides = 100;
 
 // Brightness percentages: negative means "leave the backlight as it is".
 constexpr signed char kKeepBrightness = -1;
@@ -141,6 +135,46 @@ bool LcmGui::init(const std::string& device, const std::string& guiId, signed ch
         // loaded: such panels are not driven beyond their colour map.
         return false;
     }
+    if (!startDrawing()) {
+        return false;
+    }
+    if (guiId.empty() && brightness < 0) {
+        return true;
+    }
+    return showStartupScreen(guiId, brightness);
+}
+
+bool LcmGui::initInMemory(const fb_var_screeninfo& format) {
+    fbVar = format;
+    fbFix = {};
+    fbFix.visual = FB_VISUAL_TRUECOLOR;
+    fbFix.line_length = fbVar.xres * ((fbVar.bits_per_pixel + 7) / 8);
+    fbSize = static_cast<uint64_t>(fbVar.yres) * fbFix.line_length;
+    if (fbSize == 0 || fbMem != nullptr) {
+        DRAVIK_LOG(3, 0, "A panel of %ux%u at %u bits per pixel cannot be held in memory",
+                   fbVar.xres, fbVar.yres, fbVar.bits_per_pixel);
+        return false;
+    }
+    boundImageSize();
+    void* mem = mmap(nullptr, fbSize, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    if (mem == MAP_FAILED) {
+        DRAVIK_LOG(3, 0, "mmap failed");
+        return false;
+    }
+    fbMem = static_cast<unsigned char*>(mem);
+    if (!prepareColourPath()) {
+        DRAVIK_LOG(3, 0, "Oops: %i bit/pixel ???", fbVar.bits_per_pixel);
+        return false;
+    }
+    if (needsColourMap()) {
+        return false;  // as init: palette panels are not driven beyond their colour map
+    }
+    return startDrawing();
+}
+
+// The end of start-up shared by a device and a panel in memory: the drawing
+// buffer, a black panel and the fonts.
+bool LcmGui::startDrawing() {
     if (!createDisplayBuffer()) {
         DRAVIK_LOG(3, 0, "Failed to create display buffer");
         return false;
@@ -150,10 +184,7 @@ bool LcmGui::init(const std::string& device, const std::string& guiId, signed ch
         DRAVIK_LOG(3, 0, "Failed to load fonts");
         return false;
     }
-    if (guiId.empty() && brightness < 0) {
-        return true;
-    }
-    return showStartupScreen(guiId, brightness);
+    return true;
 }
 
 // The largest image a screen on this panel can use is a strip of the most

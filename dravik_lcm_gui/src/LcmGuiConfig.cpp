@@ -14,11 +14,6 @@ using dravik::variant::IsInteger;
 using dravik::variant::Variant;
 using dravik::variant::VariantType;
 
-// Text forms in the order of the enumerations' values (0 first).
-const char* const kAlignHorWords[] = {"left", "center", "right"};
-const char* const kAlignVertWords[] = {"top", "middle", "bottom"};
-const char* const kAnimTypeWords[] = {"static", "slideshow", "breathing", "progressbar"};
-
 template <typename Enum, size_t N>
 Enum parseWord(const char* const (&words)[N], const std::string& s, Enum def) {
     for (size_t i = 0; i < N; ++i) {
@@ -56,20 +51,20 @@ T readInteger(const Variant* obj, const char* key, T current) {
 // "x", "y", "horizontal" and "vertical", shared by the text and image elements.
 template <typename Conf>
 void readPosition(const Variant* obj, Conf& conf) {
-    conf.x = readInteger<uint16_t>(obj, "x", conf.x);
-    conf.y = readInteger<uint16_t>(obj, "y", conf.y);
-    conf.alignHor = parseAlignHor(readString(obj, "horizontal"), conf.alignHor);
-    conf.alignVert = parseAlignVert(readString(obj, "vertical"), conf.alignVert);
+    conf.x = readInteger<uint16_t>(obj, key::kX, conf.x);
+    conf.y = readInteger<uint16_t>(obj, key::kY, conf.y);
+    conf.alignHor = parseAlignHor(readString(obj, key::kHorizontal), conf.alignHor);
+    conf.alignVert = parseAlignVert(readString(obj, key::kVertical), conf.alignVert);
 }
 
 // The other keys of a text element only count when it has something to show.
 GuiTextConf readText(const Variant* obj) {
     GuiTextConf conf;
-    conf.text = readString(obj, "str");
+    conf.text = readString(obj, key::kStr);
     if (conf.text.empty()) {
         return conf;
     }
-    conf.size = readInteger<uint16_t>(obj, "size", conf.size);
+    conf.size = readInteger<uint16_t>(obj, key::kSize, conf.size);
     readPosition(obj, conf);
     return conf;
 }
@@ -79,24 +74,24 @@ GuiTextConf readText(const Variant* obj) {
 // kind (and so leaves the animation static).
 GuiImgConf readImg(const Variant* obj) {
     GuiImgConf conf;
-    conf.file = readString(obj, "file");
+    conf.file = readString(obj, key::kFile);
     if (conf.file.empty()) {
         return conf;
     }
     readPosition(obj, conf);
-    const std::string animation = readString(obj, "animation");
+    const std::string animation = readString(obj, key::kAnimation);
     conf.animation = parseAnimType(animation, conf.animation);
     if (!animation.empty()) {
-        conf.duration = readInteger<uint32_t>(obj, "duration", conf.duration);
-        conf.count = readInteger<uint16_t>(obj, "count", conf.count);
+        conf.duration = readInteger<uint32_t>(obj, key::kDuration, conf.duration);
+        conf.count = readInteger<uint16_t>(obj, key::kCount, conf.count);
     }
     return conf;
 }
 
-GuiScreenDesc readScreen(const Variant& screen) {
+GuiScreenDesc readScreenDesc(const Variant& screen) {
     GuiScreenDesc desc;
-    desc.text = readText(lookup(&screen, dravik::variant::kAny, "text"));
-    desc.img = readImg(lookup(&screen, dravik::variant::kAny, "img"));
+    desc.text = readText(lookup(&screen, dravik::variant::kAny, key::kText));
+    desc.img = readImg(lookup(&screen, dravik::variant::kAny, key::kImg));
     return desc;
 }
 
@@ -114,6 +109,10 @@ AnimType parseAnimType(const std::string& s, AnimType def) {
     return parseWord(kAnimTypeWords, s, def);
 }
 
+GuiScreenDesc GuiConfig::readScreen(const Variant& screen) {
+    return readScreenDesc(screen);
+}
+
 bool GuiConfig::fromJSONFile(const std::string& path) {
     screens.clear();
     if (path.empty()) {
@@ -127,16 +126,16 @@ bool GuiConfig::fromJSONFile(const std::string& path) {
     }
     DRAVIK_LOG(7, 0, "Looking file '%s'...", path.c_str());
 
-    imgPath = readString(&root, "imgPath");
+    imgPath = readString(&root, key::kImgPath);
     if (imgPath.empty()) {
         DRAVIK_LOG(3, 0, "Could not find key 'imgPath' in JSON file");
         return false;
     }
-    backLightPath = readString(&root, "backLightPath");
+    backLightPath = readString(&root, key::kBackLightPath);
 
     // Looked up with the object pattern, which arrays match as well; a value of
     // any other type, null included, counts as missing.
-    const Variant* list = root.GetKeyChain(dravik::variant::kObject, "screens", true);
+    const Variant* list = root.GetKeyChain(dravik::variant::kObject, key::kScreens, true);
     if (list == nullptr || list->IsNull()) {
         DRAVIK_LOG(3, 0, "Could not find key 'screens'");
         return false;
@@ -152,7 +151,7 @@ bool GuiConfig::fromJSONFile(const std::string& path) {
 
     for (auto it = list->num_begin(); it != list->num_end(); ++it) {
         const int index = static_cast<int>(it->first);
-        const std::string name = readString(&it->second, "name");
+        const std::string name = readString(&it->second, key::kName);
         if (name.empty()) {
             // Screens read before this one stay in the table.
             DRAVIK_LOG(3, 0, "Screen[%d]: could not find key 'name'", index);
@@ -163,7 +162,7 @@ bool GuiConfig::fromJSONFile(const std::string& path) {
                        name.c_str());
             continue;
         }
-        screens.emplace(name, readScreen(it->second));
+        screens.emplace(name, readScreenDesc(it->second));
     }
 
     if (screens.empty()) {

@@ -201,7 +201,7 @@ bool LcmGui::loadImage(const std::string& path, cv::Mat& img, const GuiImgConf& 
     }
     std::string resolved;
     bool isDirectory = false;  // not used: a directory fails to decode below
-    if (!resolvePath(contained.c_str(), resolved, isDirectory, nullptr)) {
+    if (!resolvePath((guiRoot + contained).c_str(), resolved, isDirectory, nullptr)) {
         DRAVIK_LOG(4, 0, "Image '%s' not found", path.c_str());
         return false;
     }

@@ -1,17 +1,11 @@
 #include <algorithm>
 #include <opencv2/imgproc.hpp>
 
+#include "GuiLimits.h"
 #include "LcmGui.h"
 #include "dravik_logger/logger.h"
 
 namespace dravik::lcmgui {
-
-namespace {
-
-constexpr unsigned kMinFontSize = 3;
-constexpr unsigned kMaxFontSize = 100;
-
-}  // namespace
 
 bool LcmGui::setFontGeometry(unsigned size) {
     if (size - kMinFontSize > kMaxFontSize - kMinFontSize) {

@@ -123,6 +123,7 @@ class Daemon:
             os.makedirs(d, exist_ok=True)
         self.panel = os.path.join(self.root, "panel.raw")
         self.panel_device = "/dev/fb2"  # the device path the simulated panel answers to
+        self.bpp = 16  # the simulated panel's depth
         self.stdout_path = os.path.join(self.root, "stdout.log")
         self.stderr_path = os.path.join(self.root, "stderr.log")
         self.process = None
@@ -166,7 +167,7 @@ class Daemon:
     def command(self, args):
         return [os.path.join(source_dir(), "scripts", "sandbox"), "--root", self.root, "--",
                 *program("fakefb-run"), "--device", self.panel_device,
-                "--size", f"{WIDTH}x{HEIGHT}", "--bpp", "16", "--file", self.panel, "--",
+                "--size", f"{WIDTH}x{HEIGHT}", "--bpp", str(self.bpp), "--file", self.panel, "--",
                 os.path.join(bin_dir(), "dravik_lcm_gui")] + list(args)
 
     def start(self, *args, wait=True, bus=True):

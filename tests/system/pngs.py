@@ -38,41 +38,52 @@ def _paeth(a, b, c):
     return b if pb <= pc else c
 
 
-def _unfilter(kind, line, previous):
-    """Undoes one row's filter (one byte per pixel)."""
-    for x in range(len(line)):
-        a = line[x - 1] if x else 0
-        b = previous[x]
-        c = previous[x - 1] if x else 0
-        predictor = (0, a, b, (a + b) // 2, _paeth(a, b, c))[kind]
-        line[x] = (line[x] + predictor) & 0xFF
-    return line
-
-
-def read_grey_png(path):
-    """Reads an 8-bit greyscale, non-interlaced PNG; returns (width, height, rows),
-    rows being one bytes object per row."""
+def read_png(path):
+    """Reads an 8-bit grey, RGB or RGBA PNG without interlacing (what OpenCV
+    writes); returns (width, height, channels, pixel bytes row after row)."""
     with open(path, "rb") as f:
         data = f.read()
-    assert data[:8] == b"\x89PNG\r\n\x1a\n", path
-    pos, idat, header = 8, b"", None
+    assert data[:8] == b"\x89PNG\r\n\x1a\n", f"{path} is not a PNG"
+    pos, idat, header = 8, [], None
     while pos < len(data):
-        length, kind = struct.unpack(">I4s", data[pos:pos + 8])
+        (length,) = struct.unpack(">I", data[pos:pos + 4])
+        kind = data[pos + 4:pos + 8]
         body = data[pos + 8:pos + 8 + length]
-        pos += 12 + length
         if kind == b"IHDR":
             header = struct.unpack(">IIBBBBB", body)
         elif kind == b"IDAT":
-            idat += body
-        elif kind == b"IEND":
-            break
+            idat.append(body)
+        pos += 12 + length
     width, height, depth, colour, _, _, interlace = header
-    assert (depth, colour, interlace) == (8, 0, 0), f"{path}: not 8-bit grey, non-interlaced"
-    raw = zlib.decompress(idat)
-    rows, previous = [], bytes(width)
+    channels = {0: 1, 2: 3, 6: 4}.get(colour)
+    assert depth == 8 and channels and interlace == 0, f"{path}: unsupported PNG {header}"
+    raw = zlib.decompress(b"".join(idat))
+    stride = width * channels
+    out = bytearray(height * stride)
+    previous = bytearray(stride)
     for y in range(height):
-        start = y * (width + 1)
-        line = _unfilter(raw[start], bytearray(raw[start + 1:start + 1 + width]), previous)
-        rows.append(bytes(line))
+        start = y * (stride + 1)
+        kind, line = raw[start], bytearray(raw[start + 1:start + 1 + stride])
+        for i in range(stride):
+            left = line[i - channels] if i >= channels else 0
+            up = previous[i]
+            corner = previous[i - channels] if i >= channels else 0
+            if kind == 1:
+                line[i] = (line[i] + left) & 0xFF
+            elif kind == 2:
+                line[i] = (line[i] + up) & 0xFF
+            elif kind == 3:
+                line[i] = (line[i] + ((left + up) >> 1)) & 0xFF
+            elif kind == 4:
+                line[i] = (line[i] + _paeth(left, up, corner)) & 0xFF
+        out[y * stride:(y + 1) * stride] = line
         previous = line
-    return width, height, rows
+    return width, height, channels, bytes(out)
+
+
+def read_grey_png(path):
+    """Reads an 8-bit greyscale PNG; returns (width, height, rows), rows being one
+    bytes object per row."""
+    width, height, channels, pixels = read_png(path)
+    assert channels == 1, f"{path}: not 8-bit grey"
+    return width, height, [pixels[y * width:(y + 1) * width] for y in range(height)]

@@ -1,0 +1,76 @@
+#pragma once
+
+#include <cstdint>
+#include <opencv2/core.hpp>
+#include <string>
+#include <vector>
+
+#include "GuiConfig.h"
+#include "LcmGui.h"
+#include "dravik_logger/logger.h"
+#include "preview/Panel.h"
+
+namespace dravik::preview {
+
+// Collects the display engine's log records while it lives, instead of letting
+// them reach standard error; the tools report them in their own words.
+class EngineMessages {
+public:
+    EngineMessages();
+    ~EngineMessages();
+    EngineMessages(const EngineMessages&) = delete;
+    EngineMessages& operator=(const EngineMessages&) = delete;
+
+    const std::vector<logger::Record>& records() const { return records_; }
+
+private:
+    std::vector<logger::Record> records_;
+    int savedStderr_ = -1;
+};
+
+// One picture of a contact sheet and what it shows.
+struct Frame {
+    std::string label;
+    cv::Mat picture;
+};
+
+// Shows screens on a panel held in memory through the daemon's own display
+// engine, as the daemon would show them, and reads the panel back as a picture.
+class Renderer {
+public:
+    explicit Renderer(lcmgui::GuiConfig& config);
+    ~Renderer();
+    Renderer(const Renderer&) = delete;
+    Renderer& operator=(const Renderer&) = delete;
+
+    // Brings the engine up on the panel; image files are looked up below
+    // `root` (empty: the real directories). False with the reason in `error`.
+    bool start(const PanelFormat& format, const std::string& root, std::string& error);
+
+    // The panel as it shows `screen` `atMs` milliseconds after the screen was
+    // set: the full redraw, then the main loop's ticks every 30 ms up to atMs
+    // and one at atMs. False when the engine refuses the screen; its reasons
+    // are in `messages` either way.
+    bool render(const lcmgui::GuiScreenDesc& screen, uint64_t atMs, cv::Mat& picture,
+                std::vector<std::string>& messages);
+
+    // One period of an animated screen: every slide of a slideshow, eight
+    // phases of breathing, a progress bar at 0, 25, 50, 75 and 100 %; a still
+    // screen gives one frame.
+    bool renderPeriod(const lcmgui::GuiScreenDesc& screen, std::vector<Frame>& frames,
+                      std::vector<std::string>& messages);
+
+    lcmgui::LcmGui& engine() { return gui_; }
+
+private:
+    lcmgui::LcmGui gui_;
+    bool imageLoaded_ = false;  // whether the last render loaded its image
+};
+
+// The frames side by side, each enlarged `scale` times, with its label below.
+cv::Mat contactSheet(const std::vector<Frame>& frames, int scale);
+
+// `picture` enlarged `scale` times, pixels kept sharp.
+cv::Mat enlarge(const cv::Mat& picture, int scale);
+
+}  // namespace dravik::preview

@@ -1,0 +1,38 @@
+#include "MistakesRoot.h"
+
+#include <stdlib.h>
+
+#include <filesystem>
+#include <fstream>
+#include <opencv2/imgcodecs.hpp>
+
+namespace dravik::preview::testsupport {
+
+std::string makeMistakesRoot() {
+    namespace fs = std::filesystem;
+    char pattern[] = "/tmp/preview-mistakes-XXXXXX";
+    if (mkdtemp(pattern) == nullptr) {
+        return "";
+    }
+    const fs::path images = fs::path(pattern) / "etc/gui/images";
+    fs::create_directories(images);
+    const struct {
+        const char* name;
+        cv::Mat image;
+    } pictures[] = {
+        {"logo.png", cv::Mat(80, 120, CV_8UC3, cv::Scalar(200, 120, 20))},
+        {"deep.png", cv::Mat(20, 20, CV_16UC3, cv::Scalar(40000, 0, 0))},
+        {"alpha.png", cv::Mat(20, 20, CV_8UC4, cv::Scalar(0, 0, 255, 0))},
+        {"wide.png", cv::Mat(50, 300, CV_8UC3, cv::Scalar(0, 255, 0))},
+        {"strip.png", cv::Mat(10, 4, CV_8UC3, cv::Scalar(255, 255, 255))},
+    };
+    for (const auto& picture : pictures) {
+        if (!cv::imwrite((images / picture.name).string(), picture.image)) {
+            return "";
+        }
+    }
+    std::ofstream(images / "broken.png") << "not a picture";
+    return pattern;
+}
+
+}  // namespace dravik::preview::testsupport
