@@ -87,7 +87,18 @@ std::string loadConfig(GuiConfig& config, const std::vector<std::string>& candid
     return std::string();
 }
 
+// The handler's puts must neither allocate nor wait. glibc gives a stream its
+// buffer on first use, with malloc; a SIGTERM that lands while the main loop is
+// inside malloc (drawing a frame, reading a request) would re-enter the
+// allocator and corrupt the heap. Nothing else in the daemon writes to standard
+// output, so with this static line buffer, set before the handler exists, the
+// handler's puts is a copy and one write.
+char gStdoutBuffer[BUFSIZ];
+
 bool installQuitSignal() {
+    if (setvbuf(stdout, gStdoutBuffer, _IOLBF, sizeof gStdoutBuffer) != 0) {
+        return false;
+    }
     struct sigaction action {};
     action.sa_sigaction = quitSignal;
     action.sa_flags = SA_SIGINFO;  // no SA_RESTART: the loop's wait returns at once
