@@ -17,6 +17,8 @@
 
 namespace dravik::lcmgui {
 
+using ipc::messages::kBrightnessKeep;
+using ipc::messages::kBrightnessMax;
 using ipc::messages::LcmGuiImgSettingsElementRef;
 using ipc::messages::LcmGuiTextSettingsElementRef;
 using ipc::messages::ShowGui;
@@ -32,10 +34,6 @@ constexpr uint32_t kMinPeriodMs = 100;
 constexpr uint32_t kMaxCycleMs = 30000;
 constexpr uint32_t kMaxProgressMs = 600000;
 constexpr uint16_t kMaxSlides = 100;
-
-// Brightness percentages: negative means "leave the backlight as it is".
-constexpr signed char kKeepBrightness = -1;
-constexpr signed char kMaxBrightnessPercent = 100;
 
 bool inRange(uint32_t value, uint32_t low, uint32_t high) {
     return value >= low && value <= high;
@@ -83,7 +81,7 @@ bool endsBeyond(unsigned position, unsigned size, unsigned limit) {
 
 }  // namespace
 
-LcmGui::LcmGui(GuiConfig& config) : devicePath("/dev/fb2"), config(config) {
+LcmGui::LcmGui(GuiConfig& config) : devicePath(kDefaultDevice), config(config) {
     cmap.start = 0;
     cmap.len = kCmapEntries;
     cmap.red = palRed;
@@ -284,7 +282,7 @@ bool LcmGui::showStartupScreen(const std::string& guiId, signed char brightness)
     ShowGui request;
     (void)request.NormalizeFields();  // fills the envelope; an empty object cannot fail
     request.guiId(guiId);
-    request.brightness(std::clamp(brightness, kKeepBrightness, kMaxBrightnessPercent));
+    request.brightness(std::clamp(brightness, kBrightnessKeep, kBrightnessMax));
     return showGui(request, nullptr);
 }
 
@@ -519,8 +517,7 @@ void LcmGui::fillShowGuiResponse(ShowGui& response) const {
     }
     response.guiId(state.guiId);
     // Every negative percentage means "never set" or "keep"; it is reported as -1.
-    response.brightness(
-        std::clamp(backLight.getBrightness(), kKeepBrightness, kMaxBrightnessPercent));
+    response.brightness(std::clamp(backLight.getBrightness(), kBrightnessKeep, kBrightnessMax));
 }
 
 GuiTextConf LcmGui::textConfFrom(LcmGuiTextSettingsElementRef element) {

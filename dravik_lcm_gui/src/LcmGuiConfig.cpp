@@ -1,8 +1,10 @@
 #include <cstdint>
+#include <iterator>
 #include <string>
 
 #include "GuiConfig.h"
 #include "GuiScreen.h"
+#include "dravik_ipc_messages/element_values.h"
 #include "dravik_logger/logger.h"
 #include "dravik_variant/variant.h"
 
@@ -14,10 +16,14 @@ using dravik::variant::IsInteger;
 using dravik::variant::Variant;
 using dravik::variant::VariantType;
 
-// Text forms in the order of the enumerations' values (0 first).
-const char* const kAlignHorWords[] = {"left", "center", "right"};
-const char* const kAlignVertWords[] = {"top", "middle", "bottom"};
-const char* const kAnimTypeWords[] = {"static", "slideshow", "breathing", "progressbar"};
+using dravik::ipc::messages::kAlignHorWords;
+using dravik::ipc::messages::kAlignVertWords;
+using dravik::ipc::messages::kAnimationWords;
+
+// A word's index in its list is its enumeration value.
+static_assert(std::size(kAlignHorWords) == kAlignRight + 1);
+static_assert(std::size(kAlignVertWords) == kAlignBottom + 1);
+static_assert(std::size(kAnimationWords) == kAnimProgressbar + 1);
 
 template <typename Enum, size_t N>
 Enum parseWord(const char* const (&words)[N], const std::string& s, Enum def) {
@@ -111,7 +117,7 @@ AlignVert parseAlignVert(const std::string& s, AlignVert def) {
 }
 
 AnimType parseAnimType(const std::string& s, AnimType def) {
-    return parseWord(kAnimTypeWords, s, def);
+    return parseWord(kAnimationWords, s, def);
 }
 
 bool GuiConfig::fromJSONFile(const std::string& path) {

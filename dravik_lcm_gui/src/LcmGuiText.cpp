@@ -2,14 +2,15 @@
 #include <opencv2/imgproc.hpp>
 
 #include "LcmGui.h"
+#include "dravik_ipc_messages/element_values.h"
 #include "dravik_logger/logger.h"
 
 namespace dravik::lcmgui {
 
 namespace {
 
-constexpr unsigned kMinFontSize = 3;
-constexpr unsigned kMaxFontSize = 100;
+constexpr unsigned kMinFontSize = ipc::messages::kFontSizeMin;
+constexpr unsigned kMaxFontSize = ipc::messages::kFontSizeMax;
 
 }  // namespace
 

@@ -3,10 +3,12 @@
 
 #include <atomic>
 #include <cstdio>
+#include <iterator>
 #include <string>
 #include <vector>
 
 #include "GuiConfig.h"
+#include "GuiPaths.h"
 #include "LcmGui.h"
 #include "LcmGuiHandler.h"
 #include "dravik_ipc/ipc.h"
@@ -43,7 +45,8 @@ const char kProcessName[] = "dravik_lcm_gui";
 void declareParameters(Variant& definitions) {
     using dravik::variant::AddParameter;
     AddParameter(definitions, 'h', "help", "Outputs this help", Variant(true));
-    AddParameter(definitions, 'd', "device", "Frame buffer device", Variant("/dev/fb2"));
+    AddParameter(definitions, 'd', "device", "Frame buffer device",
+                 Variant(dravik::lcmgui::kDefaultDevice));
     AddParameter(definitions, 'c', "configFile", "Screens config file", Variant(""));
     AddParameter(definitions, 's', "startupScreen", "Start-up screen", Variant(""));
     AddParameter(definitions, 'b', "brightness", "Brightness", Variant(-1));
@@ -127,7 +130,8 @@ int main(int argc, char** argv) {
         return -1;
     }
 
-    const std::vector<std::string> directories = {"/usr/etc/gui/", "/etc/gui/"};
+    const std::vector<std::string> directories(std::begin(dravik::lcmgui::kGuiDirectories),
+                                               std::end(dravik::lcmgui::kGuiDirectories));
     const std::vector<std::string> fileNames = {
         dravik::utils::format("dravik_lcm_gui_sysid_%04lx.json", cameraInfo.sysid()),
         "dravik_lcm_gui.json"};
