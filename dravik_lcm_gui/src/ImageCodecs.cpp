@@ -62,12 +62,12 @@ ReadFunction loadCodecs() {
     std::string errors;
     void* module = openModule(errors);
     if (module == nullptr) {
-        DRAVIK_LOG(3, 0, "Failed to load the image codecs: %s", errors.c_str());
+        DRAVIK_LOG(logger::kError, 0, "Failed to load the image codecs: %s", errors.c_str());
         return nullptr;
     }
     auto* read = reinterpret_cast<ReadFunction>(dlsym(module, kEntry));
     if (read == nullptr) {
-        DRAVIK_LOG(3, 0, "Failed to load the image codecs: %s", dlerror());
+        DRAVIK_LOG(logger::kError, 0, "Failed to load the image codecs: %s", dlerror());
     }
     return read;
 }

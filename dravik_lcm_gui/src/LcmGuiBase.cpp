@@ -104,48 +104,48 @@ bool LcmGui::init(const std::string& device, const std::string& guiId, signed ch
         devicePath = device;
     }
     if (!backLight.init(config.getBackLightPath())) {
-        DRAVIK_LOG(3, 0, "Unable to init backlight");
+        DRAVIK_LOG(logger::kError, 0, "Unable to init backlight");
         return false;
     }
     if (!openDevice()) {
-        DRAVIK_LOG(3, 0, "Unable to open %s", devicePath.c_str());
+        DRAVIK_LOG(logger::kError, 0, "Unable to open %s", devicePath.c_str());
         return false;
     }
     if (!readFixedInfo()) {
-        DRAVIK_LOG(3, 0, "Get fixed screen info failed");
+        DRAVIK_LOG(logger::kError, 0, "Get fixed screen info failed");
         return false;
     }
     if (!readVariableInfo()) {
-        DRAVIK_LOG(3, 0, "Unable to retrieve variable screen info");
+        DRAVIK_LOG(logger::kError, 0, "Unable to retrieve variable screen info");
         return false;
     }
     fbSize = static_cast<uint64_t>(fbVar.yres) * fbFix.line_length;
-    DRAVIK_LOG(6, 0, "FB: %dx%d, bits_per_pixel %d, fbSize: %d", fbVar.xres, fbVar.yres,
+    DRAVIK_LOG(logger::kInfo, 0, "FB: %dx%d, bits_per_pixel %d, fbSize: %d", fbVar.xres, fbVar.yres,
                fbVar.bits_per_pixel, static_cast<int>(fbSize));
     boundImageSize();
     if (!mapMemory()) {
-        DRAVIK_LOG(3, 0, "mmap failed");
+        DRAVIK_LOG(logger::kError, 0, "mmap failed");
         return false;
     }
     if (!prepareColourPath()) {
-        DRAVIK_LOG(3, 0, "Oops: %i bit/pixel ???", fbVar.bits_per_pixel);
+        DRAVIK_LOG(logger::kError, 0, "Oops: %i bit/pixel ???", fbVar.bits_per_pixel);
         return false;
     }
     if (needsColourMap()) {
         if (!putColourMap()) {
-            DRAVIK_LOG(3, 0, "ioctl FBIOPUTCMAP");
+            DRAVIK_LOG(logger::kError, 0, "ioctl FBIOPUTCMAP");
         }
         // A palette-based panel ends start-up here even when its colour map was
         // loaded: such panels are not driven beyond their colour map.
         return false;
     }
     if (!createDisplayBuffer()) {
-        DRAVIK_LOG(3, 0, "Failed to create display buffer");
+        DRAVIK_LOG(logger::kError, 0, "Failed to create display buffer");
         return false;
     }
     (void)showBuf();  // blanks the panel; the whole-screen copy cannot be refused
     if (!fontRenderer.init()) {
-        DRAVIK_LOG(3, 0, "Failed to load fonts");
+        DRAVIK_LOG(logger::kError, 0, "Failed to load fonts");
         return false;
     }
     if (guiId.empty() && brightness < 0) {
@@ -296,12 +296,14 @@ bool LcmGui::showBuf() {
 
 bool LcmGui::showBuf(unsigned x, unsigned y, unsigned w, unsigned h) {
     if ((w == 0 || h == 0) && (x != 0 || y != 0)) {
-        DRAVIK_LOG(3, 0, "show buffer parameters are not correct: %dx%d at (%d, %d)", w, h, x, y);
+        DRAVIK_LOG(logger::kError, 0, "show buffer parameters are not correct: %dx%d at (%d, %d)",
+                   w, h, x, y);
         return false;
     }
     if (endsBeyond(x, w, fbVar.xres) || endsBeyond(y, h, fbVar.yres)) {
-        DRAVIK_LOG(3, 0, "show buffer parameters are out of screen: %dx%d at (%d, %d) -> %dx%d", w,
-                   h, x, y, fbVar.xres, fbVar.yres);
+        DRAVIK_LOG(logger::kError, 0,
+                   "show buffer parameters are out of screen: %dx%d at (%d, %d) -> %dx%d", w, h, x,
+                   y, fbVar.xres, fbVar.yres);
         return false;
     }
     const auto columns = static_cast<unsigned>(displayBuf.cols);
@@ -329,8 +331,9 @@ bool LcmGui::getOffsetXY(unsigned& x, unsigned& y, unsigned w, unsigned h, Align
     const unsigned xres = fbVar.xres;
     const unsigned yres = fbVar.yres;
     if (endsBeyond(x, w, xres) || endsBeyond(y, h, yres)) {
-        DRAVIK_LOG(3, 0, "UI image parameters are out of screen: %dx%d at (%d, %d) -> %dx%d", w, h,
-                   x, y, xres, yres);
+        DRAVIK_LOG(logger::kError, 0,
+                   "UI image parameters are out of screen: %dx%d at (%d, %d) -> %dx%d", w, h, x, y,
+                   xres, yres);
         return false;
     }
     // The fit is checked on the given position; the given offsets then count
@@ -467,7 +470,7 @@ bool LcmGui::showGui(ShowGui& request, ShowGui* response) {
         bool found = false;
         const GuiScreenDesc& desc = config.getScreenDesc(name, found);
         if (!found) {
-            DRAVIK_LOG(4, 0, "Could not find gui id '%s'", name.c_str());
+            DRAVIK_LOG(logger::kWarning, 0, "Could not find gui id '%s'", name.c_str());
             screenOk = false;
         } else {
             screenOk = setState(desc, now);
@@ -551,23 +554,23 @@ bool LcmGui::setState(GuiScreenDesc screen, unsigned long now) {
     switch (img.animation) {
         case kAnimBreathing:
             if (!inRange(img.duration, kMinPeriodMs, kMaxCycleMs)) {
-                DRAVIK_LOG(3, 0, "Invalid breathe period (%d)", img.duration);
+                DRAVIK_LOG(logger::kError, 0, "Invalid breathe period (%d)", img.duration);
                 return false;
             }
             break;
         case kAnimSlideshow:
             if (!inRange(img.duration, kMinPeriodMs, kMaxCycleMs)) {
-                DRAVIK_LOG(3, 0, "Invalid slideshow duration (%d)", img.duration);
+                DRAVIK_LOG(logger::kError, 0, "Invalid slideshow duration (%d)", img.duration);
                 return false;
             }
             if (static_cast<uint16_t>(img.count - 1) > kMaxSlides - 1) {
-                DRAVIK_LOG(3, 0, "Invalid slideshow count (%d)", img.count);
+                DRAVIK_LOG(logger::kError, 0, "Invalid slideshow count (%d)", img.count);
                 return false;
             }
             break;
         case kAnimProgressbar:
             if (!inRange(img.duration, kMinPeriodMs, kMaxProgressMs)) {
-                DRAVIK_LOG(3, 0, "Invalid progressbar duration (%d)", img.duration);
+                DRAVIK_LOG(logger::kError, 0, "Invalid progressbar duration (%d)", img.duration);
                 return false;
             }
             break;

@@ -59,7 +59,7 @@ bool LcmGuiHandler::HandleRequest(BaseRequestMessage& request, bool& /*flag*/) {
             payload.Free();
         }
     } else {
-        DRAVIK_LOG(3, 0, "Invalid function name %s", request.functionName().c_str());
+        DRAVIK_LOG(logger::kError, 0, "Invalid function name %s", request.functionName().c_str());
         return false;
     }
 

@@ -78,9 +78,9 @@ std::vector<std::string> configCandidates(const Variant& result,
 
 // Loads the first candidate that is a valid screens file; "" when none is.
 std::string loadConfig(GuiConfig& config, const std::vector<std::string>& candidates) {
-    MAIN_LOG(7, "Will look for config file in the following locations:");
+    MAIN_LOG(dravik::logger::kDebug, "Will look for config file in the following locations:");
     for (const auto& candidate : candidates) {
-        MAIN_LOG(7, "\t\t%s", candidate.c_str());
+        MAIN_LOG(dravik::logger::kDebug, "\t\t%s", candidate.c_str());
     }
     for (const auto& candidate : candidates) {
         if (config.fromJSONFile(candidate)) {
@@ -120,13 +120,13 @@ int main(int argc, char** argv) {
     CameraInfo cameraInfo;
     if (!cameraInfo.Init()) {
         // Deliberately 0: a device without readable properties is not restarted.
-        MAIN_LOG(3, "Failed to read camera properties");
+        MAIN_LOG(dravik::logger::kError, "Failed to read camera properties");
         return 0;
     }
 
     IpcInstance endpoint;
     if (!endpoint.ipc->Init(kProcessName, false, nullptr)) {
-        MAIN_LOG(3, "Failed to initialize IPC");
+        MAIN_LOG(dravik::logger::kError, "Failed to initialize IPC");
         return -1;
     }
 
@@ -140,10 +140,10 @@ int main(int argc, char** argv) {
     GuiConfig config;
     const std::string configFile = loadConfig(config, candidates);
     if (configFile.empty()) {
-        MAIN_LOG(3, "No valid config file found");
+        MAIN_LOG(dravik::logger::kError, "No valid config file found");
         return -1;
     }
-    MAIN_LOG(6, "Using the following config file: `%s`", configFile.c_str());
+    MAIN_LOG(dravik::logger::kInfo, "Using the following config file: `%s`", configFile.c_str());
 
     const std::string startupScreen = stringParameter(result, "parameters/startupScreen");
     const Variant* brightnessValue =
@@ -153,7 +153,7 @@ int main(int argc, char** argv) {
 
     LcmGui gui(config);
     if (!gui.init(device, startupScreen, brightness)) {
-        MAIN_LOG(3, "Failed to initialize lcmGui");
+        MAIN_LOG(dravik::logger::kError, "Failed to initialize lcmGui");
         return -1;
     }
 
@@ -165,22 +165,22 @@ int main(int argc, char** argv) {
 
     gStop = false;
     if (!installQuitSignal()) {
-        MAIN_LOG(3, "Unable to install the quit signal");
+        MAIN_LOG(dravik::logger::kError, "Unable to install the quit signal");
         forceCrash();
         return -1;
     }
 
     for (;;) {
         if (gStop) {
-            MAIN_LOG(6, "Gracefully shut down");
+            MAIN_LOG(dravik::logger::kInfo, "Gracefully shut down");
             return 0;
         }
         if (!endpoint.ipc->Service(30)) {
-            MAIN_LOG(3, "Failed to service IPC");
+            MAIN_LOG(dravik::logger::kError, "Failed to service IPC");
             return -1;
         }
         if (!gui.service()) {
-            MAIN_LOG(3, "Failed to service LcmGui");
+            MAIN_LOG(dravik::logger::kError, "Failed to service LcmGui");
             return -1;
         }
     }

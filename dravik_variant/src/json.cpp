@@ -11,7 +11,6 @@
 #include <string>
 #include <vector>
 
-#include "dravik_logger/logger.h"
 #include "dravik_variant/variant.h"
 
 namespace dravik::variant {
@@ -396,16 +395,9 @@ bool Variant::FromJSONFile(const std::string& path) {
         JsonError& error = lastError();
         error = JsonError{};
         error.message = message;
-        DRAVIK_LOG(7, 0, "%s: %s", path.c_str(), message.c_str());
         return false;
     }
-    if (!parseInto(text, *this)) {
-        const JsonError& error = lastError();
-        DRAVIK_LOG(7, 0, "%s:%zu:%zu: %s", path.c_str(), error.line, error.column,
-                   error.message.c_str());
-        return false;
-    }
-    return true;
+    return parseInto(text, *this);
 }
 
 const JsonError& Variant::LastJsonError() {
