@@ -7,6 +7,7 @@
 
 #include "GuiBackLight.h"
 #include "dravik_logger/logger.h"
+#include "dravik_utils/file_descriptor.h"
 #include "dravik_utils/utils.h"
 
 namespace dravik::lcmgui {
@@ -21,23 +22,6 @@ constexpr int kMaxMaxBrightness = 0xFFFFFE;
 // "max_brightness" holds a short decimal number and a newline; one byte of the
 // buffer stays zero so that the bytes read always form a terminated string.
 constexpr size_t kMaxBrightnessBufSize = 16;
-
-// Owns a descriptor that is only needed for the duration of one call.
-class ScopedFd {
-public:
-    explicit ScopedFd(int fd) : fd_(fd) {}
-    ~ScopedFd() {
-        if (fd_ >= 0) {
-            (void)::close(fd_);  // read-only file: nothing to lose on close
-        }
-    }
-    ScopedFd(const ScopedFd&) = delete;
-    ScopedFd& operator=(const ScopedFd&) = delete;
-    int get() const { return fd_; }
-
-private:
-    int fd_;
-};
 
 }  // namespace
 
@@ -63,7 +47,7 @@ bool GuiBackLight::init(const std::string& backLightPath) {
     }
 
     const std::string maxPath = backLightPath + "/" + "max_brightness";
-    const ScopedFd maxFd(::open(maxPath.c_str(), O_RDONLY));
+    const utils::FileDescriptor maxFd(::open(maxPath.c_str(), O_RDONLY));
     if (maxFd.get() <= 0) {
         DRAVIK_LOG(logger::kError, 0, "Failed to open proc entry '%s'", maxPath.c_str());
         return false;

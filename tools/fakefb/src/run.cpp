@@ -14,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "dravik_utils/file_descriptor.h"
 #include "panel_files.h"
 
 namespace {
@@ -263,16 +264,11 @@ bool writeText(const std::string& path, const char* text, std::size_t len) {
 
 // Sizes the backing file, writes FILE.geom and forgets an old colour map.
 bool preparePanel(const PanelSpec& panelSpec) {
-    const int fd = open(panelSpec.file, O_RDWR | O_CREAT | O_CLOEXEC, 0644);
-    const bool sized =
-        fd >= 0 && ftruncate(fd, static_cast<off_t>(fakefb::frameSize(panelSpec))) == 0;
-    const int err = errno;
-    if (fd >= 0) {
-        (void)close(fd);  // nothing was written through it
-    }
-    if (!sized) {
+    const dravik::utils::FileDescriptor fd(
+        open(panelSpec.file, O_RDWR | O_CREAT | O_CLOEXEC, 0644));
+    if (!fd.valid() || ftruncate(fd.get(), static_cast<off_t>(fakefb::frameSize(panelSpec))) != 0) {
         fprintf(stderr, "fakefb-run: cannot create backing file %s: %s\n", panelSpec.file,
-                strerror(err));
+                strerror(errno));
         return false;
     }
     char text[2 * fakefb::kPathMax + 512];
