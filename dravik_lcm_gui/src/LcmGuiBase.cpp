@@ -39,6 +39,45 @@ bool inRange(uint32_t value, uint32_t low, uint32_t high) {
     return value >= low && value <= high;
 }
 
+// What an animated image must keep to; a count range of 0 .. 0 is not checked.
+struct AnimationLimits {
+    AnimType kind;
+    uint32_t minDurationMs;
+    uint32_t maxDurationMs;
+    const char* durationMessage;  // a format of one number, the duration
+    uint16_t minCount;
+    uint16_t maxCount;
+    const char* countMessage;  // a format of one number, the count
+};
+
+constexpr AnimationLimits kAnimationLimits[] = {
+    {kAnimBreathing, kMinPeriodMs, kMaxCycleMs, "Invalid breathe period (%d)", 0, 0, nullptr},
+    {kAnimSlideshow, kMinPeriodMs, kMaxCycleMs, "Invalid slideshow duration (%d)", 1, kMaxSlides,
+     "Invalid slideshow count (%d)"},
+    {kAnimProgressbar, kMinPeriodMs, kMaxProgressMs, "Invalid progressbar duration (%d)", 0, 0,
+     nullptr},
+};
+
+// The message of the first limit that `img` breaks, with the offending number
+// in `value`; null when it keeps them all (a static image has none).
+const char* brokenAnimationLimit(const GuiImgConf& img, unsigned& value) {
+    for (const AnimationLimits& limits : kAnimationLimits) {
+        if (limits.kind != img.animation) {
+            continue;
+        }
+        if (!inRange(img.duration, limits.minDurationMs, limits.maxDurationMs)) {
+            value = img.duration;
+            return limits.durationMessage;
+        }
+        if (limits.countMessage != nullptr &&
+            !inRange(img.count, limits.minCount, limits.maxCount)) {
+            value = img.count;
+            return limits.countMessage;
+        }
+    }
+    return nullptr;
+}
+
 // The channel placement of panels that report no channel lengths, by depth
 // (24 serves 32-bit panels). The same three layouts are the ones real panels
 // report, so each has a dedicated line conversion for pixels of `bytes` bytes.
@@ -551,31 +590,10 @@ GuiImgConf LcmGui::imgConfFrom(LcmGuiImgSettingsElementRef element) {
 
 bool LcmGui::setState(GuiScreenDesc screen, unsigned long now) {
     const GuiImgConf& img = screen.img;
-    switch (img.animation) {
-        case kAnimBreathing:
-            if (!inRange(img.duration, kMinPeriodMs, kMaxCycleMs)) {
-                DRAVIK_LOG(logger::kError, 0, "Invalid breathe period (%d)", img.duration);
-                return false;
-            }
-            break;
-        case kAnimSlideshow:
-            if (!inRange(img.duration, kMinPeriodMs, kMaxCycleMs)) {
-                DRAVIK_LOG(logger::kError, 0, "Invalid slideshow duration (%d)", img.duration);
-                return false;
-            }
-            if (static_cast<uint16_t>(img.count - 1) > kMaxSlides - 1) {
-                DRAVIK_LOG(logger::kError, 0, "Invalid slideshow count (%d)", img.count);
-                return false;
-            }
-            break;
-        case kAnimProgressbar:
-            if (!inRange(img.duration, kMinPeriodMs, kMaxProgressMs)) {
-                DRAVIK_LOG(logger::kError, 0, "Invalid progressbar duration (%d)", img.duration);
-                return false;
-            }
-            break;
-        default:
-            break;
+    unsigned value = 0;
+    if (const char* message = brokenAnimationLimit(img, value)) {
+        DRAVIK_LOG(logger::kError, 0, message, value);
+        return false;
     }
     state.lastLevel = 0;
     state.animStart = img.animation == kAnimStatic ? 0 : now;

@@ -159,8 +159,9 @@ int main(int argc, char** argv) {
 
     LcmGuiHandler handler(gui);
     CatchAllHandlerRejector rejector;
-    (void)endpoint.ipc->AddHandler("ShowSimpleScreen", &handler);
-    (void)endpoint.ipc->AddHandler("ShowGui", &handler);
+    for (const std::string& function : LcmGuiHandler::functionNames()) {
+        (void)endpoint.ipc->AddHandler(function, &handler);
+    }
     (void)endpoint.ipc->AddHandler("", &rejector);
 
     gStop = false;
