@@ -9,10 +9,14 @@
 #include <string>
 #include <vector>
 
+#include "dravik_utils/getopt_table.h"
+
 namespace ipc_call {
 
 namespace {
 
+using dravik::utils::GetoptTables;
+using dravik::utils::getoptTables;
 using dravik::variant::Variant;
 
 // Takes a checked number into the invocation.
@@ -54,26 +58,6 @@ bool parseLong(const char* text, long& value) {
     return errno == 0 && end != text && *end == '\0';
 }
 
-// getopt_long's view of the table: the short option string and the long options.
-struct GetoptTables {
-    std::string shortOptions;
-    std::vector<option> longOptions;
-};
-
-GetoptTables getoptTables() {
-    GetoptTables tables;
-    for (const OptionRow& row : kOptionRows) {
-        tables.shortOptions += row.letter;
-        if (row.takesArgument) {
-            tables.shortOptions += ':';
-        }
-        tables.longOptions.push_back(
-            {row.name, row.takesArgument ? required_argument : no_argument, nullptr, row.letter});
-    }
-    tables.longOptions.push_back({nullptr, 0, nullptr, 0});
-    return tables;
-}
-
 const OptionRow* rowFor(int letter) {
     for (const OptionRow& row : kOptionRows) {
         if (row.letter == letter) {
@@ -106,7 +90,7 @@ Parsed applyOption(int letter, const char* argument, Invocation& invocation, std
 }
 
 Parsed readOptions(int argc, char* const argv[], Invocation& invocation, std::string& error) {
-    const GetoptTables tables = getoptTables();
+    const GetoptTables tables = getoptTables(kOptionRows);
     optind = 0;  // GNU: a full reset, so that a second parse starts afresh
     int letter = 0;
     while ((letter = getopt_long(argc, argv, tables.shortOptions.c_str(), tables.longOptions.data(),
