@@ -103,17 +103,72 @@ struct IpcInstance {
     ~IpcInstance() { Ipc::FreeInstance(); }
 };
 
+// Parses the command line into `result`; true when it asks for the help, which
+// is then printed.
+bool readParameters(int argc, char** argv, Variant& definitions, Variant& result) {
+    declareParameters(definitions);
+    (void)dravik::variant::ParseCommandLine(argc, const_cast<const char**>(argv), definitions,
+                                            result);  // whatever parsed is used
+    if (result.GetKeyChain(dravik::variant::kAny, "parameters/help", false) == nullptr) {
+        return false;
+    }
+    dravik::variant::PrintHelp(argv[0], definitions);
+    return true;
+}
+
+// The screens files to try, in order: the one given, or each directory with
+// the file named after this device's system id first. Reads the id, so it
+// runs only once the device's properties are known to be readable.
+std::vector<std::string> screensFileCandidates(const Variant& result,
+                                               const CameraInfo& cameraInfo) {
+    const std::vector<std::string> directories(std::begin(dravik::lcmgui::kGuiDirectories),
+                                               std::end(dravik::lcmgui::kGuiDirectories));
+    const std::vector<std::string> fileNames = {
+        dravik::utils::format("dravik_lcm_gui_sysid_%04lx.json", cameraInfo.sysid()),
+        "dravik_lcm_gui.json"};
+    return configCandidates(result, directories, fileNames);
+}
+
+// The brightness parameter; -1 (leave the backlight alone) when absent.
+signed char brightnessParameter(const Variant& result) {
+    const Variant* value =
+        result.GetKeyChain(dravik::variant::kNumericPattern, "parameters/brightness", false);
+    return value ? static_cast<signed char>(*value) : -1;
+}
+
+void registerHandlers(Ipc& ipc, LcmGuiHandler& handler, CatchAllHandlerRejector& rejector) {
+    for (const std::string& function : LcmGuiHandler::functionNames()) {
+        (void)ipc.AddHandler(function, &handler);
+    }
+    (void)ipc.AddHandler("", &rejector);
+}
+
+// The main loop: the bus, then the panel, until SIGTERM or a failure. Returns
+// the exit status.
+int serve(Ipc& ipc, LcmGui& gui) {
+    for (;;) {
+        if (gStop) {
+            MAIN_LOG(dravik::logger::kInfo, "Gracefully shut down");
+            return 0;
+        }
+        if (!ipc.Service(30)) {
+            MAIN_LOG(dravik::logger::kError, "Failed to service IPC");
+            return -1;
+        }
+        if (!gui.service()) {
+            MAIN_LOG(dravik::logger::kError, "Failed to service LcmGui");
+            return -1;
+        }
+    }
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
     Variant definitions;
-    declareParameters(definitions);
     Variant result;
-    (void)dravik::variant::ParseCommandLine(argc, const_cast<const char**>(argv), definitions,
-                                            result);  // whatever parsed is used
-    if (result.GetKeyChain(dravik::variant::kAny, "parameters/help", false) != nullptr) {
-        dravik::variant::PrintHelp(argv[0], definitions);
-        return 0;
+    if (readParameters(argc, argv, definitions, result)) {
+        return 0;  // the help was asked for and printed
     }
     const std::string device = stringParameter(result, "parameters/device");
 
@@ -130,39 +185,24 @@ int main(int argc, char** argv) {
         return -1;
     }
 
-    const std::vector<std::string> directories(std::begin(dravik::lcmgui::kGuiDirectories),
-                                               std::end(dravik::lcmgui::kGuiDirectories));
-    const std::vector<std::string> fileNames = {
-        dravik::utils::format("dravik_lcm_gui_sysid_%04lx.json", cameraInfo.sysid()),
-        "dravik_lcm_gui.json"};
-    const std::vector<std::string> candidates = configCandidates(result, directories, fileNames);
-
     GuiConfig config;
-    const std::string configFile = loadConfig(config, candidates);
+    const std::string configFile = loadConfig(config, screensFileCandidates(result, cameraInfo));
     if (configFile.empty()) {
         MAIN_LOG(dravik::logger::kError, "No valid config file found");
         return -1;
     }
     MAIN_LOG(dravik::logger::kInfo, "Using the following config file: `%s`", configFile.c_str());
 
-    const std::string startupScreen = stringParameter(result, "parameters/startupScreen");
-    const Variant* brightnessValue =
-        result.GetKeyChain(dravik::variant::kNumericPattern, "parameters/brightness", false);
-    const signed char brightness =
-        brightnessValue ? static_cast<signed char>(*brightnessValue) : -1;
-
     LcmGui gui(config);
-    if (!gui.init(device, startupScreen, brightness)) {
+    if (!gui.init(device, stringParameter(result, "parameters/startupScreen"),
+                  brightnessParameter(result))) {
         MAIN_LOG(dravik::logger::kError, "Failed to initialize lcmGui");
         return -1;
     }
 
     LcmGuiHandler handler(gui);
     CatchAllHandlerRejector rejector;
-    for (const std::string& function : LcmGuiHandler::functionNames()) {
-        (void)endpoint.ipc->AddHandler(function, &handler);
-    }
-    (void)endpoint.ipc->AddHandler("", &rejector);
+    registerHandlers(*endpoint.ipc, handler, rejector);
 
     gStop = false;
     if (!installQuitSignal()) {
@@ -170,19 +210,5 @@ int main(int argc, char** argv) {
         forceCrash();
         return -1;
     }
-
-    for (;;) {
-        if (gStop) {
-            MAIN_LOG(dravik::logger::kInfo, "Gracefully shut down");
-            return 0;
-        }
-        if (!endpoint.ipc->Service(30)) {
-            MAIN_LOG(dravik::logger::kError, "Failed to service IPC");
-            return -1;
-        }
-        if (!gui.service()) {
-            MAIN_LOG(dravik::logger::kError, "Failed to service LcmGui");
-            return -1;
-        }
-    }
+    return serve(*endpoint.ipc, gui);
 }
