@@ -156,7 +156,8 @@ bool SimpleLineRenderer::Impl::initLibrary() {
     FT_Library raw = nullptr;
     const FT_Error error = FT_Init_FreeType(&raw);
     if (error != 0) {
-        DRAVIK_LOG(3, 0, "FT_Init_FreeType failed with FreeType error %d", error);
+        DRAVIK_LOG(dravik::logger::kError, 0, "FT_Init_FreeType failed with FreeType error %d",
+                   error);
         return false;
     }
     library.reset(raw);
@@ -192,17 +193,19 @@ bool SimpleLineRenderer::Impl::loadFirstFace(const std::vector<std::string>& fil
             .append(reason)
             .append(")");
     }
-    DRAVIK_LOG(3, 0, "No scalable font could be loaded; tried %s", tried.c_str());
+    DRAVIK_LOG(dravik::logger::kError, 0, "No scalable font could be loaded; tried %s",
+               tried.c_str());
     return false;
 }
 
 bool SimpleLineRenderer::Impl::setSize(unsigned size, LineMetrics& metrics) const {
     if (!face) {
-        DRAVIK_LOG(3, 0, "No font loaded");
+        DRAVIK_LOG(dravik::logger::kError, 0, "No font loaded");
         return false;
     }
     if (size == 0 || size > kMaxSize) {
-        DRAVIK_LOG(3, 0, "Font size %u is out of range [1..%u]", size, kMaxSize);
+        DRAVIK_LOG(dravik::logger::kError, 0, "Font size %u is out of range [1..%u]", size,
+                   kMaxSize);
         return false;
     }
     // Setting a size runs the font's hinting set-up, which costs more than
@@ -211,7 +214,8 @@ bool SimpleLineRenderer::Impl::setSize(unsigned size, LineMetrics& metrics) cons
         currentSize = 0;
         const FT_Error error = FT_Set_Pixel_Sizes(face.get(), 0, size);
         if (error != 0) {
-            DRAVIK_LOG(3, 0, "FT_Set_Pixel_Sizes(%u) failed with FreeType error %d", size, error);
+            DRAVIK_LOG(dravik::logger::kError, 0,
+                       "FT_Set_Pixel_Sizes(%u) failed with FreeType error %d", size, error);
             return false;
         }
         currentSize = size;
@@ -223,7 +227,7 @@ bool SimpleLineRenderer::Impl::setSize(unsigned size, LineMetrics& metrics) cons
     metrics.ascender = ceilPixels(m.ascender);
     const long height = metrics.ascender - floorPixels(m.descender);
     if (height <= 0) {
-        DRAVIK_LOG(3, 0, "Font has no line height at size %u", size);
+        DRAVIK_LOG(dravik::logger::kError, 0, "Font has no line height at size %u", size);
         return false;
     }
     metrics.height = static_cast<unsigned>(height);
@@ -339,7 +343,7 @@ bool SimpleLineRenderer::lineRender(const std::string& text, unsigned size, unsi
     width = 0;
     height = 0;
     if (!measureOnly && buffer == nullptr) {
-        DRAVIK_LOG(3, 0, "No buffer to draw '%s' into", text.c_str());
+        DRAVIK_LOG(dravik::logger::kError, 0, "No buffer to draw '%s' into", text.c_str());
         return false;
     }
     LineMetrics metrics;
@@ -348,8 +352,9 @@ bool SimpleLineRenderer::lineRender(const std::string& text, unsigned size, unsi
     }
     // A line is never cut vertically: where it does not fit, nothing is drawn.
     if (metrics.height > maxHeight) {
-        DRAVIK_LOG(3, 0, "Line height %u of size %u exceeds the available %u rows", metrics.height,
-                   size, maxHeight);
+        DRAVIK_LOG(dravik::logger::kError, 0,
+                   "Line height %u of size %u exceeds the available %u rows", metrics.height, size,
+                   maxHeight);
         return false;
     }
     const unsigned clipWidth = measureOnly ? maxWidth : std::min(maxWidth, stride);

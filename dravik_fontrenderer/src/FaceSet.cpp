@@ -47,7 +47,8 @@ bool FaceSet::probe(const FaceSource& source) {
     FacePtr face;
     std::string reason;
     if (!openFace(source.path, face, reason)) {
-        DRAVIK_LOG(7, 0, "Fallback font %s left out: %s", source.path.c_str(), reason.c_str());
+        DRAVIK_LOG(logger::kDebug, 0, "Fallback font %s left out: %s", source.path.c_str(),
+                   reason.c_str());
         return false;
     }
     Slot slot;
@@ -81,7 +82,7 @@ bool FaceSet::openFirst(const std::vector<std::string>& candidates) {
             .append(reason)
             .append(")");
     }
-    DRAVIK_LOG(3, 0, "No scalable font could be loaded; tried %s", tried.c_str());
+    DRAVIK_LOG(logger::kError, 0, "No scalable font could be loaded; tried %s", tried.c_str());
     return false;
 }
 
@@ -91,7 +92,7 @@ bool FaceSet::open(const std::vector<std::string>& candidates,
     FT_Library raw = nullptr;
     const FT_Error error = FT_Init_FreeType(&raw);
     if (error != 0) {
-        DRAVIK_LOG(3, 0, "FT_Init_FreeType failed with FreeType error %d", error);
+        DRAVIK_LOG(logger::kError, 0, "FT_Init_FreeType failed with FreeType error %d", error);
         return false;
     }
     library.reset(raw);
@@ -127,12 +128,12 @@ bool FaceSet::ensureOpen(Slot& slot) {
     std::string reason;
     if (!openFace(slot.path, slot.face, reason)) {
         // It was readable when probed; the file has gone or changed since.
-        DRAVIK_LOG(4, 0, "Fallback font %s could not be loaded: %s", slot.path.c_str(),
-                   reason.c_str());
+        DRAVIK_LOG(logger::kWarning, 0, "Fallback font %s could not be loaded: %s",
+                   slot.path.c_str(), reason.c_str());
         slot.unusable = true;
         return false;
     }
-    DRAVIK_LOG(7, 0, "Fallback font %s loaded", slot.path.c_str());
+    DRAVIK_LOG(logger::kDebug, 0, "Fallback font %s loaded", slot.path.c_str());
     return true;
 }
 
@@ -153,8 +154,8 @@ bool FaceSet::ensureSize(Slot& slot, unsigned size) {
     slot.currentSize = 0;
     const FT_Error error = FT_Set_Pixel_Sizes(slot.face.get(), 0, size);
     if (error != 0) {
-        DRAVIK_LOG(3, 0, "FT_Set_Pixel_Sizes(%u) of %s failed with FreeType error %d", size,
-                   slot.path.c_str(), error);
+        DRAVIK_LOG(logger::kError, 0, "FT_Set_Pixel_Sizes(%u) of %s failed with FreeType error %d",
+                   size, slot.path.c_str(), error);
         return false;
     }
     if (!slot.font) {

@@ -104,11 +104,12 @@ struct FontRenderer::Impl {
 
 bool FontRenderer::Impl::checkSize(unsigned size) const {
     if (faces.empty()) {
-        DRAVIK_LOG(3, 0, "No font loaded");
+        DRAVIK_LOG(dravik::logger::kError, 0, "No font loaded");
         return false;
     }
     if (size == 0 || size > kMaxSize) {
-        DRAVIK_LOG(3, 0, "Font size %u is out of range [1..%u]", size, kMaxSize);
+        DRAVIK_LOG(dravik::logger::kError, 0, "Font size %u is out of range [1..%u]", size,
+                   kMaxSize);
         return false;
     }
     return true;
@@ -160,7 +161,7 @@ bool FontRenderer::Impl::frame(unsigned size, LineBox& box) {
         }
     }
     if (box.ascender + descender <= 0) {
-        DRAVIK_LOG(3, 0, "Font has no line height at size %u", size);
+        DRAVIK_LOG(dravik::logger::kError, 0, "Font has no line height at size %u", size);
         return false;
     }
     box.height = static_cast<unsigned>(box.ascender + descender);
@@ -216,7 +217,7 @@ bool FontRenderer::init() {
         return impl->start(dravik::fontrenderer::firstFaceCandidates());
     } catch (const std::exception& e) {
         impl->faces.close();
-        DRAVIK_LOG(3, 0, "Fonts could not be loaded: %s", e.what());
+        DRAVIK_LOG(dravik::logger::kError, 0, "Fonts could not be loaded: %s", e.what());
         return false;
     }
 }
@@ -226,7 +227,8 @@ bool FontRenderer::init(const std::string& fontFile) {
         return impl->start({fontFile});
     } catch (const std::exception& e) {
         impl->faces.close();
-        DRAVIK_LOG(3, 0, "Font %s could not be loaded: %s", fontFile.c_str(), e.what());
+        DRAVIK_LOG(dravik::logger::kError, 0, "Font %s could not be loaded: %s", fontFile.c_str(),
+                   e.what());
         return false;
     }
 }
@@ -245,7 +247,7 @@ bool FontRenderer::lineRender(const std::string& text, unsigned size, unsigned c
     width = 0;
     height = 0;
     if (!measureOnly && buffer == nullptr) {
-        DRAVIK_LOG(3, 0, "No buffer to draw '%s' into", text.c_str());
+        DRAVIK_LOG(dravik::logger::kError, 0, "No buffer to draw '%s' into", text.c_str());
         return false;
     }
     if (!impl->checkSize(size)) {
@@ -258,8 +260,9 @@ bool FontRenderer::lineRender(const std::string& text, unsigned size, unsigned c
         }
         // A line is never cut vertically: where it does not fit, nothing is drawn.
         if (box.height > maxHeight) {
-            DRAVIK_LOG(3, 0, "Line height %u of size %u exceeds the available %u rows", box.height,
-                       size, maxHeight);
+            DRAVIK_LOG(dravik::logger::kError, 0,
+                       "Line height %u of size %u exceeds the available %u rows", box.height, size,
+                       maxHeight);
             return false;
         }
         const unsigned clipWidth = measureOnly ? maxWidth : std::min(maxWidth, stride);
@@ -275,7 +278,8 @@ bool FontRenderer::lineRender(const std::string& text, unsigned size, unsigned c
         height = box.height;
         return true;
     } catch (const std::exception& e) {
-        DRAVIK_LOG(3, 0, "Line '%s' could not be laid out: %s", text.c_str(), e.what());
+        DRAVIK_LOG(dravik::logger::kError, 0, "Line '%s' could not be laid out: %s", text.c_str(),
+                   e.what());
         return false;
     }
 }

@@ -71,8 +71,8 @@ bool resolveLevels(const std::vector<uint32_t>& text, std::vector<FriBidiLevel>&
     if (fribidi_get_par_embedding_levels_ex(types.data(), brackets.data(), n, &base,
                                             levels.data()) == 0 ||
         fribidi_reorder_line(0, types.data(), n, 0, base, levels.data(), nullptr, nullptr) == 0) {
-        DRAVIK_LOG(3, 0, "FriBidi could not resolve the levels of a line of %zu characters",
-                   text.size());
+        DRAVIK_LOG(logger::kError, 0,
+                   "FriBidi could not resolve the levels of a line of %zu characters", text.size());
         return false;
     }
     rightToLeft = FRIBIDI_IS_RTL(base);
@@ -278,7 +278,8 @@ bool LineShaper::shape(FaceSet& faces, const std::vector<uint32_t>& text, unsign
                                               (item.end == text.size() ? HB_BUFFER_FLAG_EOT : 0)));
         hb_shape(font, buf, nullptr, 0);
         if (!hb_buffer_allocation_successful(buf)) {
-            DRAVIK_LOG(3, 0, "HarfBuzz ran out of memory shaping a run of %zu characters",
+            DRAVIK_LOG(logger::kError, 0,
+                       "HarfBuzz ran out of memory shaping a run of %zu characters",
                        item.end - item.start);
             return false;
         }

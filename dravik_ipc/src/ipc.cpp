@@ -161,11 +161,12 @@ std::string Ipc::ObjectPath() const {
 
 bool Ipc::Init(const std::string& name, bool sessionBus, TransactionsHandler* transactions) {
     if (impl_->bus) {
-        DRAVIK_LOG(3, 0, "IPC endpoint is already initialised as '%s'", impl_->name.c_str());
+        DRAVIK_LOG(dravik::logger::kError, 0, "IPC endpoint is already initialised as '%s'",
+                   impl_->name.c_str());
         return false;
     }
     if (name.empty()) {
-        DRAVIK_LOG(3, 0, "IPC endpoint needs a name");
+        DRAVIK_LOG(dravik::logger::kError, 0, "IPC endpoint needs a name");
         return false;
     }
     if (!impl_->openBus(sessionBus) || !impl_->serveObject(ObjectPathFor(name), this) ||
@@ -176,7 +177,7 @@ bool Ipc::Init(const std::string& name, bool sessionBus, TransactionsHandler* tr
     }
     impl_->name = name;
     impl_->transactions = transactions;
-    DRAVIK_LOG(6, 0, "IPC endpoint '%s' serves %s on the %s bus", name.c_str(),
+    DRAVIK_LOG(dravik::logger::kInfo, 0, "IPC endpoint '%s' serves %s on the %s bus", name.c_str(),
                ObjectPathFor(name).c_str(), sessionBus ? "session" : "system");
     return true;
 }
@@ -185,7 +186,7 @@ bool Ipc::Impl::openBus(bool sessionBus) {
     sd_bus* raw = nullptr;
     const int result = sessionBus ? sd_bus_open_user(&raw) : sd_bus_open_system(&raw);
     if (result < 0) {
-        DRAVIK_LOG(3, -result, "Could not connect to the %s bus",
+        DRAVIK_LOG(dravik::logger::kError, -result, "Could not connect to the %s bus",
                    sessionBus ? "session" : "system");
         return false;
     }
@@ -197,7 +198,8 @@ bool Ipc::Impl::serveObject(const std::string& path, Ipc* owner) {
     sd_bus_slot* raw = nullptr;
     const int result = sd_bus_add_object(bus.get(), &raw, path.c_str(), &Impl::onMethodCall, owner);
     if (result < 0) {
-        DRAVIK_LOG(3, -result, "Could not serve the object path %s", path.c_str());
+        DRAVIK_LOG(dravik::logger::kError, -result, "Could not serve the object path %s",
+                   path.c_str());
         return false;
     }
     objectSlot.reset(raw);
@@ -209,11 +211,13 @@ bool Ipc::Impl::serveObject(const std::string& path, Ipc* owner) {
 bool Ipc::Impl::requestName(const std::string& busName) {
     const int result = sd_bus_request_name(bus.get(), busName.c_str(), 0);
     if (result == -EEXIST) {
-        DRAVIK_LOG(3, 0, "The bus name %s is owned by another process", busName.c_str());
+        DRAVIK_LOG(dravik::logger::kError, 0, "The bus name %s is owned by another process",
+                   busName.c_str());
         return false;
     }
     if (result < 0) {
-        DRAVIK_LOG(3, -result, "Could not own the bus name %s", busName.c_str());
+        DRAVIK_LOG(dravik::logger::kError, -result, "Could not own the bus name %s",
+                   busName.c_str());
         return false;
     }
     return true;
@@ -223,11 +227,12 @@ bool Ipc::Impl::requestName(const std::string& busName) {
 
 bool Ipc::AddHandler(const std::string& functionName, BaseHandler* handler) {
     if (handler == nullptr) {
-        DRAVIK_LOG(3, 0, "No handler given for function '%s'", functionName.c_str());
+        DRAVIK_LOG(dravik::logger::kError, 0, "No handler given for function '%s'",
+                   functionName.c_str());
         return false;
     }
     if (!functionName.empty() && !IsValidFunctionName(functionName)) {
-        DRAVIK_LOG(3, 0, "Function name '%s' is not a valid D-Bus method name",
+        DRAVIK_LOG(dravik::logger::kError, 0, "Function name '%s' is not a valid D-Bus method name",
                    functionName.c_str());
         return false;
     }
@@ -246,11 +251,11 @@ void Ipc::RemoveHandler(const BaseHandler* handler) {
 
 bool Ipc::Service(int ms) {
     if (!impl_->bus) {
-        DRAVIK_LOG(3, 0, "IPC endpoint is not initialised");
+        DRAVIK_LOG(dravik::logger::kError, 0, "IPC endpoint is not initialised");
         return false;
     }
     if (impl_->current != nullptr) {
-        DRAVIK_LOG(3, 0, "IPC Service called from inside a handler");
+        DRAVIK_LOG(dravik::logger::kError, 0, "IPC Service called from inside a handler");
         return false;
     }
     // What sd-bus already holds (messages read during a call, a timeout that
@@ -301,12 +306,12 @@ bool Ipc::Impl::drain() {
             break;
         }
         if (result < 0 && result != -EINTR) {
-            DRAVIK_LOG(3, -result, "Processing the bus connection failed");
+            DRAVIK_LOG(dravik::logger::kError, -result, "Processing the bus connection failed");
             return false;
         }
     }
     if (sd_bus_is_open(bus.get()) <= 0) {
-        DRAVIK_LOG(3, 0, "The bus connection is closed");
+        DRAVIK_LOG(dravik::logger::kError, 0, "The bus connection is closed");
         return false;
     }
     return true;
@@ -318,7 +323,7 @@ bool Ipc::Impl::wait(int ms, bool& traffic) {
     const uint64_t timeout = ms > 0 ? static_cast<uint64_t>(ms) * 1000u : 0u;
     const int result = sd_bus_wait(bus.get(), timeout);
     if (result < 0 && result != -EINTR) {
-        DRAVIK_LOG(3, -result, "Waiting for bus traffic failed");
+        DRAVIK_LOG(dravik::logger::kError, -result, "Waiting for bus traffic failed");
         return false;
     }
     traffic = result > 0;
@@ -332,10 +337,11 @@ int Ipc::Impl::onMethodCall(sd_bus_message* call, void* userdata, sd_bus_error* 
     try {
         return static_cast<Ipc*>(userdata)->impl_->serve(call);
     } catch (const std::exception& e) {
-        DRAVIK_LOG(3, 0, "Serving %s failed: %s", orEmpty(sd_bus_message_get_member(call)),
-                   e.what());
+        DRAVIK_LOG(dravik::logger::kError, 0, "Serving %s failed: %s",
+                   orEmpty(sd_bus_message_get_member(call)), e.what());
     } catch (...) {
-        DRAVIK_LOG(3, 0, "Serving %s failed", orEmpty(sd_bus_message_get_member(call)));
+        DRAVIK_LOG(dravik::logger::kError, 0, "Serving %s failed",
+                   orEmpty(sd_bus_message_get_member(call)));
     }
     (void)sd_bus_reply_method_errorf(call, kErrorFailed, "Internal error");
     return 1;
@@ -374,8 +380,8 @@ int Ipc::Impl::dispatch(sd_bus_message* call, BaseHandler* handler,
     Variant value;
     std::string error;
     if (!readRequest(call, value, error)) {
-        DRAVIK_LOG(4, 0, "Refused a malformed call of '%s' from %s: %s", functionName.c_str(),
-                   orEmpty(sd_bus_message_get_sender(call)), error.c_str());
+        DRAVIK_LOG(dravik::logger::kWarning, 0, "Refused a malformed call of '%s' from %s: %s",
+                   functionName.c_str(), orEmpty(sd_bus_message_get_sender(call)), error.c_str());
         (void)sd_bus_reply_method_errorf(call, kErrorInvalidArgs, "Invalid request for '%s': %s",
                                          functionName.c_str(), error.c_str());
         return 1;
@@ -420,7 +426,7 @@ void Ipc::Impl::answerIfHandlerDidNot(DispatchedCall& dispatchedCall) const {
         call, kErrorNoResponse, "Function '%s' of %s sent no response%s",
         dispatchedCall.functionName.c_str(), name.c_str(), reason.c_str());
     if (result < 0) {
-        DRAVIK_LOG(3, -result, "Could not answer '%s' with an error",
+        DRAVIK_LOG(dravik::logger::kError, -result, "Could not answer '%s' with an error",
                    dispatchedCall.functionName.c_str());
     }
 }
@@ -428,7 +434,7 @@ void Ipc::Impl::answerIfHandlerDidNot(DispatchedCall& dispatchedCall) const {
 int Ipc::Impl::answerIntrospect(sd_bus_message* call) const {
     const int result = sd_bus_reply_method_return(call, "s", introspectionXml().c_str());
     if (result < 0) {
-        DRAVIK_LOG(3, -result, "Could not answer Introspect");
+        DRAVIK_LOG(dravik::logger::kError, -result, "Could not answer Introspect");
     }
     return 1;
 }
@@ -470,12 +476,12 @@ std::string Ipc::Impl::introspectionXml() const {
 
 Ipc::Impl::DispatchedCall* Ipc::Impl::callToAnswer(const char* operation) const {
     if (current == nullptr) {
-        DRAVIK_LOG(3, 0, "%s called outside of a request handler", operation);
+        DRAVIK_LOG(dravik::logger::kError, 0, "%s called outside of a request handler", operation);
         return nullptr;
     }
     if (current->answered) {
-        DRAVIK_LOG(3, 0, "%s: the call of '%s' has already been answered", operation,
-                   current->functionName.c_str());
+        DRAVIK_LOG(dravik::logger::kError, 0, "%s: the call of '%s' has already been answered",
+                   operation, current->functionName.c_str());
         return nullptr;
     }
     return current;
@@ -502,7 +508,7 @@ bool Ipc::SendResponse(BaseRequestMessage& request, BaseResponseMessage& respons
     MessageHandle reply(raw);
     std::string error;
     if (result >= 0 && !dravik::ipc::AppendObject(reply.get(), response, error)) {
-        DRAVIK_LOG(3, 0, "Could not encode the response to '%s': %s",
+        DRAVIK_LOG(dravik::logger::kError, 0, "Could not encode the response to '%s': %s",
                    dispatchedCall->functionName.c_str(), error.c_str());
         dispatchedCall->sendFailure = "the response could not be encoded: " + error;
         return false;
@@ -511,7 +517,7 @@ bool Ipc::SendResponse(BaseRequestMessage& request, BaseResponseMessage& respons
         result = sd_bus_send(nullptr, reply.get(), nullptr);
     }
     if (result < 0) {
-        DRAVIK_LOG(3, -result, "Could not send the response to '%s'",
+        DRAVIK_LOG(dravik::logger::kError, -result, "Could not send the response to '%s'",
                    dispatchedCall->functionName.c_str());
         dispatchedCall->sendFailure = "the response could not be sent";
         return false;
@@ -533,8 +539,8 @@ bool Ipc::SendError(BaseRequestMessage& /*request*/, const std::string& errorNam
     }
     const int result = sd_bus_reply_method_errorf(call, errorName.c_str(), "%s", message.c_str());
     if (result < 0) {
-        DRAVIK_LOG(3, -result, "Could not send the error %s to '%s'", errorName.c_str(),
-                   dispatchedCall->functionName.c_str());
+        DRAVIK_LOG(dravik::logger::kError, -result, "Could not send the error %s to '%s'",
+                   errorName.c_str(), dispatchedCall->functionName.c_str());
         dispatchedCall->sendFailure = "the error " + errorName + " could not be sent";
         return false;
     }

@@ -20,7 +20,7 @@ bool CatchAllHandlerRejector::HandleRequest(dravik::ipc::messages::BaseRequestMe
                                             bool& /*flag*/) {
     Ipc* endpoint = Endpoint();
     const std::string functionName = request.functionName();
-    DRAVIK_LOG(7, 0, "Rejecting a call of '%s' from %s", functionName.c_str(),
+    DRAVIK_LOG(dravik::logger::kDebug, 0, "Rejecting a call of '%s' from %s", functionName.c_str(),
                request.from().c_str());
     const std::string message = dravik::utils::format(
         "Function '%s' is not served by %s", functionName.c_str(), endpoint->Name().c_str());

@@ -82,6 +82,17 @@ struct FieldRow {
     Clamp clamp;
 };
 
+// A word list of element_values.h as a row's possible values.
+template <size_t N>
+constexpr PossibleValues PossibleValuesOf(const char* const (&words)[N]) {
+    static_assert(N <= std::tuple_size_v<PossibleValues>, "a field lists at most four words");
+    PossibleValues values{};
+    for (size_t i = 0; i < N; ++i) {
+        values[i] = words[i];
+    }
+    return values;
+}
+
 // The first listed value of the same length that equals `value` ignoring
 // letter case, in the list's own spelling; else the list's first entry.
 std::string FoldToPossibleValue(const std::string& value, const PossibleValues& values) {
@@ -128,6 +139,7 @@ void NormalizeField<field::Any>(Variant& message, const FieldRow& row) {
 // The table tokens of messages.h, as parts of a FieldRow.
 // clang-format off
 #define VALUES(...)      PossibleValues{__VA_ARGS__}
+#define WORDS(list)      PossibleValuesOf(list)
 #define NO_VALUES        PossibleValues{}
 #define CLAMP(low, high) Clamp{true, low, high}
 #define NO_CLAMP         Clamp{}
@@ -155,6 +167,7 @@ constexpr FieldRow kLcmGuiTextSettingsElementFields[] = {
 #undef NO_CLAMP
 #undef CLAMP
 #undef NO_VALUES
+#undef WORDS
 #undef VALUES
 
 struct FieldTable {

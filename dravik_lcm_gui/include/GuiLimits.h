@@ -2,6 +2,8 @@
 
 #include <cstdint>
 
+#include "dravik_ipc_messages/element_values.h"
+
 namespace dravik::lcmgui {
 
 // What the display engine accepts of a screen. Screens outside these limits are
@@ -16,7 +18,7 @@ inline constexpr uint32_t kMaxProgressMs = 600000;
 inline constexpr uint16_t kMaxSlides = 100;
 
 // Font sizes in pixels.
-inline constexpr unsigned kMinFontSize = 3;
-inline constexpr unsigned kMaxFontSize = 100;
+inline constexpr unsigned kMinFontSize = ipc::messages::kFontSizeMin;
+inline constexpr unsigned kMaxFontSize = ipc::messages::kFontSizeMax;
 
 }  // namespace dravik::lcmgui

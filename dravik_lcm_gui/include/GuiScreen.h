@@ -1,7 +1,10 @@
 #pragma once
 
 #include <cstdint>
+#include <iterator>
 #include <string>
+
+#include "dravik_ipc_messages/element_values.h"
 
 namespace dravik::lcmgui {
 
@@ -17,10 +20,14 @@ enum AnimType : uint8_t {
     kAnimProgressbar = 3
 };
 
-// Text forms in the order of the enumerations' values (0 first).
-inline constexpr const char* kAlignHorWords[] = {"left", "center", "right"};
-inline constexpr const char* kAlignVertWords[] = {"top", "middle", "bottom"};
-inline constexpr const char* kAnimTypeWords[] = {"static", "slideshow", "breathing", "progressbar"};
+// Text forms in the order of the enumerations' values (0 first): one list,
+// shared with the request fields.
+using ipc::messages::kAlignHorWords;
+using ipc::messages::kAlignVertWords;
+using ipc::messages::kAnimationWords;
+static_assert(std::size(kAlignHorWords) == kAlignRight + 1);
+static_assert(std::size(kAlignVertWords) == kAlignBottom + 1);
+static_assert(std::size(kAnimationWords) == kAnimProgressbar + 1);
 
 // The value whose text form equals `s` exactly (case-sensitive, no trimming);
 // `def` for any other string, the empty one included.

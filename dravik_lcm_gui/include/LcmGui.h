@@ -24,6 +24,9 @@ class LcmGuiImgSettingsElementRef;
 
 namespace dravik::lcmgui {
 
+// The panel's framebuffer on the camera, unless the command line names another.
+inline constexpr const char kDefaultDevice[] = "/dev/fb2";
+
 // The screen on show and the runtime data of its animation.
 struct GuiAnimStateDesc {
     std::string guiId;          // name of the configured screen on show; empty for none
@@ -48,7 +51,7 @@ public:
 
     // Brings the panel up: backlight, device, screen information, mapping,
     // colour path, drawing buffer, fonts, start-up screen. An empty `device`
-    // keeps "/dev/fb2"; a negative `brightness` leaves the backlight alone.
+    // keeps kDefaultDevice; a negative `brightness` leaves the backlight alone.
     [[nodiscard]] bool init(const std::string& device, const std::string& guiId,
                             signed char brightness);
 

@@ -1,5 +1,8 @@
 #pragma once
 
+#include <string>
+#include <vector>
+
 #include "LcmGui.h"
 #include "dravik_ipc/ipc.h"
 
@@ -12,6 +15,9 @@ class LcmGuiHandler : public BaseHandler {
 public:
     explicit LcmGuiHandler(LcmGui& gui);
     ~LcmGuiHandler() override;
+
+    // The function names it serves, in the order in which main registers them.
+    static std::vector<std::string> functionNames();
 
     void MessageSentSuccessfully(dravik::ipc::messages::BaseMessage& message, bool& flag) override;
     bool HandleResponse(dravik::ipc::messages::BaseRequestMessage& request,

@@ -69,7 +69,7 @@ Codecs loadCodecs() {
     std::string errors;
     void* module = openModule(errors);
     if (module == nullptr) {
-        DRAVIK_LOG(3, 0, "Failed to load the image codecs: %s", errors.c_str());
+        DRAVIK_LOG(logger::kError, 0, "Failed to load the image codecs: %s", errors.c_str());
         return {};
     }
     Codecs codecs;
@@ -78,7 +78,7 @@ Codecs loadCodecs() {
         reinterpret_cast<ReadFunction>(dlsym(module, "dravik_lcm_gui_imread_unchanged"));
     codecs.write = reinterpret_cast<WriteFunction>(dlsym(module, "dravik_lcm_gui_imwrite"));
     if (codecs.read == nullptr || codecs.readUnchanged == nullptr || codecs.write == nullptr) {
-        DRAVIK_LOG(3, 0, "Failed to load the image codecs: %s", dlerror());
+        DRAVIK_LOG(logger::kError, 0, "Failed to load the image codecs: %s", dlerror());
         return {};
     }
     return codecs;

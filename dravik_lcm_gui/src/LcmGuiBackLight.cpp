@@ -7,6 +7,7 @@
 
 #include "GuiBackLight.h"
 #include "dravik_logger/logger.h"
+#include "dravik_utils/file_descriptor.h"
 #include "dravik_utils/utils.h"
 
 namespace dravik::lcmgui {
@@ -22,23 +23,6 @@ constexpr int kMaxMaxBrightness = 0xFFFFFE;
 // buffer stays zero so that the bytes read always form a terminated string.
 constexpr size_t kMaxBrightnessBufSize = 16;
 
-// Owns a descriptor that is only needed for the duration of one call.
-class ScopedFd {
-public:
-    explicit ScopedFd(int fd) : fd_(fd) {}
-    ~ScopedFd() {
-        if (fd_ >= 0) {
-            (void)::close(fd_);  // read-only file: nothing to lose on close
-        }
-    }
-    ScopedFd(const ScopedFd&) = delete;
-    ScopedFd& operator=(const ScopedFd&) = delete;
-    int get() const { return fd_; }
-
-private:
-    int fd_;
-};
-
 }  // namespace
 
 GuiBackLight::~GuiBackLight() {
@@ -49,7 +33,8 @@ GuiBackLight::~GuiBackLight() {
 
 bool GuiBackLight::init(const std::string& backLightPath) {
     if (backLightPath.empty()) {
-        DRAVIK_LOG(7, 0, "Disable BackLight management. BackLight device is not defined");
+        DRAVIK_LOG(logger::kDebug, 0,
+                   "Disable BackLight management. BackLight device is not defined");
         return true;
     }
 
@@ -57,14 +42,14 @@ bool GuiBackLight::init(const std::string& backLightPath) {
     fd = ::open(brightnessPath.c_str(), O_RDWR | O_CREAT | O_TRUNC, 0666);
     // Descriptor 0 counts as a failure too: 0 is this class's "no descriptor".
     if (fd <= 0) {
-        DRAVIK_LOG(3, 0, "Failed to open proc entry '%s'", brightnessPath.c_str());
+        DRAVIK_LOG(logger::kError, 0, "Failed to open proc entry '%s'", brightnessPath.c_str());
         return false;
     }
 
     const std::string maxPath = backLightPath + "/" + "max_brightness";
-    const ScopedFd maxFd(::open(maxPath.c_str(), O_RDONLY));
+    const utils::FileDescriptor maxFd(::open(maxPath.c_str(), O_RDONLY));
     if (maxFd.get() <= 0) {
-        DRAVIK_LOG(3, 0, "Failed to open proc entry '%s'", maxPath.c_str());
+        DRAVIK_LOG(logger::kError, 0, "Failed to open proc entry '%s'", maxPath.c_str());
         return false;
     }
 
@@ -72,7 +57,7 @@ bool GuiBackLight::init(const std::string& backLightPath) {
     errno = 0;  // a short read sets no errno: report 0 rather than a stale one
     const ssize_t count = ::pread(maxFd.get(), buf, sizeof(buf) - 1, 0);
     if (count < 1 || count > static_cast<ssize_t>(sizeof(buf) - 1)) {
-        DRAVIK_LOG(3, errno, "Failed to read from proc entry 0x%x, num bytes read %d",
+        DRAVIK_LOG(logger::kError, errno, "Failed to read from proc entry 0x%x, num bytes read %d",
                    static_cast<unsigned>(maxFd.get()), static_cast<int>(count));
         return false;
     }
@@ -83,12 +68,12 @@ bool GuiBackLight::init(const std::string& backLightPath) {
     // is checked as what is left of it after wrapping.
     const int maxValue = static_cast<int>(std::strtol(text.c_str(), nullptr, 10));
     if (maxValue < kMinMaxBrightness || maxValue > kMaxMaxBrightness) {
-        DRAVIK_LOG(3, 0, "Wrong max brightness value (%d)", maxValue);
+        DRAVIK_LOG(logger::kError, 0, "Wrong max brightness value (%d)", maxValue);
         return false;
     }
 
     maxBrightness = maxValue;
-    DRAVIK_LOG(7, 0, "Using BackLight device at '%s'", backLightPath.c_str());
+    DRAVIK_LOG(logger::kDebug, 0, "Using BackLight device at '%s'", backLightPath.c_str());
     return true;
 }
 
@@ -129,7 +114,7 @@ bool GuiBackLight::service() {
     if (written == static_cast<ssize_t>(length)) {
         return true;
     }
-    DRAVIK_LOG(3, errno, "Failed to write '%s' to proc entry 0x%x", text.c_str(),
+    DRAVIK_LOG(logger::kError, errno, "Failed to write '%s' to proc entry 0x%x", text.c_str(),
                static_cast<unsigned>(fd));
     return false;
 }

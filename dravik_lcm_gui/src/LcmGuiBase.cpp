@@ -18,6 +18,8 @@
 
 namespace dravik::lcmgui {
 
+using ipc::messages::kBrightnessKeep;
+using ipc::messages::kBrightnessMax;
 using ipc::messages::LcmGuiImgSettingsElementRef;
 using ipc::messages::LcmGuiTextSettingsElementRef;
 using ipc::messages::ShowGui;
@@ -27,12 +29,49 @@ namespace {
 
 constexpr unsigned kCmapEntries = 256;
 
-// Brightness percentages: negative means "leave the backlight as it is".
-constexpr signed char kKeepBrightness = -1;
-constexpr signed char kMaxBrightnessPercent = 100;
+// Animation limits and font sizes: GuiLimits.h; brightness: the request fields.
 
 bool inRange(uint32_t value, uint32_t low, uint32_t high) {
     return value >= low && value <= high;
+}
+
+// What an animated image must keep to; a count range of 0 .. 0 is not checked.
+struct AnimationLimits {
+    AnimType kind;
+    uint32_t minDurationMs;
+    uint32_t maxDurationMs;
+    const char* durationMessage;  // a format of one number, the duration
+    uint16_t minCount;
+    uint16_t maxCount;
+    const char* countMessage;  // a format of one number, the count
+};
+
+constexpr AnimationLimits kAnimationLimits[] = {
+    {kAnimBreathing, kMinPeriodMs, kMaxCycleMs, "Invalid breathe period (%d)", 0, 0, nullptr},
+    {kAnimSlideshow, kMinPeriodMs, kMaxCycleMs, "Invalid slideshow duration (%d)", 1, kMaxSlides,
+     "Invalid slideshow count (%d)"},
+    {kAnimProgressbar, kMinPeriodMs, kMaxProgressMs, "Invalid progressbar duration (%d)", 0, 0,
+     nullptr},
+};
+
+// The message of the first limit that `img` breaks, with the offending number
+// in `value`; null when it keeps them all (a static image has none).
+const char* brokenAnimationLimit(const GuiImgConf& img, unsigned& value) {
+    for (const AnimationLimits& limits : kAnimationLimits) {
+        if (limits.kind != img.animation) {
+            continue;
+        }
+        if (!inRange(img.duration, limits.minDurationMs, limits.maxDurationMs)) {
+            value = img.duration;
+            return limits.durationMessage;
+        }
+        if (limits.countMessage != nullptr &&
+            !inRange(img.count, limits.minCount, limits.maxCount)) {
+            value = img.count;
+            return limits.countMessage;
+        }
+    }
+    return nullptr;
 }
 
 // The channel placement of panels that report no channel lengths, by depth
@@ -77,7 +116,7 @@ bool endsBeyond(unsigned position, unsigned size, unsigned limit) {
 
 }  // namespace
 
-LcmGui::LcmGui(GuiConfig& config) : devicePath("/dev/fb2"), config(config) {
+LcmGui::LcmGui(GuiConfig& config) : devicePath(kDefaultDevice), config(config) {
     cmap.start = 0;
     cmap.len = kCmapEntries;
     cmap.red = palRed;
@@ -100,36 +139,36 @@ bool LcmGui::init(const std::string& device, const std::string& guiId, signed ch
         devicePath = device;
     }
     if (!backLight.init(config.getBackLightPath())) {
-        DRAVIK_LOG(3, 0, "Unable to init backlight");
+        DRAVIK_LOG(logger::kError, 0, "Unable to init backlight");
         return false;
     }
     if (!openDevice()) {
-        DRAVIK_LOG(3, 0, "Unable to open %s", devicePath.c_str());
+        DRAVIK_LOG(logger::kError, 0, "Unable to open %s", devicePath.c_str());
         return false;
     }
     if (!readFixedInfo()) {
-        DRAVIK_LOG(3, 0, "Get fixed screen info failed");
+        DRAVIK_LOG(logger::kError, 0, "Get fixed screen info failed");
         return false;
     }
     if (!readVariableInfo()) {
-        DRAVIK_LOG(3, 0, "Unable to retrieve variable screen info");
+        DRAVIK_LOG(logger::kError, 0, "Unable to retrieve variable screen info");
         return false;
     }
     fbSize = static_cast<uint64_t>(fbVar.yres) * fbFix.line_length;
-    DRAVIK_LOG(6, 0, "FB: %dx%d, bits_per_pixel %d, fbSize: %d", fbVar.xres, fbVar.yres,
+    DRAVIK_LOG(logger::kInfo, 0, "FB: %dx%d, bits_per_pixel %d, fbSize: %d", fbVar.xres, fbVar.yres,
                fbVar.bits_per_pixel, static_cast<int>(fbSize));
     boundImageSize();
     if (!mapMemory()) {
-        DRAVIK_LOG(3, 0, "mmap failed");
+        DRAVIK_LOG(logger::kError, 0, "mmap failed");
         return false;
     }
     if (!prepareColourPath()) {
-        DRAVIK_LOG(3, 0, "Oops: %i bit/pixel ???", fbVar.bits_per_pixel);
+        DRAVIK_LOG(logger::kError, 0, "Oops: %i bit/pixel ???", fbVar.bits_per_pixel);
         return false;
     }
     if (needsColourMap()) {
         if (!putColourMap()) {
-            DRAVIK_LOG(3, 0, "ioctl FBIOPUTCMAP");
+            DRAVIK_LOG(logger::kError, 0, "ioctl FBIOPUTCMAP");
         }
         // A palette-based panel ends start-up here even when its colour map was
         // loaded: such panels are not driven beyond their colour map.
@@ -151,19 +190,19 @@ bool LcmGui::initInMemory(const fb_var_screeninfo& format) {
     fbFix.line_length = fbVar.xres * ((fbVar.bits_per_pixel + 7) / 8);
     fbSize = static_cast<uint64_t>(fbVar.yres) * fbFix.line_length;
     if (fbSize == 0 || fbMem != nullptr) {
-        DRAVIK_LOG(3, 0, "A panel of %ux%u at %u bits per pixel cannot be held in memory",
+        DRAVIK_LOG(logger::kError, 0, "A panel of %ux%u at %u bits per pixel cannot be held in memory",
                    fbVar.xres, fbVar.yres, fbVar.bits_per_pixel);
         return false;
     }
     boundImageSize();
     void* mem = mmap(nullptr, fbSize, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     if (mem == MAP_FAILED) {
-        DRAVIK_LOG(3, 0, "mmap failed");
+        DRAVIK_LOG(logger::kError, 0, "mmap failed");
         return false;
     }
     fbMem = static_cast<unsigned char*>(mem);
     if (!prepareColourPath()) {
-        DRAVIK_LOG(3, 0, "Oops: %i bit/pixel ???", fbVar.bits_per_pixel);
+        DRAVIK_LOG(logger::kError, 0, "Oops: %i bit/pixel ???", fbVar.bits_per_pixel);
         return false;
     }
     if (needsColourMap()) {
@@ -176,12 +215,12 @@ bool LcmGui::initInMemory(const fb_var_screeninfo& format) {
 // buffer, a black panel and the fonts.
 bool LcmGui::startDrawing() {
     if (!createDisplayBuffer()) {
-        DRAVIK_LOG(3, 0, "Failed to create display buffer");
+        DRAVIK_LOG(logger::kError, 0, "Failed to create display buffer");
         return false;
     }
     (void)showBuf();  // blanks the panel; the whole-screen copy cannot be refused
     if (!fontRenderer.init()) {
-        DRAVIK_LOG(3, 0, "Failed to load fonts");
+        DRAVIK_LOG(logger::kError, 0, "Failed to load fonts");
         return false;
     }
     return true;
@@ -315,7 +354,7 @@ bool LcmGui::showStartupScreen(const std::string& guiId, signed char brightness)
     ShowGui request;
     (void)request.NormalizeFields();  // fills the envelope; an empty object cannot fail
     request.guiId(guiId);
-    request.brightness(std::clamp(brightness, kKeepBrightness, kMaxBrightnessPercent));
+    request.brightness(std::clamp(brightness, kBrightnessKeep, kBrightnessMax));
     return showGui(request, nullptr);
 }
 
@@ -329,12 +368,14 @@ bool LcmGui::showBuf() {
 
 bool LcmGui::showBuf(unsigned x, unsigned y, unsigned w, unsigned h) {
     if ((w == 0 || h == 0) && (x != 0 || y != 0)) {
-        DRAVIK_LOG(3, 0, "show buffer parameters are not correct: %dx%d at (%d, %d)", w, h, x, y);
+        DRAVIK_LOG(logger::kError, 0, "show buffer parameters are not correct: %dx%d at (%d, %d)",
+                   w, h, x, y);
         return false;
     }
     if (endsBeyond(x, w, fbVar.xres) || endsBeyond(y, h, fbVar.yres)) {
-        DRAVIK_LOG(3, 0, "show buffer parameters are out of screen: %dx%d at (%d, %d) -> %dx%d", w,
-                   h, x, y, fbVar.xres, fbVar.yres);
+        DRAVIK_LOG(logger::kError, 0,
+                   "show buffer parameters are out of screen: %dx%d at (%d, %d) -> %dx%d", w, h, x,
+                   y, fbVar.xres, fbVar.yres);
         return false;
     }
     const auto columns = static_cast<unsigned>(displayBuf.cols);
@@ -362,8 +403,9 @@ bool LcmGui::getOffsetXY(unsigned& x, unsigned& y, unsigned w, unsigned h, Align
     const unsigned xres = fbVar.xres;
     const unsigned yres = fbVar.yres;
     if (endsBeyond(x, w, xres) || endsBeyond(y, h, yres)) {
-        DRAVIK_LOG(3, 0, "UI image parameters are out of screen: %dx%d at (%d, %d) -> %dx%d", w, h,
-                   x, y, xres, yres);
+        DRAVIK_LOG(logger::kError, 0,
+                   "UI image parameters are out of screen: %dx%d at (%d, %d) -> %dx%d", w, h, x, y,
+                   xres, yres);
         return false;
     }
     // The fit is checked on the given position; the given offsets then count
@@ -500,7 +542,7 @@ bool LcmGui::showGui(ShowGui& request, ShowGui* response) {
         bool found = false;
         const GuiScreenDesc& desc = config.getScreenDesc(name, found);
         if (!found) {
-            DRAVIK_LOG(4, 0, "Could not find gui id '%s'", name.c_str());
+            DRAVIK_LOG(logger::kWarning, 0, "Could not find gui id '%s'", name.c_str());
             screenOk = false;
         } else {
             screenOk = setState(desc, now);
@@ -550,8 +592,7 @@ void LcmGui::fillShowGuiResponse(ShowGui& response) const {
     }
     response.guiId(state.guiId);
     // Every negative percentage means "never set" or "keep"; it is reported as -1.
-    response.brightness(
-        std::clamp(backLight.getBrightness(), kKeepBrightness, kMaxBrightnessPercent));
+    response.brightness(std::clamp(backLight.getBrightness(), kBrightnessKeep, kBrightnessMax));
 }
 
 GuiTextConf LcmGui::textConfFrom(LcmGuiTextSettingsElementRef element) {
@@ -582,31 +623,10 @@ GuiImgConf LcmGui::imgConfFrom(LcmGuiImgSettingsElementRef element) {
 
 bool LcmGui::setState(GuiScreenDesc screen, unsigned long now) {
     const GuiImgConf& img = screen.img;
-    switch (img.animation) {
-        case kAnimBreathing:
-            if (!inRange(img.duration, kMinPeriodMs, kMaxCycleMs)) {
-                DRAVIK_LOG(3, 0, "Invalid breathe period (%d)", img.duration);
-                return false;
-            }
-            break;
-        case kAnimSlideshow:
-            if (!inRange(img.duration, kMinPeriodMs, kMaxCycleMs)) {
-                DRAVIK_LOG(3, 0, "Invalid slideshow duration (%d)", img.duration);
-                return false;
-            }
-            if (static_cast<uint16_t>(img.count - 1) > kMaxSlides - 1) {
-                DRAVIK_LOG(3, 0, "Invalid slideshow count (%d)", img.count);
-                return false;
-            }
-            break;
-        case kAnimProgressbar:
-            if (!inRange(img.duration, kMinPeriodMs, kMaxProgressMs)) {
-                DRAVIK_LOG(3, 0, "Invalid progressbar duration (%d)", img.duration);
-                return false;
-            }
-            break;
-        default:
-            break;
+    unsigned value = 0;
+    if (const char* message = brokenAnimationLimit(img, value)) {
+        DRAVIK_LOG(logger::kError, 0, message, value);
+        return false;
     }
     state.lastLevel = 0;
     state.animStart = img.animation == kAnimStatic ? 0 : now;

@@ -1,8 +1,10 @@
 #include <cstdint>
+#include <iterator>
 #include <string>
 
 #include "GuiConfig.h"
 #include "GuiScreen.h"
+#include "dravik_ipc_messages/element_values.h"
 #include "dravik_logger/logger.h"
 #include "dravik_variant/variant.h"
 
@@ -106,7 +108,7 @@ AlignVert parseAlignVert(const std::string& s, AlignVert def) {
 }
 
 AnimType parseAnimType(const std::string& s, AnimType def) {
-    return parseWord(kAnimTypeWords, s, def);
+    return parseWord(kAnimationWords, s, def);
 }
 
 GuiScreenDesc GuiConfig::readScreen(const Variant& screen) {
@@ -121,14 +123,14 @@ bool GuiConfig::fromJSONFile(const std::string& path) {
 
     Variant root;
     if (!root.FromJSONFile(path)) {
-        DRAVIK_LOG(3, 0, "Could not read configuration from file '%s'", path.c_str());
+        DRAVIK_LOG(logger::kError, 0, "Could not read configuration from file '%s'", path.c_str());
         return false;
     }
-    DRAVIK_LOG(7, 0, "Looking file '%s'...", path.c_str());
+    DRAVIK_LOG(logger::kDebug, 0, "Looking file '%s'...", path.c_str());
 
     imgPath = readString(&root, key::kImgPath);
     if (imgPath.empty()) {
-        DRAVIK_LOG(3, 0, "Could not find key 'imgPath' in JSON file");
+        DRAVIK_LOG(logger::kError, 0, "Could not find key 'imgPath' in JSON file");
         return false;
     }
     backLightPath = readString(&root, key::kBackLightPath);
@@ -137,15 +139,15 @@ bool GuiConfig::fromJSONFile(const std::string& path) {
     // any other type, null included, counts as missing.
     const Variant* list = root.GetKeyChain(dravik::variant::kObject, key::kScreens, true);
     if (list == nullptr || list->IsNull()) {
-        DRAVIK_LOG(3, 0, "Could not find key 'screens'");
+        DRAVIK_LOG(logger::kError, 0, "Could not find key 'screens'");
         return false;
     }
     if (!list->IsArray()) {
-        DRAVIK_LOG(3, 0, "'screens' key should be defined as array in JSON file");
+        DRAVIK_LOG(logger::kError, 0, "'screens' key should be defined as array in JSON file");
         return false;
     }
     if (list->NumericKeysCount() == 0) {
-        DRAVIK_LOG(3, 0, "Could not find items 'screens' in JSON file");
+        DRAVIK_LOG(logger::kError, 0, "Could not find items 'screens' in JSON file");
         return false;
     }
 
@@ -154,19 +156,19 @@ bool GuiConfig::fromJSONFile(const std::string& path) {
         const std::string name = readString(&it->second, key::kName);
         if (name.empty()) {
             // Screens read before this one stay in the table.
-            DRAVIK_LOG(3, 0, "Screen[%d]: could not find key 'name'", index);
+            DRAVIK_LOG(logger::kError, 0, "Screen[%d]: could not find key 'name'", index);
             return false;
         }
         if (screens.count(name) != 0) {
-            DRAVIK_LOG(4, 0, "Screen[%d] with name '%s' already present, skipping", index,
-                       name.c_str());
+            DRAVIK_LOG(logger::kWarning, 0, "Screen[%d] with name '%s' already present, skipping",
+                       index, name.c_str());
             continue;
         }
         screens.emplace(name, readScreenDesc(it->second));
     }
 
     if (screens.empty()) {
-        DRAVIK_LOG(3, 0, "At least one screen should be present in JSON file");
+        DRAVIK_LOG(logger::kError, 0, "At least one screen should be present in JSON file");
         return false;
     }
     return true;

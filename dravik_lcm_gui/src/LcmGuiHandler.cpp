@@ -1,6 +1,8 @@
 #include "LcmGuiHandler.h"
 
+#include <string>
 #include <utility>
+#include <vector>
 
 #include "dravik_ipc_messages/messages.h"
 #include "dravik_logger/logger.h"
@@ -27,11 +29,62 @@ bool serveAs(BaseRequestMessage& request, Serve serve) {
     return result;
 }
 
+bool serveShowSimpleScreen(LcmGui& gui, BaseRequestMessage& request, bool /*responseExpected*/,
+                           Variant& /*payload*/) {
+    return serveAs<ShowSimpleScreen>(
+        request, [&gui](ShowSimpleScreen& typed) { return gui.showSimpleScreen(typed); });
+}
+
+// The payload is only offered when a response is expected; showGui fills it
+// with the screen now shown and the brightness.
+bool serveShowGui(LcmGui& gui, BaseRequestMessage& request, bool responseExpected,
+                  Variant& payload) {
+    ShowGui payloadView(std::move(payload));
+    ShowGui* offered = responseExpected ? &payloadView : nullptr;
+    const bool result = serveAs<ShowGui>(
+        request, [&gui, offered](ShowGui& typed) { return gui.showGui(typed, offered); });
+    payload = std::move(static_cast<Variant&>(payloadView));
+    if (!responseExpected) {
+        payload.Free();
+    }
+    return result;
+}
+
+// The functions served, in the order in which they are registered: each name
+// and the engine operation behind it.
+struct Operation {
+    const char* name;
+    bool (*serve)(LcmGui& gui, BaseRequestMessage& request, bool responseExpected,
+                  Variant& payload);
+};
+
+constexpr Operation kOperations[] = {
+    {"ShowSimpleScreen", serveShowSimpleScreen},
+    {"ShowGui", serveShowGui},
+};
+
+const Operation* operationFor(const std::string& functionName) {
+    for (const Operation& operation : kOperations) {
+        if (functionName == operation.name) {
+            return &operation;
+        }
+    }
+    return nullptr;
+}
+
 }  // namespace
 
 LcmGuiHandler::LcmGuiHandler(LcmGui& gui) : BaseHandler("LcmGuiHandler"), gui(gui) {}
 
 LcmGuiHandler::~LcmGuiHandler() = default;
+
+std::vector<std::string> LcmGuiHandler::functionNames() {
+    std::vector<std::string> names;
+    for (const Operation& operation : kOperations) {
+        names.emplace_back(operation.name);
+    }
+    return names;
+}
 
 void LcmGuiHandler::MessageSentSuccessfully(BaseMessage& /*message*/, bool& /*flag*/) {}
 
@@ -43,25 +96,12 @@ bool LcmGuiHandler::HandleResponse(BaseRequestMessage& /*request*/,
 bool LcmGuiHandler::HandleRequest(BaseRequestMessage& request, bool& /*flag*/) {
     Variant payload;
     const bool responseExpected = request.responseExpected();
-    bool result = false;
-    if (request.functionName() == "ShowSimpleScreen") {
-        result = serveAs<ShowSimpleScreen>(
-            request, [this](ShowSimpleScreen& typed) { return gui.showSimpleScreen(typed); });
-    } else if (request.functionName() == "ShowGui") {
-        // The payload is only offered when a response is expected; showGui fills
-        // it with the screen now shown and the brightness.
-        ShowGui payloadView(std::move(payload));
-        ShowGui* offered = responseExpected ? &payloadView : nullptr;
-        result = serveAs<ShowGui>(
-            request, [this, offered](ShowGui& typed) { return gui.showGui(typed, offered); });
-        payload = std::move(static_cast<Variant&>(payloadView));
-        if (!responseExpected) {
-            payload.Free();
-        }
-    } else {
-        DRAVIK_LOG(3, 0, "Invalid function name %s", request.functionName().c_str());
+    const Operation* operation = operationFor(request.functionName());
+    if (operation == nullptr) {
+        DRAVIK_LOG(logger::kError, 0, "Invalid function name %s", request.functionName().c_str());
         return false;
     }
+    const bool result = operation->serve(gui, request, responseExpected, payload);
 
     if (!request.responseExpected()) {
         return true;

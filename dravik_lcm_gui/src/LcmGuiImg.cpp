@@ -193,21 +193,21 @@ bool LcmGui::loadImage(const std::string& path, cv::Mat& img, const GuiImgConf& 
     // cannot climb out of the image directories; messages show the path as given.
     std::string contained;
     if (!containGuiPath(path, contained)) {
-        DRAVIK_LOG(4, 0, "Image path should start with next prefixes:");
+        DRAVIK_LOG(logger::kWarning, 0, "Image path should start with next prefixes:");
         for (const char* prefix : kGuiDirectories) {
-            DRAVIK_LOG(4, 0, "\t\t%s", prefix);
+            DRAVIK_LOG(logger::kWarning, 0, "\t\t%s", prefix);
         }
         return false;
     }
     std::string resolved;
     bool isDirectory = false;  // not used: a directory fails to decode below
     if (!resolvePath((guiRoot + contained).c_str(), resolved, isDirectory, nullptr)) {
-        DRAVIK_LOG(4, 0, "Image '%s' not found", path.c_str());
+        DRAVIK_LOG(logger::kWarning, 0, "Image '%s' not found", path.c_str());
         return false;
     }
     img = decodeImageFile(resolved);
     if (!isUsableImage(img)) {
-        DRAVIK_LOG(4, 0, "Failed to read UI image from %s", path.c_str());
+        DRAVIK_LOG(logger::kWarning, 0, "Failed to read UI image from %s", path.c_str());
         img.release();
         return false;
     }
@@ -215,15 +215,16 @@ bool LcmGui::loadImage(const std::string& path, cv::Mat& img, const GuiImgConf& 
     unsigned height = 0;
     getImgUsedSize(img, conf.animation, conf.count, width, height);
     if (width == 0 || height == 0) {
-        DRAVIK_LOG(4, 0, "UI image '%s' used size (%dx%d) should be non zero", path.c_str(), width,
-                   height);
+        DRAVIK_LOG(logger::kWarning, 0, "UI image '%s' used size (%dx%d) should be non zero",
+                   path.c_str(), width, height);
         img.release();
         return false;
     }
     if (width > screenWidth() || height > screenHeight()) {
-        DRAVIK_LOG(
-            4, 0, "UI image '%s' used size %dx%d (anim %d, slides %d) larger than screen %dx%d",
-            path.c_str(), width, height, conf.animation, conf.count, screenWidth(), screenHeight());
+        DRAVIK_LOG(logger::kWarning, 0,
+                   "UI image '%s' used size %dx%d (anim %d, slides %d) larger than screen %dx%d",
+                   path.c_str(), width, height, conf.animation, conf.count, screenWidth(),
+                   screenHeight());
         img.release();
         return false;
     }
@@ -249,7 +250,8 @@ bool LcmGui::renderImage(const cv::Mat& img, const GuiImgConf& conf, unsigned le
     unsigned x = conf.x;
     unsigned y = conf.y;
     if (uint64_t{x} + width > screenWidth() || uint64_t{y} + height > screenHeight()) {
-        DRAVIK_LOG(3, 0, "UI image parameters are out of screen: %dx%d at (%d, %d) -> %dx%d", width,
+        DRAVIK_LOG(logger::kError, 0,
+                   "UI image parameters are out of screen: %dx%d at (%d, %d) -> %dx%d", width,
                    height, x, y, screenWidth(), screenHeight());
         return false;
     }

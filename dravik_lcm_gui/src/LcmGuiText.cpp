@@ -3,22 +3,24 @@
 
 #include "GuiLimits.h"
 #include "LcmGui.h"
+#include "dravik_ipc_messages/element_values.h"
 #include "dravik_logger/logger.h"
 
 namespace dravik::lcmgui {
 
 bool LcmGui::setFontGeometry(unsigned size) {
     if (size - kMinFontSize > kMaxFontSize - kMinFontSize) {
-        DRAVIK_LOG(3, 0, "Font size %d if out of range [%d..%d]", size, kMinFontSize, kMaxFontSize);
+        DRAVIK_LOG(logger::kError, 0, "Font size %d if out of range [%d..%d]", size, kMinFontSize,
+                   kMaxFontSize);
         return false;
     }
     fontSize = size;
     if (!fontRenderer.maxLineHeight(size, lineHeight)) {
-        DRAVIK_LOG(3, 0, "Failed to calculate font height");
+        DRAVIK_LOG(logger::kError, 0, "Failed to calculate font height");
         return false;
     }
     if (lineHeight > screenHeight()) {
-        DRAVIK_LOG(3, 0, "maxLineHeight (%d) is out of screen height (%d)", lineHeight,
+        DRAVIK_LOG(logger::kError, 0, "maxLineHeight (%d) is out of screen height (%d)", lineHeight,
                    screenHeight());
         return false;
     }
@@ -30,8 +32,8 @@ bool LcmGui::renderText(const GuiTextConf& conf, bool clear, bool show) {
     unsigned x = conf.x;
     unsigned y = conf.y;
     if (x >= screenWidth() || y >= screenHeight()) {
-        DRAVIK_LOG(3, 0, "Text pos (%d, %d) is out of screen %dx%d", x, y, screenWidth(),
-                   screenHeight());
+        DRAVIK_LOG(logger::kError, 0, "Text pos (%d, %d) is out of screen %dx%d", x, y,
+                   screenWidth(), screenHeight());
         return false;
     }
     const unsigned availW = screenWidth() - x;
@@ -42,29 +44,29 @@ bool LcmGui::renderText(const GuiTextConf& conf, bool clear, bool show) {
     // position: the line must fit both.
     if (!fontRenderer.lineRender(conf.text, fontSize, nullptr, availW, lineHeight, availW, true,
                                  width, height)) {
-        DRAVIK_LOG(3, 0, "Failed to evaluate text dims");
+        DRAVIK_LOG(logger::kError, 0, "Failed to evaluate text dims");
         return false;
     }
     if (height > availH) {
-        DRAVIK_LOG(3, 0, "Can not render line '%s'", conf.text.c_str());
+        DRAVIK_LOG(logger::kError, 0, "Can not render line '%s'", conf.text.c_str());
         return false;
     }
     width = std::min(width, availW);  // cut at the right edge, never wrapped
     cv::Mat coverage = cv::Mat::zeros(static_cast<int>(height), static_cast<int>(width), CV_8UC1);
     if (coverage.data == nullptr || coverage.total() == 0) {
-        DRAVIK_LOG(3, 0, "Failed to create text buffer");
+        DRAVIK_LOG(logger::kError, 0, "Failed to create text buffer");
         return false;
     }
     unsigned drawnW = 0;
     unsigned drawnH = 0;
     if (!fontRenderer.lineRender(conf.text, fontSize, coverage.data, availW, availH,
                                  static_cast<unsigned>(coverage.cols), false, drawnW, drawnH)) {
-        DRAVIK_LOG(3, 0, "Failed to render text");
+        DRAVIK_LOG(logger::kError, 0, "Failed to render text");
         return false;
     }
     if (drawnW > static_cast<unsigned>(coverage.cols) ||
         drawnH > static_cast<unsigned>(coverage.rows)) {
-        DRAVIK_LOG(3, 0, "Something wrong with FontRenderer");
+        DRAVIK_LOG(logger::kError, 0, "Something wrong with FontRenderer");
         return false;
     }
     // Aligned by the size actually drawn, not by the space available.
@@ -74,7 +76,7 @@ bool LcmGui::renderText(const GuiTextConf& conf, bool clear, bool show) {
     cv::Mat colour;
     cv::cvtColor(coverage, colour, cv::COLOR_GRAY2BGR);
     if (colour.empty()) {
-        DRAVIK_LOG(3, 0, "Failed to convert text buffer");
+        DRAVIK_LOG(logger::kError, 0, "Failed to convert text buffer");
         return false;
     }
     if (displayBuf.empty()) {

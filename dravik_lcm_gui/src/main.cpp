@@ -3,10 +3,12 @@
 
 #include <atomic>
 #include <cstdio>
+#include <iterator>
 #include <string>
 #include <vector>
 
 #include "GuiConfig.h"
+#include "GuiPaths.h"
 #include "LcmGui.h"
 #include "LcmGuiHandler.h"
 #include "dravik_ipc/ipc.h"
@@ -43,7 +45,8 @@ const char kProcessName[] = "dravik_lcm_gui";
 void declareParameters(Variant& definitions) {
     using dravik::variant::AddParameter;
     AddParameter(definitions, 'h', "help", "Outputs this help", Variant(true));
-    AddParameter(definitions, 'd', "device", "Frame buffer device", Variant("/dev/fb2"));
+    AddParameter(definitions, 'd', "device", "Frame buffer device",
+                 Variant(dravik::lcmgui::kDefaultDevice));
     AddParameter(definitions, 'c', "configFile", "Screens config file", Variant(""));
     AddParameter(definitions, 's', "startupScreen", "Start-up screen", Variant(""));
     AddParameter(definitions, 'b', "brightness", "Brightness", Variant(-1));
@@ -75,9 +78,9 @@ std::vector<std::string> configCandidates(const Variant& result,
 
 // Loads the first candidate that is a valid screens file; "" when none is.
 std::string loadConfig(GuiConfig& config, const std::vector<std::string>& candidates) {
-    MAIN_LOG(7, "Will look for config file in the following locations:");
+    MAIN_LOG(dravik::logger::kDebug, "Will look for config file in the following locations:");
     for (const auto& candidate : candidates) {
-        MAIN_LOG(7, "\t\t%s", candidate.c_str());
+        MAIN_LOG(dravik::logger::kDebug, "\t\t%s", candidate.c_str());
     }
     for (const auto& candidate : candidates) {
         if (config.fromJSONFile(candidate)) {
@@ -111,84 +114,112 @@ struct IpcInstance {
     ~IpcInstance() { Ipc::FreeInstance(); }
 };
 
+// Parses the command line into `result`; true when it asks for the help, which
+// is then printed.
+bool readParameters(int argc, char** argv, Variant& definitions, Variant& result) {
+    declareParameters(definitions);
+    (void)dravik::variant::ParseCommandLine(argc, const_cast<const char**>(argv), definitions,
+                                            result);  // whatever parsed is used
+    if (result.GetKeyChain(dravik::variant::kAny, "parameters/help", false) == nullptr) {
+        return false;
+    }
+    dravik::variant::PrintHelp(argv[0], definitions);
+    return true;
+}
+
+// The screens files to try, in order: the one given, or each directory with
+// the file named after this device's system id first. Reads the id, so it
+// runs only once the device's properties are known to be readable.
+std::vector<std::string> screensFileCandidates(const Variant& result,
+                                               const CameraInfo& cameraInfo) {
+    const std::vector<std::string> directories(std::begin(dravik::lcmgui::kGuiDirectories),
+                                               std::end(dravik::lcmgui::kGuiDirectories));
+    const std::vector<std::string> fileNames = {
+        dravik::utils::format("dravik_lcm_gui_sysid_%04lx.json", cameraInfo.sysid()),
+        "dravik_lcm_gui.json"};
+    return configCandidates(result, directories, fileNames);
+}
+
+// The brightness parameter; -1 (leave the backlight alone) when absent.
+signed char brightnessParameter(const Variant& result) {
+    const Variant* value =
+        result.GetKeyChain(dravik::variant::kNumericPattern, "parameters/brightness", false);
+    return value ? static_cast<signed char>(*value) : -1;
+}
+
+void registerHandlers(Ipc& ipc, LcmGuiHandler& handler, CatchAllHandlerRejector& rejector) {
+    for (const std::string& function : LcmGuiHandler::functionNames()) {
+        (void)ipc.AddHandler(function, &handler);
+    }
+    (void)ipc.AddHandler("", &rejector);
+}
+
+// The main loop: the bus, then the panel, until SIGTERM or a failure. Returns
+// the exit status.
+int serve(Ipc& ipc, LcmGui& gui) {
+    for (;;) {
+        if (gStop) {
+            MAIN_LOG(dravik::logger::kInfo, "Gracefully shut down");
+            return 0;
+        }
+        if (!ipc.Service(30)) {
+            MAIN_LOG(dravik::logger::kError, "Failed to service IPC");
+            return -1;
+        }
+        if (!gui.service()) {
+            MAIN_LOG(dravik::logger::kError, "Failed to service LcmGui");
+            return -1;
+        }
+    }
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
     Variant definitions;
-    declareParameters(definitions);
     Variant result;
-    (void)dravik::variant::ParseCommandLine(argc, const_cast<const char**>(argv), definitions,
-                                            result);  // whatever parsed is used
-    if (result.GetKeyChain(dravik::variant::kAny, "parameters/help", false) != nullptr) {
-        dravik::variant::PrintHelp(argv[0], definitions);
-        return 0;
+    if (readParameters(argc, argv, definitions, result)) {
+        return 0;  // the help was asked for and printed
     }
     const std::string device = stringParameter(result, "parameters/device");
 
     CameraInfo cameraInfo;
     if (!cameraInfo.Init()) {
         // Deliberately 0: a device without readable properties is not restarted.
-        MAIN_LOG(3, "Failed to read camera properties");
+        MAIN_LOG(dravik::logger::kError, "Failed to read camera properties");
         return 0;
     }
 
     IpcInstance endpoint;
     if (!endpoint.ipc->Init(kProcessName, false, nullptr)) {
-        MAIN_LOG(3, "Failed to initialize IPC");
+        MAIN_LOG(dravik::logger::kError, "Failed to initialize IPC");
         return -1;
     }
-
-    const std::vector<std::string> directories = {"/usr/etc/gui/", "/etc/gui/"};
-    const std::vector<std::string> fileNames = {
-        dravik::utils::format("dravik_lcm_gui_sysid_%04lx.json", cameraInfo.sysid()),
-        "dravik_lcm_gui.json"};
-    const std::vector<std::string> candidates = configCandidates(result, directories, fileNames);
 
     GuiConfig config;
-    const std::string configFile = loadConfig(config, candidates);
+    const std::string configFile = loadConfig(config, screensFileCandidates(result, cameraInfo));
     if (configFile.empty()) {
-        MAIN_LOG(3, "No valid config file found");
+        MAIN_LOG(dravik::logger::kError, "No valid config file found");
         return -1;
     }
-    MAIN_LOG(6, "Using the following config file: `%s`", configFile.c_str());
-
-    const std::string startupScreen = stringParameter(result, "parameters/startupScreen");
-    const Variant* brightnessValue =
-        result.GetKeyChain(dravik::variant::kNumericPattern, "parameters/brightness", false);
-    const signed char brightness =
-        brightnessValue ? static_cast<signed char>(*brightnessValue) : -1;
+    MAIN_LOG(dravik::logger::kInfo, "Using the following config file: `%s`", configFile.c_str());
 
     LcmGui gui(config);
-    if (!gui.init(device, startupScreen, brightness)) {
-        MAIN_LOG(3, "Failed to initialize lcmGui");
+    if (!gui.init(device, stringParameter(result, "parameters/startupScreen"),
+                  brightnessParameter(result))) {
+        MAIN_LOG(dravik::logger::kError, "Failed to initialize lcmGui");
         return -1;
     }
 
     LcmGuiHandler handler(gui);
     CatchAllHandlerRejector rejector;
-    (void)endpoint.ipc->AddHandler("ShowSimpleScreen", &handler);
-    (void)endpoint.ipc->AddHandler("ShowGui", &handler);
-    (void)endpoint.ipc->AddHandler("", &rejector);
+    registerHandlers(*endpoint.ipc, handler, rejector);
 
     gStop = false;
     if (!installQuitSignal()) {
-        MAIN_LOG(3, "Unable to install the quit signal");
+        MAIN_LOG(dravik::logger::kError, "Unable to install the quit signal");
         forceCrash();
         return -1;
     }
-
-    for (;;) {
-        if (gStop) {
-            MAIN_LOG(6, "Gracefully shut down");
-            return 0;
-        }
-        if (!endpoint.ipc->Service(30)) {
-            MAIN_LOG(3, "Failed to service IPC");
-            return -1;
-        }
-        if (!gui.service()) {
-            MAIN_LOG(3, "Failed to service LcmGui");
-            return -1;
-        }
-    }
+    return serve(*endpoint.ipc, gui);
 }

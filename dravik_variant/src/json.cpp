@@ -11,12 +11,14 @@
 #include <string>
 #include <vector>
 
-#include "dravik_logger/logger.h"
+#include "dravik_utils/file_descriptor.h"
 #include "dravik_variant/variant.h"
 
 namespace dravik::variant {
 
 namespace {
+
+using utils::FileDescriptor;
 
 JsonError& lastError() {
     static thread_local JsonError error;
@@ -190,23 +192,6 @@ private:
     std::vector<Variant*> stack_;
     std::string key_;
     JsonError error_;
-};
-
-// Owns one file descriptor.
-class FileDescriptor {
-public:
-    explicit FileDescriptor(int fd) : fd_(fd) {}
-    FileDescriptor(const FileDescriptor&) = delete;
-    FileDescriptor& operator=(const FileDescriptor&) = delete;
-    ~FileDescriptor() {
-        if (fd_ >= 0) {
-            (void)::close(fd_);  // read-only: nothing to lose on close
-        }
-    }
-    int get() const { return fd_; }
-
-private:
-    int fd_;
 };
 
 std::string systemError(const char* what, int errnum) {
@@ -396,16 +381,9 @@ bool Variant::FromJSONFile(const std::string& path) {
         JsonError& error = lastError();
         error = JsonError{};
         error.message = message;
-        DRAVIK_LOG(7, 0, "%s: %s", path.c_str(), message.c_str());
         return false;
     }
-    if (!parseInto(text, *this)) {
-        const JsonError& error = lastError();
-        DRAVIK_LOG(7, 0, "%s:%zu:%zu: %s", path.c_str(), error.line, error.column,
-                   error.message.c_str());
-        return false;
-    }
-    return true;
+    return parseInto(text, *this);
 }
 
 const JsonError& Variant::LastJsonError() {

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "dravik_logger/log_capture.h"
 #include "dravik_variant/variant.h"
 
 namespace {
@@ -329,6 +330,18 @@ TEST_F(JsonFile, invalid_content_reports_line_and_column) {
     EXPECT_TRUE(v == sentinel());
     EXPECT_EQ(Variant::LastJsonError().line, 3u);
     EXPECT_EQ(Variant::LastJsonError().column, 11u);
+}
+
+TEST_F(JsonFile, refusals_are_reported_to_the_caller_not_logged) {
+    const std::string invalid = write("bad.json", "[1,");
+    for (const std::string& file : {path("absent.json"), dir_, invalid}) {
+        SCOPED_TRACE(file);
+        dravik::logger::LogCapture capture;
+        Variant v;
+        EXPECT_FALSE(v.FromJSONFile(file));
+        EXPECT_FALSE(Variant::LastJsonError().message.empty());
+        EXPECT_TRUE(capture.records.empty()) << capture.records.front().message;
+    }
 }
 
 TEST(VariantToJson, writes_every_type) {

@@ -49,8 +49,8 @@
 //
 // Field tables. Each class's fields are one table below, one row per field:
 // FIELD(accessor, key, kind, default, possible values, clamp). The kinds are
-// in fields.h; the same rows generate the accessors here and drive
-// NormalizeFields in the library.
+// in fields.h, the word lists and ranges in element_values.h; the same rows
+// generate the accessors here and drive NormalizeFields in the library.
 
 #include <sys/time.h>
 
@@ -58,6 +58,7 @@
 #include <string>
 #include <utility>
 
+#include "dravik_ipc_messages/element_values.h"
 #include "dravik_ipc_messages/fields.h"
 #include "dravik_variant/variant.h"
 
@@ -81,8 +82,9 @@
     FIELD(statusCode,   "statusCode",   UInt64, 0,                  NO_VALUES,              NO_CLAMP) \
     FIELD(payload,      "payload",      Any,    variant::Variant(), NO_VALUES,              NO_CLAMP)
 
-#define DRAVIK_LCM_GUI_BASE_SETTINGS_FIELDS(FIELD) \
-    FIELD(brightness, "brightness", Int8, -1, NO_VALUES, CLAMP(-1, 100))
+#define DRAVIK_LCM_GUI_BASE_SETTINGS_FIELDS(FIELD)                                       \
+    FIELD(brightness, "brightness", Int8, kBrightnessKeep, NO_VALUES,                      \
+          CLAMP(kBrightnessKeep, kBrightnessMax))
 
 #define DRAVIK_SHOW_GUI_FIELDS(FIELD)                                                           \
     FIELD(functionName,     "functionName",     String, "ShowGui", VALUES("ShowGui"), NO_CLAMP) \
@@ -94,21 +96,20 @@
     FIELD(text, "text", TextRecord, detail::EmptyObject(), NO_VALUES, NO_CLAMP) \
     FIELD(img,  "img",  ImgRecord,  detail::EmptyObject(), NO_VALUES, NO_CLAMP)
 
-#define DRAVIK_LCM_GUI_BASE_POS_SETTINGS_FIELDS(FIELD)                                         \
-    FIELD(x,         "x",         UInt16, 0,     NO_VALUES,                          NO_CLAMP) \
-    FIELD(y,         "y",         UInt16, 0,     NO_VALUES,                          NO_CLAMP) \
-    FIELD(alignHor,  "alignHor",  String, "left", VALUES("left", "center", "right"), NO_CLAMP) \
-    FIELD(alignVert, "alignVert", String, "top",  VALUES("top", "middle", "bottom"), NO_CLAMP)
+#define DRAVIK_LCM_GUI_BASE_POS_SETTINGS_FIELDS(FIELD)                                           \
+    FIELD(x,         "x",         UInt16, 0,                 NO_VALUES,                 NO_CLAMP) \
+    FIELD(y,         "y",         UInt16, 0,                 NO_VALUES,                 NO_CLAMP) \
+    FIELD(alignHor,  "alignHor",  String, kAlignHorWords[0],  WORDS(kAlignHorWords),  NO_CLAMP) \
+    FIELD(alignVert, "alignVert", String, kAlignVertWords[0], WORDS(kAlignVertWords), NO_CLAMP)
 
-#define DRAVIK_LCM_GUI_IMG_SETTINGS_ELEMENT_FIELDS(FIELD)                       \
-    FIELD(file,      "file",      String, "",       NO_VALUES, NO_CLAMP)        \
-    FIELD(animation, "animation", String, "static",                             \
-          VALUES("static", "slideshow", "breathing", "progressbar"),  NO_CLAMP) \
-    FIELD(duration,  "duration",  UInt32, 0,        NO_VALUES, NO_CLAMP)        \
-    FIELD(count,     "count",     UInt16, 0,        NO_VALUES, NO_CLAMP)
+#define DRAVIK_LCM_GUI_IMG_SETTINGS_ELEMENT_FIELDS(FIELD)                                       \
+    FIELD(file,      "file",      String, "",                 NO_VALUES,               NO_CLAMP) \
+    FIELD(animation, "animation", String, kAnimationWords[0], WORDS(kAnimationWords),  NO_CLAMP) \
+    FIELD(duration,  "duration",  UInt32, 0,                  NO_VALUES,               NO_CLAMP) \
+    FIELD(count,     "count",     UInt16, 0,                  NO_VALUES,               NO_CLAMP)
 
-#define DRAVIK_LCM_GUI_TEXT_SETTINGS_ELEMENT_FIELDS(FIELD)    \
-    FIELD(size, "size", UInt16, 6,  NO_VALUES, CLAMP(3, 100)) \
+#define DRAVIK_LCM_GUI_TEXT_SETTINGS_ELEMENT_FIELDS(FIELD)                            \
+    FIELD(size, "size", UInt16, 6,  NO_VALUES, CLAMP(kFontSizeMin, kFontSizeMax)) \
     FIELD(str,  "str",  String, "", NO_VALUES, NO_CLAMP)
 // clang-format on
 

@@ -204,7 +204,8 @@ public:
     // numbers with a fraction or exponent kDouble. Refused, with the value left
     // unchanged and the reason in LastJsonError(): unreadable files, directories,
     // files over kMaxJsonFileSize, invalid JSON or UTF-8, integers beyond 64
-    // bits, nesting deeper than kMaxJsonDepth.
+    // bits, nesting deeper than kMaxJsonDepth. Nothing is logged here: the
+    // caller knows what the file was for and writes the one record.
     bool FromJSONFile(const std::string& path);
     bool FromJSONString(const std::string& text);
     static const JsonError& LastJsonError();

@@ -29,18 +29,18 @@ public:
         // Only the two container tags (0x1010, 0x1011) pass: anything below
         // 0x1010 wraps around to a large unsigned difference.
         if (static_cast<unsigned>(Type()) - static_cast<unsigned>(kObject) > 1u) {
-            DRAVIK_LOG(3, 0, "Invalid variant type detected");
+            DRAVIK_LOG(logger::kError, 0, "Invalid variant type detected");
             forceCrash();
             return 0;
         }
         const Variant* id = Find("sysid");
         if (id == nullptr) {
-            DRAVIK_LOG(3, 0, "Key \"sysid\" not available");
+            DRAVIK_LOG(logger::kError, 0, "Key \"sysid\" not available");
             forceCrash();
             return 0;
         }
         if (!IsInteger(id->Type())) {
-            DRAVIK_LOG(3, 0, "Key \"sysid\" has a different type than expected");
+            DRAVIK_LOG(logger::kError, 0, "Key \"sysid\" has a different type than expected");
             forceCrash();
             return 0;
         }

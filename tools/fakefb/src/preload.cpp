@@ -24,12 +24,14 @@
 #include <cstring>
 #include <mutex>
 
+#include "dravik_utils/file_descriptor.h"
 #include "panel_files.h"
 
 #define FAKEFB_EXPORT extern "C" __attribute__((visibility("default")))
 
 namespace {
 
+using dravik::utils::FileDescriptor;
 using fakefb::PanelSpec;
 
 using OpenFn = int (*)(const char*, int, ...);
@@ -98,25 +100,6 @@ void report(const char* fmt, ...) {
     errno = savedErrno;
 }
 
-// Descriptor on a file of ours, closed on every path out.
-class RawFd {
-public:
-    explicit RawFd(int fd) : fd_(fd) {}
-    RawFd(const RawFd&) = delete;
-    RawFd& operator=(const RawFd&) = delete;
-    ~RawFd() {
-        if (fd_ >= 0) {
-            const int savedErrno = errno;
-            (void)close(fd_);  // read-only use or already checked by the caller
-            errno = savedErrno;
-        }
-    }
-    int get() const { return fd_; }
-
-private:
-    int fd_;
-};
-
 int openInternal(const char* path, int flags, mode_t mode = 0) {
     const auto openFn = real<OpenFn>(kOpen);
     return openFn == nullptr ? -1 : openFn(path, flags, mode);
@@ -124,7 +107,7 @@ int openInternal(const char* path, int flags, mode_t mode = 0) {
 
 // Reads a whole small file into buf; false when missing, unreadable or too large.
 bool readSmallFile(const char* path, char* buf, std::size_t cap, std::size_t& len) {
-    const RawFd fd(openInternal(path, O_RDONLY | O_CLOEXEC));
+    const FileDescriptor fd(openInternal(path, O_RDONLY | O_CLOEXEC));
     if (fd.get() < 0) {
         return false;
     }
@@ -149,7 +132,7 @@ bool readSmallFile(const char* path, char* buf, std::size_t cap, std::size_t& le
 }
 
 bool writeWholeFile(const char* path, const char* data, std::size_t len) {
-    const RawFd fd(openInternal(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
+    const FileDescriptor fd(openInternal(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
     if (fd.get() < 0) {
         return false;
     }
@@ -286,7 +269,7 @@ bool findOpenPanel(int fd, PanelSpec& panelSpec) {
 // The backing file must be exactly one frame long: a mapping beyond its end
 // raises SIGBUS on first touch.
 bool prepareBackingFile(const PanelSpec& panelSpec) {
-    const RawFd fd(openInternal(panelSpec.file, O_RDWR | O_CREAT | O_CLOEXEC, 0644));
+    const FileDescriptor fd(openInternal(panelSpec.file, O_RDWR | O_CREAT | O_CLOEXEC, 0644));
     struct stat st {};
     if (fd.get() < 0 || fstat(fd.get(), &st) != 0) {
         report("cannot open backing file %s: %s", panelSpec.file, strerror(errno));
@@ -305,19 +288,13 @@ int openPanel(const PanelSpec& panelSpec, int flags) {
         return -1;
     }
     // A device node is neither created nor truncated by open.
-    const int fd = openInternal(panelSpec.file, flags & ~(O_CREAT | O_EXCL | O_TRUNC));
-    if (fd < 0) {
-        return -1;
-    }
+    FileDescriptor fd(openInternal(panelSpec.file, flags & ~(O_CREAT | O_EXCL | O_TRUNC)));
     struct stat st {};
-    if (fstat(fd, &st) != 0) {
-        const int savedErrno = errno;
-        (void)close(fd);  // the open failed as a whole
-        errno = savedErrno;
-        return -1;
+    if (!fd.valid() || fstat(fd.get(), &st) != 0) {
+        return -1;  // the open fails as a whole, with the errno of the failed step
     }
     rememberPanel(st, panelSpec);
-    return fd;
+    return fd.release();
 }
 
 // True when the path names a configured panel; fd then holds open's result.

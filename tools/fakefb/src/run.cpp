@@ -14,9 +14,14 @@
 #include <string>
 #include <vector>
 
+#include "dravik_utils/file_descriptor.h"
+#include "dravik_utils/getopt_table.h"
 #include "panel_files.h"
 
 namespace {
+
+using dravik::utils::GetoptTables;
+using dravik::utils::getoptTables;
 
 namespace fs = std::filesystem;
 using fakefb::PanelSpec;
@@ -55,20 +60,6 @@ const char kHelp[] =
     "Example:\n"
     "  fakefb-run --device /dev/fb2 --size 240x240 --bpp 16 --file panel.raw -- \\\n"
     "      dravik_lcm_gui -d /dev/fb2 -c screens.json\n";
-
-const option kOptions[] = {
-    {"device", required_argument, nullptr, 'd'},
-    {"size", required_argument, nullptr, 's'},
-    {"bpp", required_argument, nullptr, 'b'},
-    {"rgb", required_argument, nullptr, 'r'},
-    {"transp", required_argument, nullptr, 't'},
-    {"line-length", required_argument, nullptr, 'l'},
-    {"visual", required_argument, nullptr, 'v'},
-    {"file", required_argument, nullptr, 'f'},
-    {"panel", no_argument, nullptr, 'p'},
-    {"help", no_argument, nullptr, 'h'},
-    {nullptr, 0, nullptr, 0},
-};
 
 // One panel as the command line describes it.
 struct PanelArgs {
@@ -125,48 +116,69 @@ void parseRgb(const std::string& text, PanelSpec& panelSpec) {
     }
 }
 
-void applyOption(int opt, const char* arg, PanelArgs& panel) {
-    switch (opt) {
-        case 'd':
-            panel.device = arg;
-            break;
-        case 's':
-            parseSize(arg, panel.panelSpec);
-            break;
-        case 'b':
-            if (!parseNumber(arg, panel.panelSpec.bpp)) {
-                throw UsageError{std::string("bad --bpp \"") + arg + "\""};
-            }
-            break;
-        case 'r':
-            parseRgb(arg, panel.panelSpec);
-            panel.given |= fakefb::kGivenChannels;
-            break;
-        case 't':
-            if (!fakefb::parseChannel(arg, panel.panelSpec.transp)) {
-                throw UsageError{std::string("bad --transp \"") + arg + "\": expected O/L"};
-            }
-            panel.given |= fakefb::kGivenTransp;
-            break;
-        case 'l':
-            if (!parseNumber(arg, panel.panelSpec.lineLength)) {
-                throw UsageError{std::string("bad --line-length \"") + arg + "\""};
-            }
-            panel.given |= fakefb::kGivenLineLength;
-            break;
-        case 'v':
-            if (!fakefb::parseVisual(arg, panel.panelSpec.visual)) {
-                throw UsageError{std::string("bad --visual \"") + arg +
-                                 "\": expected truecolor, directcolor or pseudocolor"};
-            }
-            panel.given |= fakefb::kGivenVisual;
-            break;
-        case 'f':
-            panel.file = arg;
-            break;
-        default:
-            throw UsageError{""};  // getopt_long has described the problem
+void parseBpp(const char* arg, PanelArgs& panel) {
+    if (!parseNumber(arg, panel.panelSpec.bpp)) {
+        throw UsageError{std::string("bad --bpp \"") + arg + "\""};
     }
+}
+
+void parseTransp(const char* arg, PanelArgs& panel) {
+    if (!fakefb::parseChannel(arg, panel.panelSpec.transp)) {
+        throw UsageError{std::string("bad --transp \"") + arg + "\": expected O/L"};
+    }
+    panel.given |= fakefb::kGivenTransp;
+}
+
+void parseLineLength(const char* arg, PanelArgs& panel) {
+    if (!parseNumber(arg, panel.panelSpec.lineLength)) {
+        throw UsageError{std::string("bad --line-length \"") + arg + "\""};
+    }
+    panel.given |= fakefb::kGivenLineLength;
+}
+
+void parseVisualOption(const char* arg, PanelArgs& panel) {
+    if (!fakefb::parseVisual(arg, panel.panelSpec.visual)) {
+        throw UsageError{std::string("bad --visual \"") + arg +
+                         "\": expected truecolor, directcolor or pseudocolor"};
+    }
+    panel.given |= fakefb::kGivenVisual;
+}
+
+// One command-line option. The panel options set a part of the panel being
+// described (and throw UsageError for a value they cannot take); --panel and
+// --help have none, parseCommandLine handles them.
+struct OptionRow {
+    const char* name;
+    char letter;
+    bool takesArgument;
+    void (*apply)(const char* arg, PanelArgs& panel);
+};
+
+const OptionRow kOptionRows[] = {
+    {"device", 'd', true, [](const char* arg, PanelArgs& panel) { panel.device = arg; }},
+    {"size", 's', true, [](const char* arg, PanelArgs& panel) { parseSize(arg, panel.panelSpec); }},
+    {"bpp", 'b', true, parseBpp},
+    {"rgb", 'r', true,
+     [](const char* arg, PanelArgs& panel) {
+         parseRgb(arg, panel.panelSpec);
+         panel.given |= fakefb::kGivenChannels;
+     }},
+    {"transp", 't', true, parseTransp},
+    {"line-length", 'l', true, parseLineLength},
+    {"visual", 'v', true, parseVisualOption},
+    {"file", 'f', true, [](const char* arg, PanelArgs& panel) { panel.file = arg; }},
+    {"panel", 'p', false, nullptr},
+    {"help", 'h', false, nullptr},
+};
+
+void applyOption(int opt, const char* arg, PanelArgs& panel) {
+    for (const OptionRow& row : kOptionRows) {
+        if (row.letter == opt && row.apply != nullptr) {
+            row.apply(arg, panel);
+            return;
+        }
+    }
+    throw UsageError{""};  // getopt_long has described the problem
 }
 
 void copyInto(char* dst, const std::string& src, const char* what) {
@@ -215,9 +227,11 @@ struct Invocation {
 Invocation parseCommandLine(int argc, char** argv) {
     Invocation inv;
     PanelArgs current;
-    int opt = 0;
     // '+': stop at the first word that is not an option, which begins the command.
-    while ((opt = getopt_long(argc, argv, "+d:s:b:r:t:l:v:f:ph", kOptions, nullptr)) != -1) {
+    const GetoptTables tables = getoptTables(kOptionRows, "+");
+    int opt = 0;
+    while ((opt = getopt_long(argc, argv, tables.shortOptions.c_str(), tables.longOptions.data(),
+                              nullptr)) != -1) {
         if (opt == 'h') {
             inv.help = true;
             return inv;
@@ -263,16 +277,11 @@ bool writeText(const std::string& path, const char* text, std::size_t len) {
 
 // Sizes the backing file, writes FILE.geom and forgets an old colour map.
 bool preparePanel(const PanelSpec& panelSpec) {
-    const int fd = open(panelSpec.file, O_RDWR | O_CREAT | O_CLOEXEC, 0644);
-    const bool sized =
-        fd >= 0 && ftruncate(fd, static_cast<off_t>(fakefb::frameSize(panelSpec))) == 0;
-    const int err = errno;
-    if (fd >= 0) {
-        (void)close(fd);  // nothing was written through it
-    }
-    if (!sized) {
+    const dravik::utils::FileDescriptor fd(
+        open(panelSpec.file, O_RDWR | O_CREAT | O_CLOEXEC, 0644));
+    if (!fd.valid() || ftruncate(fd.get(), static_cast<off_t>(fakefb::frameSize(panelSpec))) != 0) {
         fprintf(stderr, "fakefb-run: cannot create backing file %s: %s\n", panelSpec.file,
-                strerror(err));
+                strerror(errno));
         return false;
     }
     char text[2 * fakefb::kPathMax + 512];

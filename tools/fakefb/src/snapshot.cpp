@@ -13,9 +13,13 @@
 #include <string>
 #include <vector>
 
+#include "dravik_utils/getopt_table.h"
 #include "panel_files.h"
 
 namespace {
+
+using dravik::utils::GetoptTables;
+using dravik::utils::getoptTables;
 
 using fakefb::ColourMapRecord;
 using fakefb::PanelSpec;
@@ -37,14 +41,6 @@ const char kHelp[] =
     "  -g, --geometry PATH  geometry file to use instead of FILE.geom\n"
     "  -c, --cmap PATH      colour map record to use instead of FILE.cmap\n"
     "  -h, --help           show this help and exit\n";
-
-const option kOptions[] = {
-    {"scale", required_argument, nullptr, 's'},
-    {"geometry", required_argument, nullptr, 'g'},
-    {"cmap", required_argument, nullptr, 'c'},
-    {"help", no_argument, nullptr, 'h'},
-    {nullptr, 0, nullptr, 0},
-};
 
 struct Options {
     uint32_t scale = 1;
@@ -80,25 +76,44 @@ uint32_t parseScale(const char* text) {
     return static_cast<uint32_t>(value);
 }
 
+// One option and what it sets; --help has nothing to set and ends the parse.
+struct OptionRow {
+    const char* name;
+    char letter;
+    bool takesArgument;
+    void (*apply)(const char* arg, Options& options);
+};
+
+const OptionRow kOptionRows[] = {
+    {"scale", 's', true, [](const char* arg, Options& o) { o.scale = parseScale(arg); }},
+    {"geometry", 'g', true, [](const char* arg, Options& o) { o.geometry = arg; }},
+    {"cmap", 'c', true, [](const char* arg, Options& o) { o.cmap = arg; }},
+    {"help", 'h', false, nullptr},
+};
+
+// Applies one option found by getopt_long; false for --help.
+bool applyOption(int opt, const char* arg, Options& options) {
+    for (const OptionRow& row : kOptionRows) {
+        if (row.letter == opt) {
+            if (row.apply == nullptr) {
+                return false;
+            }
+            row.apply(arg, options);
+            return true;
+        }
+    }
+    throw Failure{kUsageError, ""};  // getopt_long has described the problem
+}
+
 Options parseCommandLine(int argc, char** argv) {
     Options options;
+    const GetoptTables tables = getoptTables(kOptionRows);
     int opt = 0;
-    while ((opt = getopt_long(argc, argv, "s:g:c:h", kOptions, nullptr)) != -1) {
-        switch (opt) {
-            case 's':
-                options.scale = parseScale(optarg);
-                break;
-            case 'g':
-                options.geometry = optarg;
-                break;
-            case 'c':
-                options.cmap = optarg;
-                break;
-            case 'h':
-                options.help = true;
-                return options;
-            default:
-                throw Failure{kUsageError, ""};  // getopt_long has described the problem
+    while ((opt = getopt_long(argc, argv, tables.shortOptions.c_str(), tables.longOptions.data(),
+                              nullptr)) != -1) {
+        if (!applyOption(opt, optarg, options)) {
+            options.help = true;
+            return options;
         }
     }
     if (argc - optind != 2) {

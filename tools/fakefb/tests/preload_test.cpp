@@ -15,6 +15,7 @@
 #include <string>
 #include <vector>
 
+#include "dravik_utils/file_descriptor.h"
 #include "fakefb/fakefb.h"
 
 // glibc's fortified entry points; declared by its headers only under _FORTIFY_SOURCE.
@@ -27,28 +28,13 @@ extern "C" int __openat64_2(int dirfd,  // NOLINT(bugprone-reserved-identifier)
 
 namespace {
 
+using dravik::utils::FileDescriptor;
 using fakefb::Channel;
 using fakefb::Geometry;
 using fakefb::Panel;
 using fakefb::Visual;
 
 constexpr const char* kDevice = "/dev/fakefb-test-fb2";
-
-class Fd {
-public:
-    explicit Fd(int fd) : fd_(fd) {}
-    Fd(const Fd&) = delete;
-    Fd& operator=(const Fd&) = delete;
-    ~Fd() {
-        if (fd_ >= 0) {
-            close(fd_);
-        }
-    }
-    int get() const { return fd_; }
-
-private:
-    int fd_;
-};
 
 class Mapping {
 public:
@@ -165,7 +151,7 @@ TEST(FakefbPreload, reports_the_usual_layout_of_every_depth) {
         EXPECT_EQ(g.visual, row.visual);
         const Panel panel(kDevice, g);
         panel.apply();
-        const Fd fd(open(kDevice, O_RDWR));
+        const FileDescriptor fd(open(kDevice, O_RDWR));
         ASSERT_GE(fd.get(), 0) << strerror(errno);
         expectGeometry(fd.get(), g);
         expectChannel(query(fd.get()).var.red, row.red, "usual red");
@@ -180,7 +166,7 @@ TEST(FakefbPreload, mapped_pixels_reach_the_backing_file_at_every_depth) {
         const Geometry g = Geometry::forDepth(row.bpp, 17, 9);
         const Panel panel(kDevice, g);
         panel.apply();
-        const Fd fd(open(kDevice, O_RDWR));
+        const FileDescriptor fd(open(kDevice, O_RDWR));
         ASSERT_GE(fd.get(), 0) << strerror(errno);
         struct stat st {};
         ASSERT_EQ(fstat(fd.get(), &st), 0);
@@ -202,7 +188,7 @@ TEST(FakefbPreload, padded_line_length_is_reported_and_honoured) {
     g.lineLength = 32;  // 20 bytes of pixels, 12 of padding
     const Panel panel(kDevice, g);
     panel.apply();
-    const Fd fd(open(kDevice, O_RDWR));
+    const FileDescriptor fd(open(kDevice, O_RDWR));
     ASSERT_GE(fd.get(), 0);
     expectGeometry(fd.get(), g);
     const Mapping map(fd.get(), g.frameSize());
@@ -234,7 +220,7 @@ TEST(FakefbPreload, reports_the_configured_channel_layout) {
         g.transp = row.transp;
         const Panel panel(kDevice, g);
         panel.apply();
-        const Fd fd(open(kDevice, O_RDWR));
+        const FileDescriptor fd(open(kDevice, O_RDWR));
         ASSERT_GE(fd.get(), 0);
         expectGeometry(fd.get(), g);
     }
@@ -243,7 +229,7 @@ TEST(FakefbPreload, reports_the_configured_channel_layout) {
 TEST(FakefbPreload, records_the_colour_map_of_an_8_bit_panel) {
     const Panel panel(kDevice, Geometry::forDepth(8, 16, 16));
     panel.apply();
-    const Fd fd(open(kDevice, O_RDWR));
+    const FileDescriptor fd(open(kDevice, O_RDWR));
     ASSERT_GE(fd.get(), 0);
     EXPECT_EQ(panel.putCmapCount(), 0u);
     CmapArrays full(0, 256, false);
@@ -278,7 +264,7 @@ TEST(FakefbPreload, records_the_colour_map_of_a_direct_colour_panel) {
         g.visual = Visual::directcolor;
         const Panel panel(kDevice, g);
         panel.apply();
-        const Fd fd(open(kDevice, O_RDWR));
+        const FileDescriptor fd(open(kDevice, O_RDWR));
         ASSERT_GE(fd.get(), 0);
         EXPECT_EQ(query(fd.get()).fix.visual, static_cast<uint32_t>(FB_VISUAL_DIRECTCOLOR));
         CmapArrays full(0, 256, false);
@@ -294,7 +280,7 @@ TEST(FakefbPreload, truecolor_panel_refuses_a_colour_map_with_einval) {
         SCOPED_TRACE(bpp);
         const Panel panel(kDevice, Geometry::forDepth(bpp, 8, 8));
         panel.apply();
-        const Fd fd(open(kDevice, O_RDWR));
+        const FileDescriptor fd(open(kDevice, O_RDWR));
         ASSERT_GE(fd.get(), 0);
         CmapArrays full(0, 256, false);
         errno = 0;
@@ -308,7 +294,7 @@ TEST(FakefbPreload, truecolor_panel_refuses_a_colour_map_with_einval) {
 TEST(FakefbPreload, colour_map_past_256_entries_is_refused) {
     const Panel panel(kDevice, Geometry::forDepth(8, 8, 8));
     panel.apply();
-    const Fd fd(open(kDevice, O_RDWR));
+    const FileDescriptor fd(open(kDevice, O_RDWR));
     ASSERT_GE(fd.get(), 0);
     CmapArrays tooLong(200, 57, false);
     errno = 0;
@@ -322,7 +308,7 @@ TEST(FakefbPreload, colour_map_past_256_entries_is_refused) {
 TEST(FakefbPreload, other_ioctls_on_a_panel_fail_with_enotty) {
     const Panel panel(kDevice, Geometry::forDepth(16, 8, 8));
     panel.apply();
-    const Fd fd(open(kDevice, O_RDWR));
+    const FileDescriptor fd(open(kDevice, O_RDWR));
     ASSERT_GE(fd.get(), 0);
     fb_var_screeninfo var{};
     errno = 0;
@@ -339,8 +325,8 @@ TEST(FakefbPreload, two_panels_answer_with_their_own_geometry) {
     const Panel fb2("/dev/fakefb-test-a", g2);
     const Panel fb3("/dev/fakefb-test-b", g3);
     Panel::applyAll({&fb2, &fb3});
-    const Fd fd2(open(fb2.device().c_str(), O_RDWR));
-    const Fd fd3(open(fb3.device().c_str(), O_RDWR));
+    const FileDescriptor fd2(open(fb2.device().c_str(), O_RDWR));
+    const FileDescriptor fd3(open(fb3.device().c_str(), O_RDWR));
     ASSERT_GE(fd2.get(), 0);
     ASSERT_GE(fd3.get(), 0);
     expectGeometry(fd2.get(), g2);
@@ -362,8 +348,8 @@ TEST(FakefbPreload, duplicated_descriptors_stay_panels) {
     panel.apply();
     const int original = open(kDevice, O_RDWR);
     ASSERT_GE(original, 0);
-    const Fd dupped(dup(original));
-    const Fd high(fcntl(original, F_DUPFD_CLOEXEC, 200));
+    const FileDescriptor dupped(dup(original));
+    const FileDescriptor high(fcntl(original, F_DUPFD_CLOEXEC, 200));
     ASSERT_GE(dupped.get(), 0);
     ASSERT_GE(high.get(), 200);
     close(original);
@@ -383,7 +369,7 @@ TEST(FakefbPreload, reused_descriptor_number_of_a_plain_file_is_not_a_panel) {
     close(panelFd);
     const std::string plain = panel.backingFile() + ".plain";
     std::ofstream(plain) << "plain";
-    const Fd fd(open(plain.c_str(), O_RDONLY));
+    const FileDescriptor fd(open(plain.c_str(), O_RDONLY));
     ASSERT_EQ(fd.get(), panelFd);  // the lowest free number comes back
     fb_var_screeninfo var{};
     errno = 0;
@@ -396,12 +382,12 @@ TEST(FakefbPreload, paths_that_are_not_panels_reach_the_system) {
     panel.apply();
     const std::string plain = panel.backingFile() + ".text";
     std::ofstream(plain) << "hello";
-    const Fd fd(open(plain.c_str(), O_RDONLY));
+    const FileDescriptor fd(open(plain.c_str(), O_RDONLY));
     ASSERT_GE(fd.get(), 0);
     char buf[16] = {};
     EXPECT_EQ(read(fd.get(), buf, sizeof buf), 5);
     EXPECT_STREQ(buf, "hello");
-    const Fd devNull(open("/dev/null", O_RDWR));
+    const FileDescriptor devNull(open("/dev/null", O_RDWR));
     ASSERT_GE(devNull.get(), 0);
     fb_fix_screeninfo fix{};
     errno = 0;
@@ -410,7 +396,7 @@ TEST(FakefbPreload, paths_that_are_not_panels_reach_the_system) {
     errno = 0;
     EXPECT_EQ(open("/dev/fakefb-test-not-configured", O_RDWR), -1);
     EXPECT_EQ(errno, ENOENT);
-    const Fd created(open((plain + ".new").c_str(), O_RDWR | O_CREAT | O_EXCL, 0600));
+    const FileDescriptor created(open((plain + ".new").c_str(), O_RDWR | O_CREAT | O_EXCL, 0600));
     EXPECT_GE(created.get(), 0);
 }
 
@@ -427,10 +413,10 @@ TEST(FakefbPreload, reconfiguration_between_two_opens_takes_effect) {
     const Panel panelA(kDevice, first);
     const Panel panelB(kDevice, second);
     panelA.apply();
-    const Fd fdA(open(kDevice, O_RDWR));
+    const FileDescriptor fdA(open(kDevice, O_RDWR));
     ASSERT_GE(fdA.get(), 0);
     panelB.apply();
-    const Fd fdB(open(kDevice, O_RDWR));
+    const FileDescriptor fdB(open(kDevice, O_RDWR));
     ASSERT_GE(fdB.get(), 0);
     expectGeometry(fdB.get(), second);
     expectGeometry(fdA.get(), first);  // an open panel keeps its geometry
@@ -442,7 +428,7 @@ TEST(FakefbPreload, every_open_entry_point_reaches_the_panel) {
     const Geometry g = Geometry::forDepth(16, 8, 8);
     const Panel panel(kDevice, g);
     panel.apply();
-    const Fd root(open("/", O_RDONLY | O_DIRECTORY));
+    const FileDescriptor root(open("/", O_RDONLY | O_DIRECTORY));
     struct Row {
         const char* name;
         int fd;
@@ -459,7 +445,7 @@ TEST(FakefbPreload, every_open_entry_point_reaches_the_panel) {
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.name);
-        const Fd fd(row.fd);
+        const FileDescriptor fd(row.fd);
         ASSERT_GE(fd.get(), 0) << strerror(errno);
         expectGeometry(fd.get(), g);
     }
@@ -470,12 +456,12 @@ TEST(FakefbPreload, open_neither_truncates_nor_resizes_a_panel) {
     const Panel panel(kDevice, g);
     panel.apply();
     {
-        const Fd fd(open(kDevice, O_RDWR));
+        const FileDescriptor fd(open(kDevice, O_RDWR));
         const Mapping map(fd.get(), g.frameSize());
         ASSERT_TRUE(map.ok());
         storePixel(map.bytes(), g, 2, 2, 0x00FF00FF);
     }
-    const Fd again(open(kDevice, O_RDWR | O_TRUNC | O_CREAT, 0600));
+    const FileDescriptor again(open(kDevice, O_RDWR | O_TRUNC | O_CREAT, 0600));
     ASSERT_GE(again.get(), 0);
     EXPECT_EQ(panel.pixel(2, 2), 0x00FF00FFu);
     EXPECT_EQ(panel.bytes().size(), g.frameSize());

@@ -556,7 +556,7 @@ void Checks::checkImgKeys(const JsonNode& img, const GuiImgConf& conf) {
     checkInteger<uint16_t>(img, key::kY, conf.y, "position y");
     checkWord(img, key::kHorizontal, lcmgui::kAlignHorWords, "left");
     checkWord(img, key::kVertical, lcmgui::kAlignVertWords, "top");
-    checkWord(img, key::kAnimation, lcmgui::kAnimTypeWords, "static");
+    checkWord(img, key::kAnimation, lcmgui::kAnimationWords, "static");
     const JsonMember* animation = img.member(key::kAnimation);
     if (animation == nullptr || animation->value.text().empty()) {
         static const char* const kTiming[] = {key::kDuration, key::kCount};
@@ -569,13 +569,13 @@ void Checks::checkImgKeys(const JsonNode& img, const GuiImgConf& conf) {
     if (count != nullptr && conf.animation != lcmgui::kAnimSlideshow) {
         warning(count->keyOffset,
                 "\"count\" is ignored: only a slideshow uses it, this animation is " +
-                    quoted(lcmgui::kAnimTypeWords[conf.animation]),
+                    quoted(lcmgui::kAnimationWords[conf.animation]),
                 "Remove it, or make the animation \"slideshow\".");
     }
     const JsonMember* duration = img.member(key::kDuration);
     if (duration != nullptr && conf.animation == lcmgui::kAnimStatic) {
         warning(duration->keyOffset, "\"duration\" is ignored: a static image does not animate",
-                "Remove it, or choose an animation: " + wordList(lcmgui::kAnimTypeWords) + ".");
+                "Remove it, or choose an animation: " + wordList(lcmgui::kAnimationWords) + ".");
     }
 }
 
@@ -586,7 +586,7 @@ void Checks::checkAnimation(const JsonNode& img, const GuiImgConf& conf) {
     const std::string refused =
         "A refused screen is never shown: the request to show it fails and the screen on show "
         "stays. A missing or mistyped value counts as 0.";
-    const std::string kind = lcmgui::kAnimTypeWords[conf.animation];
+    const std::string kind = lcmgui::kAnimationWords[conf.animation];
     const uint32_t maxMs =
         conf.animation == lcmgui::kAnimProgressbar ? lcmgui::kMaxProgressMs : lcmgui::kMaxCycleMs;
     if (conf.duration < lcmgui::kMinPeriodMs || conf.duration > maxMs) {

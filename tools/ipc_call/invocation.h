@@ -1,0 +1,67 @@
+#pragma once
+
+// What one run of ipc_call is asked to do, read from its command line, and the
+// JSON side of its work; everything here is free of the bus, so that the tests
+// can run it without one.
+
+#include <cstdint>
+#include <optional>
+#include <set>
+#include <string>
+
+#include "dravik_variant/variant.h"
+
+namespace ipc_call {
+
+// Exit statuses, documented in --help.
+enum Exit {
+    kOk = 0,
+    kStatusNotZero = 1,
+    kUsage = 2,
+    kBusError = 3,
+    kNoBus = 4,
+};
+
+// The process that the short forms --show-gui and --show-text address.
+inline constexpr const char kDaemon[] = "dravik_lcm_gui";
+inline constexpr long kDefaultTimeoutMs = 5000;
+inline constexpr int kDefaultShowTextSize = 24;
+
+struct Invocation {
+    enum class Bus { kSystem, kSession, kAddress } bus = Bus::kSystem;
+    std::string address;
+    bool noReply = false;
+    bool list = false;
+    uint64_t timeoutUs = kDefaultTimeoutMs * 1000;
+    int indent = 2;
+    // The short forms and their settings, as given.
+    std::optional<std::string> showGui;
+    std::optional<std::string> showText;
+    std::optional<long> size;
+    std::optional<long> brightness;
+    // The call: for --list only `process` counts.
+    std::string process;
+    std::string function;
+    dravik::variant::Variant request =
+        dravik::variant::Variant::MakeContainer(dravik::variant::kObject);
+};
+
+enum class Parsed {
+    kRun,       // `invocation` holds the call to make
+    kHelp,      // --help: print the usage on standard output
+    kBadUsage,  // print the usage on standard error (getopt has named a bad option)
+    kBadValue,  // print `error` on standard error
+};
+
+// Reads the options and operands of a whole command line (argv[0] is the
+// program). getopt_long's state is reset first, so it may be called again.
+Parsed ParseCommandLine(int argc, char* const argv[], Invocation& invocation, std::string& error);
+
+// The exit status for a response: kOk when "statusCode" is 0 or absent.
+int ExitStatusOf(const dravik::variant::Variant& response);
+
+// The function names of `interfaceName` in an endpoint's introspection XML,
+// sorted; none when the interface is not there.
+std::set<std::string> FunctionsIn(const std::string& xml, const std::string& interfaceName);
+
+}  // namespace ipc_call
