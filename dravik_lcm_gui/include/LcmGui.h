@@ -153,6 +153,12 @@ private:
     [[nodiscard]] bool lowShadesArePaletteIndex884() const;
     unsigned char* convertLineByTables(unsigned depth, unsigned line, unsigned width,
                                        unsigned char* dst, unsigned char* src);
+    // The two halves of renderText: the line's coverage drawn for the space
+    // right and below (x, y), and that coverage added to the drawing buffer.
+    [[nodiscard]] bool drawTextCoverage(const GuiTextConf& conf, unsigned x, unsigned y,
+                                        cv::Mat& coverage, unsigned& drawnW, unsigned& drawnH);
+    [[nodiscard]] bool addTextCoverage(const cv::Mat& coverage, unsigned x, unsigned y,
+                                       unsigned drawnW, unsigned drawnH, bool clear);
     // Shows the start-up screen and applies the start-up brightness.
     [[nodiscard]] bool showStartupScreen(const std::string& guiId, signed char brightness);
 

@@ -36,6 +36,27 @@ bool LcmGui::renderText(const GuiTextConf& conf, bool clear, bool show) {
                    screenWidth(), screenHeight());
         return false;
     }
+    cv::Mat coverage;
+    unsigned drawnW = 0;
+    unsigned drawnH = 0;
+    if (!drawTextCoverage(conf, x, y, coverage, drawnW, drawnH)) {
+        return false;
+    }
+    // Aligned by the size actually drawn, not by the space available.
+    if (!getOffsetXY(x, y, drawnW, drawnH, conf.alignHor, conf.alignVert)) {
+        return false;
+    }
+    if (!addTextCoverage(coverage, x, y, drawnW, drawnH, clear)) {
+        return false;
+    }
+    if (show) {
+        (void)showBuf(x, y, drawnW, drawnH);  // the rectangle was checked by getOffsetXY
+    }
+    return true;
+}
+
+bool LcmGui::drawTextCoverage(const GuiTextConf& conf, unsigned x, unsigned y, cv::Mat& coverage,
+                              unsigned& drawnW, unsigned& drawnH) {
     const unsigned availW = screenWidth() - x;
     const unsigned availH = screenHeight() - y;
     unsigned width = 0;
@@ -52,13 +73,11 @@ bool LcmGui::renderText(const GuiTextConf& conf, bool clear, bool show) {
         return false;
     }
     width = std::min(width, availW);  // cut at the right edge, never wrapped
-    cv::Mat coverage = cv::Mat::zeros(static_cast<int>(height), static_cast<int>(width), CV_8UC1);
+    coverage = cv::Mat::zeros(static_cast<int>(height), static_cast<int>(width), CV_8UC1);
     if (coverage.data == nullptr || coverage.total() == 0) {
         DRAVIK_LOG(logger::kError, 0, "Failed to create text buffer");
         return false;
     }
-    unsigned drawnW = 0;
-    unsigned drawnH = 0;
     if (!fontRenderer.lineRender(conf.text, fontSize, coverage.data, availW, availH,
                                  static_cast<unsigned>(coverage.cols), false, drawnW, drawnH)) {
         DRAVIK_LOG(logger::kError, 0, "Failed to render text");
@@ -69,10 +88,12 @@ bool LcmGui::renderText(const GuiTextConf& conf, bool clear, bool show) {
         DRAVIK_LOG(logger::kError, 0, "Something wrong with FontRenderer");
         return false;
     }
-    // Aligned by the size actually drawn, not by the space available.
-    if (!getOffsetXY(x, y, drawnW, drawnH, conf.alignHor, conf.alignVert)) {
-        return false;
-    }
+    return true;
+}
+
+// Text and image pixels add up, saturating: a text over an image brightens it.
+bool LcmGui::addTextCoverage(const cv::Mat& coverage, unsigned x, unsigned y, unsigned drawnW,
+                             unsigned drawnH, bool clear) {
     cv::Mat colour;
     cv::cvtColor(coverage, colour, cv::COLOR_GRAY2BGR);
     if (colour.empty()) {
@@ -90,9 +111,6 @@ bool LcmGui::renderText(const GuiTextConf& conf, bool clear, bool show) {
             target.setTo(cv::Scalar::all(0));
         }
         cv::add(target, colour(drawn), target);
-    }
-    if (show) {
-        (void)showBuf(x, y, drawnW, drawnH);  // the rectangle was checked by getOffsetXY
     }
     return true;
 }
