@@ -270,7 +270,10 @@ def test_lost_bus_ends_the_daemon_with_255_at_once(daemon):
     elapsed = time.monotonic() - killed
     print(f"\nthe daemon ended {elapsed * 1000:.0f} ms after the bus")
     assert status == 255
-    assert elapsed < 1.0, elapsed
+    # One turn of the main loop, a few ms on an idle machine; the bound only
+    # tells "at once" from waiting out a call timeout (25 s in sd-bus), with
+    # room for a sanitized build on a loaded machine.
+    assert elapsed < 5.0, elapsed
     log = daemon.log()
     assert "Failed to service IPC" in log
     assert "Gracefully shut down" not in log
