@@ -14,6 +14,7 @@
 #include <optional>
 #include <sstream>
 
+#include "Checks.h"
 #include "GuiConfig.h"
 #include "GuiLimits.h"
 #include "GuiPaths.h"
@@ -98,10 +99,6 @@ std::string wordList(const char* const (&words)[N]) {
     return list;
 }
 
-std::string quoted(const std::string& s) {
-    return "\"" + s + "\"";
-}
-
 // The file's bytes, like the daemon reads them: a regular file of at most
 // Variant::kMaxJsonFileSize bytes. False with the reason in `error`.
 bool readScreensFile(const std::string& path, std::string& text, std::string& error) {
@@ -135,79 +132,11 @@ bool readScreensFile(const std::string& path, std::string& text, std::string& er
     return ok;
 }
 
-struct Rect {
-    unsigned x = 0, y = 0, w = 0, h = 0;
-};
+}  // namespace
+
+namespace checker {
 
 // ---- The checks ----
-
-class Checks {
-public:
-    Checks(const std::string& path, const std::string& text, const CheckOptions& options)
-        : path_(path), text_(text), options_(options), engine_(config_) {}
-
-    std::vector<Finding> run();
-
-private:
-    void error(size_t offset, std::string message, std::string hint) {
-        problems_.push_back({offset, true, std::move(message), std::move(hint)});
-    }
-    void warning(size_t offset, std::string message, std::string hint) {
-        problems_.push_back({offset, false, std::move(message), std::move(hint)});
-    }
-
-    std::vector<Finding> findings();
-    void checkDaemonVerdict();
-    bool checkSyntax(Variant& root);
-    void checkFile(const JsonNode& root, const Variant& variantRoot);
-    template <size_t N>
-    void checkKeys(const JsonNode& object, const char* const (&known)[N], const std::string& what);
-    bool checkScreensList(const JsonNode& root, const JsonMember* screens);
-    void checkScreen(size_t index, const JsonNode& screen, const GuiScreenDesc& desc);
-    void checkName(size_t index, const JsonNode& screen);
-    const JsonNode* element(const JsonNode& screen, const char* name, const char* missingMeans);
-    void checkText(const JsonNode& text, const GuiTextConf& conf);
-    void checkImgKeys(const JsonNode& img, const GuiImgConf& conf);
-    void checkIgnored(const JsonNode& object, const char* const* keys, size_t count,
-                      const std::string& why);
-    template <typename T>
-    void checkInteger(const JsonNode& object, const char* name, T taken, const std::string& use);
-    template <size_t N>
-    void checkWord(const JsonNode& object, const char* name, const char* const (&words)[N],
-                   const std::string& fallback);
-    void checkAnimation(const JsonNode& img, const GuiImgConf& conf);
-    std::optional<Rect> checkImage(const JsonNode& img, const GuiImgConf& conf);
-    std::optional<Rect> checkTextGeometry(const JsonNode& text, const GuiTextConf& conf);
-    void checkOverlap(const JsonNode& screen, const Rect& text, const Rect& image,
-                      const GuiImgConf& img);
-
-    size_t at(const JsonNode& object, const char* name) const {
-        const JsonMember* m = object.member(name);
-        return m != nullptr ? m->value.offset : object.offset;
-    }
-    unsigned panelWidth() const { return options_.panel.var.xres; }
-    unsigned panelHeight() const { return options_.panel.var.yres; }
-    std::string panelSize() const {
-        return std::to_string(panelWidth()) + "x" + std::to_string(panelHeight());
-    }
-
-    struct Problem {
-        size_t offset;
-        bool error;
-        std::string message;
-        std::string hint;
-    };
-
-    const std::string& path_;
-    const std::string& text_;
-    const CheckOptions& options_;
-    lcmgui::GuiConfig config_;
-    lcmgui::LcmGui engine_;
-    FontRenderer fonts_;
-    bool fontsReady_ = false;
-    std::string imgPath_;
-    std::vector<Problem> problems_;
-};
 
 std::vector<Finding> Checks::run() {
     {
@@ -289,6 +218,15 @@ void Checks::checkFile(const JsonNode& root, const Variant& variantRoot) {
         return;
     }
     checkKeys(root, lcmgui::kFileKeys, "the file");
+    checkImgPath(root);
+    checkBackLight(root);
+    const JsonMember* screens = root.member(key::kScreens);
+    if (checkScreensList(root, screens)) {
+        checkScreens(screens->value, variantRoot);
+    }
+}
+
+void Checks::checkImgPath(const JsonNode& root) {
     const JsonMember* imgPath = root.member(key::kImgPath);
     if (imgPath == nullptr) {
         error(root.offset, "required key \"imgPath\" is missing",
@@ -303,7 +241,9 @@ void Checks::checkFile(const JsonNode& root, const Variant& variantRoot) {
               "Give the directory of the images, such as \"/etc/gui/images\".");
     }
     imgPath_ = imgPath != nullptr ? imgPath->value.text() : "";
+}
 
+void Checks::checkBackLight(const JsonNode& root) {
     const JsonMember* backLight = root.member(key::kBackLightPath);
     if (backLight == nullptr || !backLight->value.isString() || backLight->value.text().empty()) {
         const std::string what = backLight == nullptr ? "there is no \"backLightPath\""
@@ -317,13 +257,13 @@ void Checks::checkFile(const JsonNode& root, const Variant& variantRoot) {
                 "with failure, although its screen is shown. Give the backlight's directory, "
                 "such as \"/sys/class/backlight/lcd-backlight\".");
     }
+}
 
-    const JsonMember* screens = root.member(key::kScreens);
-    if (!checkScreensList(root, screens)) {
-        return;
-    }
+// Each screen, read by the daemon's own reader beside its JSON positions, and
+// the names taken twice.
+void Checks::checkScreens(const JsonNode& screens, const Variant& variantRoot) {
     const Variant* list = variantRoot.GetKeyChain(variant::kObject, key::kScreens, true);
-    const auto& elements = screens->value.elements;
+    const auto& elements = screens.elements;
     std::map<std::string, size_t> firstOffset;
     size_t index = 0;
     for (auto it = list->num_begin(); it != list->num_end() && index < elements.size();
@@ -609,204 +549,7 @@ void Checks::checkAnimation(const JsonNode& img, const GuiImgConf& conf) {
     }
 }
 
-std::optional<Rect> Checks::checkImage(const JsonNode& img, const GuiImgConf& conf) {
-    if (conf.file.empty() || imgPath_.empty()) {
-        return std::nullopt;
-    }
-    const std::string path = imgPath_ + "/" + conf.file;
-    const size_t fileAt = at(img, key::kFile);
-    const std::string shownWithout = "The screen is shown without its image.";
-    std::string contained;
-    if (!lcmgui::containGuiPath(path, contained)) {
-        warning(fileAt,
-                "image " + quoted(path) + " lies outside " + lcmgui::kGuiDirectories[0] + " and " +
-                    lcmgui::kGuiDirectories[1] + ": the daemon does not read it",
-                "Images must lie below one of those directories (\"..\" cannot leave them). " +
-                    shownWithout);
-        return std::nullopt;
-    }
-    const std::string onDisk = options_.root + contained;
-    std::string resolved;
-    bool isDirectory = false;
-    if (!resolvePath(onDisk.c_str(), resolved, isDirectory, nullptr)) {
-        warning(fileAt,
-                "image " + quoted(path) + " is not found" +
-                    (options_.root.empty() ? "" : " (looked up as " + onDisk + ")"),
-                "File names are case-sensitive. " + shownWithout);
-        return std::nullopt;
-    }
-    const cv::Mat stored = lcmgui::decodeImageFileAsStored(resolved);
-    const cv::Mat colour = stored.empty() ? cv::Mat() : lcmgui::decodeImageFile(resolved);
-    if (stored.empty() || colour.empty()) {
-        warning(fileAt, "image " + quoted(path) + " cannot be decoded",
-                "The daemon reads what OpenCV reads (PNG, JPEG, BMP, ...), up to about 100 "
-                "panels' worth of pixels. " +
-                    shownWithout);
-        return std::nullopt;
-    }
-    if (stored.depth() != CV_8U) {
-        warning(fileAt,
-                "image " + quoted(path) + " is not 8 bits per channel: the daemon reduces it",
-                "Save it with 8 bits per channel to see exactly what the panel shows.");
-    }
-    if (stored.channels() == 4 || stored.channels() == 2) {
-        warning(fileAt, "image " + quoted(path) + " has an alpha channel, which the daemon drops",
-                "Transparent pixels show the colour stored under them (often black): the image "
-                "is added onto the screen, not blended. Save it without alpha.");
-    } else if (stored.channels() == 1) {
-        warning(fileAt,
-                "image " + quoted(path) + " is grey, not colour: the daemon makes it colour",
-                "It shows as intended; save it as 8-bit colour to silence this.");
-    }
-    unsigned w = 0;
-    unsigned h = 0;
-    engine_.getImgUsedSize(colour, conf.animation, conf.count, w, h);
-    if (w == 0 || h == 0) {
-        const bool slides = conf.animation == lcmgui::kAnimSlideshow;
-        warning(slides ? at(img, key::kCount) : fileAt,
-                slides ? "slideshow count " + std::to_string(conf.count) +
-                             " is larger than the image's width of " + std::to_string(colour.cols) +
-                             " pixels: the daemon does not show the image"
-                       : "image " + quoted(path) + " has no rows to show",
-                slides ? "The slides lie side by side in the image, so it must be at least one "
-                         "pixel wide per slide."
-                       : "A progress bar image holds the full bar above the empty one.");
-        return std::nullopt;
-    }
-    if (w > panelWidth() || h > panelHeight()) {
-        const std::string per = conf.animation == lcmgui::kAnimSlideshow     ? " per slide"
-                                : conf.animation == lcmgui::kAnimProgressbar ? " per half"
-                                                                             : "";
-        warning(fileAt,
-                "image " + quoted(path) + " shows " + std::to_string(w) + "x" + std::to_string(h) +
-                    per + ", more than the panel's " + panelSize() +
-                    ": the daemon does not show it",
-                "A slideshow shows one slide (image width / count) at a time, a progress bar "
-                "one half (image height / 2); a still or breathing image shows whole. " +
-                    shownWithout);
-        return std::nullopt;
-    }
-    unsigned x = conf.x;
-    unsigned y = conf.y;
-    if (uint64_t{x} + w > panelWidth() || uint64_t{y} + h > panelHeight()) {
-        const bool aligned =
-            conf.alignHor != lcmgui::kAlignLeft || conf.alignVert != lcmgui::kAlignTop;
-        warning(at(img, uint64_t{x} + w > panelWidth() ? key::kX : key::kY),
-                "the image (" + std::to_string(w) + "x" + std::to_string(h) + ") at (" +
-                    std::to_string(x) + ", " + std::to_string(y) + ") reaches off the panel " +
-                    panelSize() + ": the daemon does not draw it",
-                aligned ? "The position is checked before the alignment moves the image: with "
-                          "\"center\" or \"middle\" it counts half, with \"right\" or \"bottom\" "
-                          "not at all, yet it must still fit. Use 0 with those alignments."
-                        : "Move it so that it fits on the panel. " + shownWithout);
-        return std::nullopt;
-    }
-    if (!engine_.getOffsetXY(x, y, w, h, conf.alignHor, conf.alignVert)) {
-        return std::nullopt;
-    }
-    return Rect{x, y, w, h};
-}
-
-std::optional<Rect> Checks::checkTextGeometry(const JsonNode& text, const GuiTextConf& conf) {
-    if (conf.text.empty()) {
-        return std::nullopt;
-    }
-    const std::string leftOut = "The screen is shown without its text.";
-    if (conf.size < lcmgui::kMinFontSize || conf.size > lcmgui::kMaxFontSize) {
-        warning(at(text, text.member(key::kSize) != nullptr ? key::kSize : key::kStr),
-                "font size " + std::to_string(conf.size) + " is outside " +
-                    std::to_string(lcmgui::kMinFontSize) + ".." +
-                    std::to_string(lcmgui::kMaxFontSize) + ": the daemon leaves the text out",
-                (text.member(key::kSize) == nullptr ? "Without \"size\" the size is 0. " : "") +
-                    leftOut);
-        return std::nullopt;
-    }
-    unsigned lineHeight = 0;
-    if (!fontsReady_ || !fonts_.maxLineHeight(conf.size, lineHeight)) {
-        return std::nullopt;
-    }
-    if (lineHeight > panelHeight()) {
-        warning(at(text, key::kSize),
-                "a line of font size " + std::to_string(conf.size) + " is " +
-                    std::to_string(lineHeight) + " pixels tall, more than the panel's " +
-                    std::to_string(panelHeight()) + ": the daemon leaves the text out",
-                "Use a smaller size. " + leftOut);
-        return std::nullopt;
-    }
-    unsigned x = conf.x;
-    unsigned y = conf.y;
-    if (x >= panelWidth() || y >= panelHeight()) {
-        warning(at(text, x >= panelWidth() ? key::kX : key::kY),
-                "the text position (" + std::to_string(x) + ", " + std::to_string(y) +
-                    ") is off the panel " + panelSize() + ": the daemon leaves the text out",
-                "Positions count from the panel's top left corner, 0 .. width - 1 and "
-                "0 .. height - 1. " +
-                    leftOut);
-        return std::nullopt;
-    }
-    const unsigned availW = panelWidth() - x;
-    const unsigned availH = panelHeight() - y;
-    unsigned w = 0;
-    unsigned h = 0;
-    if (!fonts_.lineRender(conf.text, conf.size, nullptr, availW, lineHeight, availW, true, w, h)) {
-        warning(at(text, key::kStr), "the text cannot be measured: the daemon leaves it out",
-                leftOut);
-        return std::nullopt;
-    }
-    if (h > availH) {
-        warning(at(text, text.member(key::kY) != nullptr ? key::kY : key::kStr),
-                "a line " + std::to_string(h) +
-                    " pixels tall does not fit below y = " + std::to_string(y) + " (" +
-                    std::to_string(availH) + " pixels are left): the daemon leaves the text out",
-                "The space below y must hold a whole line, whatever the vertical alignment. " +
-                    leftOut);
-        return std::nullopt;
-    }
-    constexpr unsigned kUnbounded = 1U << 20;
-    unsigned fullW = 0;
-    unsigned fullH = 0;
-    if (fonts_.lineRender(conf.text, conf.size, nullptr, kUnbounded, lineHeight, kUnbounded, true,
-                          fullW, fullH) &&
-        fullW > availW) {
-        warning(at(text, key::kStr),
-                "the text is " + std::to_string(fullW) + " pixels wide, but only " +
-                    std::to_string(availW) + " fit right of x = " + std::to_string(x) +
-                    ": it is cut at the panel's right edge",
-                "A line is never wrapped. Use a smaller size or a shorter text; with \"center\", "
-                "x = 0 leaves the panel's whole width.");
-    }
-    w = std::min(w, availW);
-    if (!engine_.getOffsetXY(x, y, w, h, conf.alignHor, conf.alignVert)) {
-        return std::nullopt;
-    }
-    return Rect{x, y, w, h};
-}
-
-void Checks::checkOverlap(const JsonNode& screen, const Rect& text, const Rect& image,
-                          const GuiImgConf& img) {
-    const unsigned left = std::max(text.x, image.x);
-    const unsigned top = std::max(text.y, image.y);
-    const unsigned right = std::min(text.x + text.w, image.x + image.w);
-    const unsigned bottom = std::min(text.y + text.h, image.y + image.h);
-    if (left >= right || top >= bottom) {
-        return;
-    }
-    const auto box = [](const Rect& r) {
-        return std::to_string(r.w) + "x" + std::to_string(r.h) + " at (" + std::to_string(r.x) +
-               ", " + std::to_string(r.y) + ")";
-    };
-    const JsonMember* m = screen.member(key::kImg);
-    warning(m != nullptr ? m->keyOffset : screen.offset,
-            "the text (" + box(text) + ") and the image (" + box(image) +
-                ") overlap: their pixels add up there",
-            std::string("Where both have colour they add up and saturate towards white.") +
-                (img.animation != lcmgui::kAnimStatic
-                     ? " The animation clears the image's rectangle at its first step, so the "
-                       "text inside it disappears then."
-                     : ""));
-}
-
-}  // namespace
+}  // namespace checker
 
 std::vector<Finding> checkScreensFile(const std::string& path, const CheckOptions& options) {
     std::string text;
@@ -814,42 +557,8 @@ std::vector<Finding> checkScreensFile(const std::string& path, const CheckOption
     if (!readScreensFile(path, text, error)) {
         return {{path, 0, 0, true, error, "Give the path of a screens file of at most 16 MiB."}};
     }
-    Checks checks(path, text, options);
+    checker::Checks checks(path, text, options);
     return checks.run();
-}
-
-int checkStatus(const std::vector<Finding>& findings) {
-    if (std::any_of(findings.begin(), findings.end(), [](const Finding& f) { return f.error; })) {
-        return 2;
-    }
-    return findings.empty() ? 0 : 1;
-}
-
-std::string formatFindings(const std::vector<Finding>& findings) {
-    std::ostringstream out;
-    for (const Finding& f : findings) {
-        out << f.file;
-        if (f.line != 0) {
-            out << ':' << f.line << ':' << f.column;
-        }
-        out << ": " << (f.error ? "error" : "warning") << ": " << f.message << '\n'
-            << "    hint: " << f.hint << '\n';
-    }
-    return out.str();
-}
-
-std::string formatFindingsJson(const std::vector<Finding>& findings) {
-    nlohmann::json list = nlohmann::json::array();
-    for (const Finding& f : findings) {
-        list.push_back({{"file", f.file},
-                        {"line", f.line},
-                        {"column", f.column},
-                        {"severity", f.error ? "error" : "warning"},
-                        {"message", f.message},
-                        {"hint", f.hint}});
-    }
-    // Replaced rather than refused: messages quote the file, which need not be UTF-8.
-    return list.dump(2, ' ', false, nlohmann::json::error_handler_t::replace) + "\n";
 }
 
 }  // namespace dravik::preview

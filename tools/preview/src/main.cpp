@@ -13,6 +13,7 @@
 
 #include "GuiConfig.h"
 #include "ImageCodecs.h"
+#include "dravik_utils/getopt_table.h"
 #include "preview/Checker.h"
 #include "preview/Panel.h"
 #include "preview/Renderer.h"
@@ -109,20 +110,6 @@ EXAMPLES
     dravik_lcm_gui_preview --check --root /tmp/device screens.json
 )";
 
-const option kOptions[] = {
-    {"panel", required_argument, nullptr, 'p'},
-    {"layout", required_argument, nullptr, 'l'},
-    {"root", required_argument, nullptr, 'r'},
-    {"screen", required_argument, nullptr, 's'},
-    {"at", required_argument, nullptr, 'a'},
-    {"scale", required_argument, nullptr, 'x'},
-    {"out", required_argument, nullptr, 'o'},
-    {"check", no_argument, nullptr, 'c'},
-    {"json", no_argument, nullptr, 'j'},
-    {"help", no_argument, nullptr, 'h'},
-    {nullptr, 0, nullptr, 0},
-};
-
 struct Options {
     PanelFormat panel;
     std::string layout;
@@ -151,63 +138,60 @@ unsigned long number(const char* text, unsigned long max, const char* what) {
     return value;
 }
 
-Options parseCommandLine(int argc, char** argv) {
-    Options options;
+dravik::preview::PanelFormat panelFrom(const char* text, const char* what) {
+    PanelFormat panel;
     std::string error;
-    if (!dravik::preview::parsePanel("240x240x16", options.panel, error)) {
-        throw UsageError{error};
+    if (!dravik::preview::parsePanel(text, panel, error)) {
+        throw UsageError{what + error};
     }
-    int opt = 0;
-    while ((opt = getopt_long(argc, argv, "p:l:r:s:a:o:cjh", kOptions, nullptr)) != -1) {
-        switch (opt) {
-            case 'p':
-                if (!dravik::preview::parsePanel(optarg, options.panel, error)) {
-                    throw UsageError{"--panel: " + error};
-                }
-                break;
-            case 'l':
-                options.layout = optarg;
-                break;
-            case 'r':
-                options.root = optarg;
-                break;
-            case 's':
-                options.screens.emplace_back(optarg);
-                break;
-            case 'a':
-                options.atMs.push_back(number(optarg, kMaxAtMs, "--at"));
-                break;
-            case 'x':
-                options.scale = static_cast<int>(number(optarg, kMaxScale, "--scale"));
-                if (options.scale < 1) {
-                    throw UsageError{"bad --scale \"0\": expected 1.." + std::to_string(kMaxScale)};
-                }
-                break;
-            case 'o':
-                options.out = optarg;
-                break;
-            case 'c':
-                options.check = true;
-                break;
-            case 'j':
-                options.json = true;
-                break;
-            case 'h':
-                std::fputs(kHelp, stdout);
-                std::exit(kOk);
-            default:
-                throw UsageError{""};  // getopt_long has described the problem
+    return panel;
+}
+
+// One option and what it sets; --help has nothing to set and ends the parse.
+struct OptionRow {
+    const char* name;
+    char letter;
+    bool takesArgument;
+    void (*apply)(const char* arg, Options& options);
+};
+
+const OptionRow kOptionRows[] = {
+    {"panel", 'p', true,
+     [](const char* arg, Options& o) { o.panel = panelFrom(arg, "--panel: "); }},
+    {"layout", 'l', true, [](const char* arg, Options& o) { o.layout = arg; }},
+    {"root", 'r', true, [](const char* arg, Options& o) { o.root = arg; }},
+    {"screen", 's', true, [](const char* arg, Options& o) { o.screens.emplace_back(arg); }},
+    {"at", 'a', true,
+     [](const char* arg, Options& o) { o.atMs.push_back(number(arg, kMaxAtMs, "--at")); }},
+    {"scale", 'x', true,
+     [](const char* arg, Options& o) {
+         o.scale = static_cast<int>(number(arg, kMaxScale, "--scale"));
+         if (o.scale < 1) {
+             throw UsageError{"bad --scale \"0\": expected 1.." + std::to_string(kMaxScale)};
+         }
+     }},
+    {"out", 'o', true, [](const char* arg, Options& o) { o.out = arg; }},
+    {"check", 'c', false, [](const char*, Options& o) { o.check = true; }},
+    {"json", 'j', false, [](const char*, Options& o) { o.json = true; }},
+    {"help", 'h', false, nullptr},
+};
+
+// Applies one option found by getopt_long; false for --help.
+bool applyOption(int opt, const char* arg, Options& options) {
+    for (const OptionRow& row : kOptionRows) {
+        if (row.letter == opt) {
+            if (row.apply == nullptr) {
+                return false;
+            }
+            row.apply(arg, options);
+            return true;
         }
     }
-    // The layout applies to the final depth, whichever option came first.
-    if (!options.layout.empty() &&
-        !dravik::preview::parseLayout(options.layout, options.panel, error)) {
-        throw UsageError{"--layout: " + error};
-    }
-    if (argc - optind != 1) {
-        throw UsageError{"expected one screens file"};
-    }
-    options.file = argv[optind];
+    throw UsageError{""};  // getopt_long has described the problem
+}
+
+// The combinations of options that make sense, and the root in one spelling.
+void finishOptions(Options& options) {
     if (!options.check && options.out.empty()) {
         throw UsageError{"--out DIR is required to write pictures"};
     }
@@ -225,6 +209,31 @@ Options parseCommandLine(int argc, char** argv) {
     if (options.root == "/") {
         options.root.clear();
     }
+}
+
+Options parseCommandLine(int argc, char** argv) {
+    Options options;
+    options.panel = panelFrom("240x240x16", "");
+    const dravik::utils::GetoptTables tables = dravik::utils::getoptTables(kOptionRows);
+    int opt = 0;
+    while ((opt = getopt_long(argc, argv, tables.shortOptions.c_str(), tables.longOptions.data(),
+                              nullptr)) != -1) {
+        if (!applyOption(opt, optarg, options)) {
+            std::fputs(kHelp, stdout);
+            std::exit(kOk);
+        }
+    }
+    // The layout applies to the final depth, whichever option came first.
+    std::string error;
+    if (!options.layout.empty() &&
+        !dravik::preview::parseLayout(options.layout, options.panel, error)) {
+        throw UsageError{"--layout: " + error};
+    }
+    if (argc - optind != 1) {
+        throw UsageError{"expected one screens file"};
+    }
+    options.file = argv[optind];
+    finishOptions(options);
     return options;
 }
 
