@@ -15,6 +15,8 @@
 #include <ctime>
 #include <string>
 
+#include "dravik_utils/utils.h"
+
 namespace {
 
 dravik::logger::Hook& hook() {
@@ -51,19 +53,6 @@ bool stderrIsJournal() {
         return fstat(STDERR_FILENO, &st) == 0 && st.st_dev == dev && st.st_ino == ino;
     }();
     return isJournal;
-}
-
-std::string formatMessage(const char* format, va_list args) {
-    va_list measure;
-    va_copy(measure, args);
-    const int length = vsnprintf(nullptr, 0, format, measure);
-    va_end(measure);
-    std::string out;
-    if (length > 0) {
-        out.resize(static_cast<size_t>(length));
-        (void)vsnprintf(out.data(), out.size() + 1, format, args);  // sized above
-    }
-    return out;
 }
 
 void writeJournal(const dravik::logger::Record& r) {
@@ -218,7 +207,7 @@ void logInternal(const char* tag, const char* sourceFile, const char* function, 
     if (format != nullptr) {
         va_list args;
         va_start(args, format);
-        r.message = formatMessage(format, args);
+        r.message = dravik::utils::vformat(format, args);
         va_end(args);
     }
     if (stderrIsJournal()) {

@@ -19,9 +19,7 @@ MsClock gMsClock = monotonicMs;
 
 }  // namespace
 
-std::string format(const char* format, ...) {
-    va_list args;
-    va_start(args, format);
+std::string vformat(const char* format, va_list args) {
     va_list measure;
     va_copy(measure, args);
     const int length = vsnprintf(nullptr, 0, format, measure);
@@ -31,6 +29,13 @@ std::string format(const char* format, ...) {
         out.resize(static_cast<size_t>(length));
         (void)vsnprintf(out.data(), out.size() + 1, format, args);  // length measured above
     }
+    return out;
+}
+
+std::string format(const char* format, ...) {
+    va_list args;
+    va_start(args, format);
+    std::string out = vformat(format, args);
     va_end(args);
     return out;
 }
@@ -60,7 +65,9 @@ MsClock setMsClock(MsClock clock) {
 
 }  // namespace dravik::utils
 
-uint64_t nowMs() { return dravik::utils::gMsClock(); }
+uint64_t nowMs() {
+    return dravik::utils::gMsClock();
+}
 
 bool resolvePath(const char* path, std::string& resolved, bool& isDirectory, struct stat* info) {
     if (path == nullptr || *path == '\0') {

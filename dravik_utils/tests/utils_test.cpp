@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <cstdarg>
 #include <cstdlib>
 #include <fstream>
 #include <string>
@@ -22,6 +23,23 @@ TEST(format, formats_like_printf) {
 TEST(format, grows_to_any_length) {
     const std::string big(10000, 'x');
     EXPECT_EQ(format("<%s>", big.c_str()), "<" + big + ">");
+}
+
+// A caller with an argument list of its own, as the logger is.
+std::string formatThrough(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
+std::string formatThrough(const char* fmt, ...) {
+    va_list args;
+    va_start(args, fmt);
+    std::string out = dravik::utils::vformat(fmt, args);
+    va_end(args);
+    return out;
+}
+
+TEST(vformat, formats_a_started_argument_list_of_any_length) {
+    EXPECT_EQ(formatThrough("%s=%d", "brightness", -1), "brightness=-1");
+    EXPECT_EQ(formatThrough("%s", ""), "");
+    const std::string big(10000, 'y');
+    EXPECT_EQ(formatThrough("[%s]", big.c_str()), "[" + big + "]");
 }
 
 TEST(trim, removes_surrounding_white_space_only) {

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "dravik_utils/file_descriptor.h"
+#include "dravik_utils/tracking_iterator.h"
 #include "dravik_variant/variant.h"
 
 namespace dravik::variant {
@@ -42,38 +43,7 @@ std::string stripPosition(const std::string& what) {
     return colon == std::string::npos ? what : what.substr(colon + 2);
 }
 
-// Input iterator over the text that publishes how far the lexer has read, so
-// that errors raised by the handler itself (nesting, integer range) can be
-// located too.
-class TrackingIterator {
-public:
-    using iterator_category = std::input_iterator_tag;
-    using value_type = char;
-    using difference_type = std::ptrdiff_t;
-    using pointer = const char*;
-    using reference = const char&;
-
-    TrackingIterator(const char* position, const char** consumed)
-        : position_(position), consumed_(consumed) {}
-
-    reference operator*() const { return *position_; }
-    TrackingIterator& operator++() {
-        ++position_;
-        *consumed_ = position_;
-        return *this;
-    }
-    TrackingIterator operator++(int) {
-        TrackingIterator before = *this;
-        ++*this;
-        return before;
-    }
-    bool operator==(const TrackingIterator& other) const { return position_ == other.position_; }
-    bool operator!=(const TrackingIterator& other) const { return position_ != other.position_; }
-
-private:
-    const char* position_;
-    const char** consumed_;
-};
+using utils::TrackingIterator;
 
 // Builds a Variant straight from the parser's events. Containers under
 // construction are kept on an explicit stack (map nodes never move, so the

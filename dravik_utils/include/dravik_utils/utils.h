@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 #include <sys/time.h>
 
+#include <cstdarg>
 #include <cstdint>
 #include <string>
 
@@ -10,6 +11,8 @@ namespace dravik::utils {
 
 // printf-style formatting into a new string of whatever length is needed.
 std::string format(const char* format, ...) __attribute__((format(printf, 1, 2)));
+// The same for an argument list that the caller has started (and ends).
+std::string vformat(const char* format, va_list args) __attribute__((format(printf, 1, 0)));
 
 // Removes leading and trailing blanks, tabs, carriage returns and line feeds in place.
 void trim(std::string& s);

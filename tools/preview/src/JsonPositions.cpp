@@ -3,43 +3,15 @@
 #include <algorithm>
 #include <iterator>
 
+#include "dravik_utils/tracking_iterator.h"
+
 namespace dravik::preview {
 
 namespace {
 
 using nlohmann::json;
 
-// Input iterator over the text that publishes how far the parser has read, so
-// that each event can be placed in the text.
-class CountingIterator {
-public:
-    using iterator_category = std::input_iterator_tag;
-    using value_type = char;
-    using difference_type = std::ptrdiff_t;
-    using pointer = const char*;
-    using reference = const char&;
-
-    CountingIterator(const char* position, const char** consumed)
-        : position_(position), consumed_(consumed) {}
-
-    reference operator*() const { return *position_; }
-    CountingIterator& operator++() {
-        ++position_;
-        *consumed_ = position_;
-        return *this;
-    }
-    CountingIterator operator++(int) {
-        CountingIterator before = *this;
-        ++*this;
-        return before;
-    }
-    bool operator==(const CountingIterator& other) const { return position_ == other.position_; }
-    bool operator!=(const CountingIterator& other) const { return position_ != other.position_; }
-
-private:
-    const char* position_;
-    const char** consumed_;
-};
+using utils::TrackingIterator;
 
 bool isBlank(char c) {
     return c == ' ' || c == '\t' || c == '\n' || c == '\r';
@@ -55,8 +27,8 @@ public:
     explicit PositionBuilder(const std::string& text, JsonNode& root)
         : text_(text), consumed_(text.data()), root_(root) {}
 
-    CountingIterator begin() { return {text_.data(), &consumed_}; }
-    CountingIterator end() { return {text_.data() + text_.size(), &consumed_}; }
+    TrackingIterator begin() { return {text_.data(), &consumed_}; }
+    TrackingIterator end() { return {text_.data() + text_.size(), &consumed_}; }
 
     bool null() override { return scalar(json::value_t::null, nullptr); }
     bool boolean(bool value) override { return scalar(json::value_t::boolean, value); }
