@@ -13,6 +13,7 @@
 #include <cstring>
 #include <string>
 
+#include "FuzzBytes.h"
 #include "dravik_ipc/dbus_value.h"
 #include "dravik_ipc/sdbus_handles.h"
 #include "dravik_variant/variant.h"
@@ -22,36 +23,7 @@ using dravik::variant::Variant;
 
 namespace {
 
-// Reads the fuzz bytes front to back; past the end every read is zero.
-class Bytes {
-public:
-    Bytes(const uint8_t* data, size_t size) : data_(data), size_(size) {}
-    uint8_t byte() { return pos_ < size_ ? data_[pos_++] : 0; }
-    template <typename T>
-    T value() {
-        T out{};
-        uint8_t raw[sizeof(T)] = {};
-        for (uint8_t& b : raw) {
-            b = byte();
-        }
-        std::memcpy(&out, raw, sizeof(T));
-        return out;
-    }
-    std::string text(size_t max) {
-        const size_t length = byte() % (max + 1);
-        std::string out;
-        for (size_t i = 0; i < length; ++i) {
-            out += static_cast<char>(byte());
-        }
-        return out;
-    }
-    bool done() const { return pos_ >= size_; }
-
-private:
-    const uint8_t* data_;
-    size_t size_;
-    size_t pos_ = 0;
-};
+using Bytes = dravik::fuzz::FuzzBytes;
 
 constexpr char kBasic[] = "ybnqiuxtdsog";
 constexpr int kMaxDepth = 40;  // beyond what the decoder accepts (32), within sd-bus's own limits

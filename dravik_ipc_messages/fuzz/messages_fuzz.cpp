@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "FuzzBytes.h"
 #include "dravik_ipc_messages/messages.h"
 #include "dravik_variant/variant.h"
 
@@ -17,43 +18,21 @@ using dravik::variant::Variant;
 
 namespace {
 
-class Bytes {
-public:
-    Bytes(const uint8_t* data, size_t size) : data_(data), size_(size) {}
-    uint8_t byte() { return pos_ < size_ ? data_[pos_++] : 0; }
-    template <typename T>
-    T value() {
-        uint8_t raw[sizeof(T)] = {};
-        for (uint8_t& b : raw) {
-            b = byte();
-        }
-        T out{};
-        std::memcpy(&out, raw, sizeof(T));
-        return out;
-    }
-    std::string text() {
-        // Mostly the words and keys the messages know, sometimes any bytes.
-        static const char* const kWords[] = {"ShowGui",     "ShowSimpleScreen", "__response__",
-                                             "left",        "center",           "right",
-                                             "top",         "middle",           "bottom",
-                                             "static",      "slideshow",        "breathing",
-                                             "progressbar", "Center",           ""};
-        const uint8_t pick = byte();
-        if (pick % 4 != 0) {
-            return kWords[pick % (sizeof kWords / sizeof *kWords)];
-        }
-        std::string out;
-        for (size_t n = byte() % 16; n > 0; --n) {
-            out += static_cast<char>(byte());
-        }
-        return out;
-    }
+using Bytes = dravik::fuzz::FuzzBytes;
 
-private:
-    const uint8_t* data_;
-    size_t size_;
-    size_t pos_ = 0;
-};
+// Mostly the words and keys the messages know, sometimes any bytes.
+std::string wordOrText(Bytes& in) {
+    static const char* const kWords[] = {"ShowGui",     "ShowSimpleScreen", "__response__",
+                                         "left",        "center",           "right",
+                                         "top",         "middle",           "bottom",
+                                         "static",      "slideshow",        "breathing",
+                                         "progressbar", "Center",           ""};
+    const uint8_t pick = in.byte();
+    if (pick % 4 != 0) {
+        return kWords[pick % (sizeof kWords / sizeof *kWords)];
+    }
+    return in.text(15);
+}
 
 // Every key any message class declares, so that generated objects hit them.
 const char* const kKeys[] = {"id",
@@ -117,7 +96,7 @@ Variant makeValue(Bytes& in, int depth) {
         case 12:
         case 13:
         case 14:
-            return Variant(in.text());
+            return Variant(wordOrText(in));
         default: {
             const bool object = in.byte() % 4 != 0;
             Variant container =
