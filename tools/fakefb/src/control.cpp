@@ -45,29 +45,29 @@ void copyString(char* dst, const std::string& src) {
     memcpy(dst, src.c_str(), src.size() + 1);
 }
 
-PanelSpec toSpec(const std::string& device, const std::string& file, const Geometry& g) {
-    PanelSpec panelSpec;
-    copyString(panelSpec.device, device);
-    copyString(panelSpec.file, file);
-    panelSpec.width = g.width;
-    panelSpec.height = g.height;
-    panelSpec.bpp = g.bpp;
-    panelSpec.red = {g.red.offset, g.red.length};
-    panelSpec.green = {g.green.offset, g.green.length};
-    panelSpec.blue = {g.blue.offset, g.blue.length};
-    panelSpec.transp = {g.transp.offset, g.transp.length};
-    panelSpec.lineLength = g.lineLength;
-    panelSpec.visual = static_cast<uint32_t>(g.visual);
-    return panelSpec;
+PanelDesc toDesc(const std::string& device, const std::string& file, const Geometry& g) {
+    PanelDesc panelDesc;
+    copyString(panelDesc.device, device);
+    copyString(panelDesc.file, file);
+    panelDesc.width = g.width;
+    panelDesc.height = g.height;
+    panelDesc.bpp = g.bpp;
+    panelDesc.red = {g.red.offset, g.red.length};
+    panelDesc.green = {g.green.offset, g.green.length};
+    panelDesc.blue = {g.blue.offset, g.blue.length};
+    panelDesc.transp = {g.transp.offset, g.transp.length};
+    panelDesc.lineLength = g.lineLength;
+    panelDesc.visual = static_cast<uint32_t>(g.visual);
+    return panelDesc;
 }
 
-void writeSpec(const PanelSpec& panelSpec, const std::string& path) {
+void writeDesc(const PanelDesc& panelDesc, const std::string& path) {
     char error[kErrorMax];
-    if (!validateSpec(panelSpec, error, sizeof error)) {
+    if (!validateDesc(panelDesc, error, sizeof error)) {
         throw std::invalid_argument(std::string("fakefb: bad geometry: ") + error);
     }
     char text[2 * kPathMax + 512];
-    const int n = formatSpec(panelSpec, text, sizeof text);
+    const int n = formatDesc(panelDesc, text, sizeof text);
     std::ofstream out(path, std::ios::binary | std::ios::trunc);
     out.write(text, n < 0 ? 0 : n);
     if (n < 0 || !out.flush()) {
@@ -91,23 +91,23 @@ void appendToVariable(const char* name, const std::string& value, char separator
 }  // namespace
 
 Geometry Geometry::forDepth(uint32_t bpp, uint32_t width, uint32_t height) {
-    PanelSpec panelSpec;
-    panelSpec.width = width;
-    panelSpec.height = height;
-    panelSpec.bpp = bpp;
-    if (!applyDepthDefaults(panelSpec, kGivenNone)) {
+    PanelDesc panelDesc;
+    panelDesc.width = width;
+    panelDesc.height = height;
+    panelDesc.bpp = bpp;
+    if (!applyDepthDefaults(panelDesc, kGivenNone)) {
         throw std::invalid_argument("fakefb: unsupported depth " + std::to_string(bpp));
     }
     Geometry g;
     g.width = width;
     g.height = height;
     g.bpp = bpp;
-    g.red = {panelSpec.red.offset, panelSpec.red.length};
-    g.green = {panelSpec.green.offset, panelSpec.green.length};
-    g.blue = {panelSpec.blue.offset, panelSpec.blue.length};
-    g.transp = {panelSpec.transp.offset, panelSpec.transp.length};
-    g.lineLength = panelSpec.lineLength;
-    g.visual = static_cast<Visual>(panelSpec.visual);
+    g.red = {panelDesc.red.offset, panelDesc.red.length};
+    g.green = {panelDesc.green.offset, panelDesc.green.length};
+    g.blue = {panelDesc.blue.offset, panelDesc.blue.length};
+    g.transp = {panelDesc.transp.offset, panelDesc.transp.length};
+    g.lineLength = panelDesc.lineLength;
+    g.visual = static_cast<Visual>(panelDesc.visual);
     return g;
 }
 
@@ -118,7 +118,7 @@ Panel::Panel(std::string device, const Geometry& geometry)
       geometryFile_(backingFile_ + ".geom"),
       geometry_(geometry) {
     try {
-        writeSpec(toSpec(device_, backingFile_, geometry_), geometryFile_);
+        writeDesc(toDesc(device_, backingFile_, geometry_), geometryFile_);
     } catch (...) {
         std::error_code ignored;  // best effort: the reason is in the exception
         std::filesystem::remove_all(dir_, ignored);

@@ -11,9 +11,9 @@ namespace {
 
 struct DepthDefaults {
     uint32_t bpp;
-    ChannelSpec red;
-    ChannelSpec green;
-    ChannelSpec blue;
+    ChannelDesc red;
+    ChannelDesc green;
+    ChannelDesc blue;
     uint32_t visual;
 };
 
@@ -108,58 +108,58 @@ bool copyPath(const char* value, const char* baseDir, char* out) {
 }
 
 // Parsing state of one geometry file.
-struct SpecParse {
-    PanelSpec& panelSpec;
+struct DescParse {
+    PanelDesc& panelDesc;
     const char* baseDir;
     unsigned given = kGivenNone;
     unsigned channelsSeen = 0;
 };
 
-using KeyParser = bool (*)(SpecParse& parse, const char* value);
+using KeyParser = bool (*)(DescParse& parse, const char* value);
 
-bool parseDevice(SpecParse& p, const char* v) {
-    return copyPath(v, nullptr, p.panelSpec.device);
+bool parseDevice(DescParse& p, const char* v) {
+    return copyPath(v, nullptr, p.panelDesc.device);
 }
-bool parseFile(SpecParse& p, const char* v) {
-    return copyPath(v, p.baseDir, p.panelSpec.file);
+bool parseFile(DescParse& p, const char* v) {
+    return copyPath(v, p.baseDir, p.panelDesc.file);
 }
-bool parseWidth(SpecParse& p, const char* v) {
-    return parseUnsigned(v, p.panelSpec.width);
+bool parseWidth(DescParse& p, const char* v) {
+    return parseUnsigned(v, p.panelDesc.width);
 }
-bool parseHeight(SpecParse& p, const char* v) {
-    return parseUnsigned(v, p.panelSpec.height);
+bool parseHeight(DescParse& p, const char* v) {
+    return parseUnsigned(v, p.panelDesc.height);
 }
-bool parseBpp(SpecParse& p, const char* v) {
-    return parseUnsigned(v, p.panelSpec.bpp);
+bool parseBpp(DescParse& p, const char* v) {
+    return parseUnsigned(v, p.panelDesc.bpp);
 }
-bool parseRed(SpecParse& p, const char* v) {
+bool parseRed(DescParse& p, const char* v) {
     p.channelsSeen |= 1;
-    return parseChannel(v, p.panelSpec.red);
+    return parseChannel(v, p.panelDesc.red);
 }
-bool parseGreen(SpecParse& p, const char* v) {
+bool parseGreen(DescParse& p, const char* v) {
     p.channelsSeen |= 2;
-    return parseChannel(v, p.panelSpec.green);
+    return parseChannel(v, p.panelDesc.green);
 }
-bool parseBlue(SpecParse& p, const char* v) {
+bool parseBlue(DescParse& p, const char* v) {
     p.channelsSeen |= 4;
-    return parseChannel(v, p.panelSpec.blue);
+    return parseChannel(v, p.panelDesc.blue);
 }
-bool parseTransp(SpecParse& p, const char* v) {
+bool parseTransp(DescParse& p, const char* v) {
     p.given |= kGivenTransp;
-    return parseChannel(v, p.panelSpec.transp);
+    return parseChannel(v, p.panelDesc.transp);
 }
-bool parseLineLength(SpecParse& p, const char* v) {
+bool parseLineLength(DescParse& p, const char* v) {
     p.given |= kGivenLineLength;
-    return parseUnsigned(v, p.panelSpec.lineLength);
+    return parseUnsigned(v, p.panelDesc.lineLength);
 }
-bool parseVisualKey(SpecParse& p, const char* v) {
+bool parseVisualKey(DescParse& p, const char* v) {
     p.given |= kGivenVisual;
-    return parseVisual(v, p.panelSpec.visual);
+    return parseVisual(v, p.panelDesc.visual);
 }
-bool parseType(SpecParse& p, const char* v) {
+bool parseType(DescParse& p, const char* v) {
     // Only packed pixels exist on this kind of panel.
     if (strcmp(v, "packed_pixels") == 0) {
-        p.panelSpec.type = kTypePackedPixels;
+        p.panelDesc.type = kTypePackedPixels;
         return true;
     }
     return false;
@@ -210,7 +210,7 @@ const char* takeLine(const char* pos, const char* end, char* buf, std::size_t bu
     return next;
 }
 
-bool parseSpecLine(SpecParse& parse, char* line, int lineNo, char* error, std::size_t errorLen) {
+bool parseDescLine(DescParse& parse, char* line, int lineNo, char* error, std::size_t errorLen) {
     char* eq = strchr(line, '=');
     if (eq == nullptr) {
         setError(error, errorLen, "line %d: expected key=value, got \"%s\"", lineNo, line);
@@ -229,74 +229,74 @@ bool parseSpecLine(SpecParse& parse, char* line, int lineNo, char* error, std::s
     return true;
 }
 
-bool channelFits(const ChannelSpec& channel, uint32_t bpp) {
+bool channelFits(const ChannelDesc& channel, uint32_t bpp) {
     return channel.length <= 32 && channel.offset + channel.length <= bpp;
 }
 
 }  // namespace
 
-bool applyDepthDefaults(PanelSpec& panelSpec, unsigned given) {
-    const DepthDefaults* defaults = findDepth(panelSpec.bpp);
+bool applyDepthDefaults(PanelDesc& panelDesc, unsigned given) {
+    const DepthDefaults* defaults = findDepth(panelDesc.bpp);
     if (defaults == nullptr) {
         return false;
     }
     if ((given & kGivenChannels) == 0) {
-        panelSpec.red = defaults->red;
-        panelSpec.green = defaults->green;
-        panelSpec.blue = defaults->blue;
+        panelDesc.red = defaults->red;
+        panelDesc.green = defaults->green;
+        panelDesc.blue = defaults->blue;
     }
     if ((given & kGivenTransp) == 0) {
-        panelSpec.transp = ChannelSpec{};
+        panelDesc.transp = ChannelDesc{};
     }
     if ((given & kGivenVisual) == 0) {
-        panelSpec.visual = defaults->visual;
+        panelDesc.visual = defaults->visual;
     }
     if ((given & kGivenLineLength) == 0) {
-        panelSpec.lineLength = panelSpec.width * bytesPerPixel(panelSpec);
+        panelDesc.lineLength = panelDesc.width * bytesPerPixel(panelDesc);
     }
     return true;
 }
 
-bool validateSpec(const PanelSpec& panelSpec, char* error, std::size_t errorLen) {
-    if (panelSpec.device[0] == '\0' || panelSpec.file[0] == '\0') {
+bool validateDesc(const PanelDesc& panelDesc, char* error, std::size_t errorLen) {
+    if (panelDesc.device[0] == '\0' || panelDesc.file[0] == '\0') {
         setError(error, errorLen, "device and file are both required");
         return false;
     }
-    if (findDepth(panelSpec.bpp) == nullptr) {
-        setError(error, errorLen, "bpp %u is not one of 8, 15, 16, 24, 32", panelSpec.bpp);
+    if (findDepth(panelDesc.bpp) == nullptr) {
+        setError(error, errorLen, "bpp %u is not one of 8, 15, 16, 24, 32", panelDesc.bpp);
         return false;
     }
-    if (panelSpec.width == 0 || panelSpec.height == 0 || panelSpec.width > kMaxDimension ||
-        panelSpec.height > kMaxDimension) {
-        setError(error, errorLen, "size %ux%u is out of range (1..%u)", panelSpec.width,
-                 panelSpec.height, kMaxDimension);
+    if (panelDesc.width == 0 || panelDesc.height == 0 || panelDesc.width > kMaxDimension ||
+        panelDesc.height > kMaxDimension) {
+        setError(error, errorLen, "size %ux%u is out of range (1..%u)", panelDesc.width,
+                 panelDesc.height, kMaxDimension);
         return false;
     }
-    const uint64_t minLine = static_cast<uint64_t>(panelSpec.width) * bytesPerPixel(panelSpec);
-    if (panelSpec.lineLength < minLine || frameSize(panelSpec) > kMaxFrameSize) {
+    const uint64_t minLine = static_cast<uint64_t>(panelDesc.width) * bytesPerPixel(panelDesc);
+    if (panelDesc.lineLength < minLine || frameSize(panelDesc) > kMaxFrameSize) {
         setError(error, errorLen, "line_length %u is below %llu bytes or the frame is too large",
-                 panelSpec.lineLength, static_cast<unsigned long long>(minLine));
+                 panelDesc.lineLength, static_cast<unsigned long long>(minLine));
         return false;
     }
-    if (visualName(panelSpec.visual) == nullptr) {
-        setError(error, errorLen, "visual %u is not supported", panelSpec.visual);
+    if (visualName(panelDesc.visual) == nullptr) {
+        setError(error, errorLen, "visual %u is not supported", panelDesc.visual);
         return false;
     }
     // A pseudo-colour pixel is an index; its channel fields describe the colour map.
-    if (panelSpec.visual != kVisualPseudocolor && !(channelFits(panelSpec.red, panelSpec.bpp) &&
-                                                    channelFits(panelSpec.green, panelSpec.bpp) &&
-                                                    channelFits(panelSpec.blue, panelSpec.bpp) &&
-                                                    channelFits(panelSpec.transp, panelSpec.bpp))) {
-        setError(error, errorLen, "a channel lies outside the %u-bit pixel", panelSpec.bpp);
+    if (panelDesc.visual != kVisualPseudocolor && !(channelFits(panelDesc.red, panelDesc.bpp) &&
+                                                    channelFits(panelDesc.green, panelDesc.bpp) &&
+                                                    channelFits(panelDesc.blue, panelDesc.bpp) &&
+                                                    channelFits(panelDesc.transp, panelDesc.bpp))) {
+        setError(error, errorLen, "a channel lies outside the %u-bit pixel", panelDesc.bpp);
         return false;
     }
     return true;
 }
 
-bool parseSpec(const char* text, std::size_t len, const char* baseDir, PanelSpec& panelSpec,
+bool parseDesc(const char* text, std::size_t len, const char* baseDir, PanelDesc& panelDesc,
                char* error, std::size_t errorLen) {
-    panelSpec = PanelSpec{};
-    SpecParse parse{panelSpec, baseDir};
+    panelDesc = PanelDesc{};
+    DescParse parse{panelDesc, baseDir};
     const char* pos = text;
     const char* end = text + len;
     char line[kPathMax + 32];
@@ -310,7 +310,7 @@ bool parseSpec(const char* text, std::size_t len, const char* baseDir, PanelSpec
         if (line[0] == '\0' || line[0] == '#') {
             continue;
         }
-        if (!parseSpecLine(parse, line, lineNo, error, errorLen)) {
+        if (!parseDescLine(parse, line, lineNo, error, errorLen)) {
             return false;
         }
     }
@@ -321,25 +321,25 @@ bool parseSpec(const char* text, std::size_t len, const char* baseDir, PanelSpec
     if (parse.channelsSeen == 7) {
         parse.given |= kGivenChannels;
     }
-    if (!applyDepthDefaults(panelSpec, parse.given)) {
-        setError(error, errorLen, "bpp %u is not one of 8, 15, 16, 24, 32", panelSpec.bpp);
+    if (!applyDepthDefaults(panelDesc, parse.given)) {
+        setError(error, errorLen, "bpp %u is not one of 8, 15, 16, 24, 32", panelDesc.bpp);
         return false;
     }
-    return validateSpec(panelSpec, error, errorLen);
+    return validateDesc(panelDesc, error, errorLen);
 }
 
-int formatSpec(const PanelSpec& panelSpec, char* buf, std::size_t bufLen) {
-    const char* visual = visualName(panelSpec.visual);
+int formatDesc(const PanelDesc& panelDesc, char* buf, std::size_t bufLen) {
+    const char* visual = visualName(panelDesc.visual);
     const int n = snprintf(buf, bufLen,
                            "# fakefb panel\n"
                            "device=%s\nfile=%s\nwidth=%u\nheight=%u\nbpp=%u\n"
                            "red=%u/%u\ngreen=%u/%u\nblue=%u/%u\ntransp=%u/%u\n"
                            "line_length=%u\nvisual=%s\ntype=packed_pixels\n",
-                           panelSpec.device, panelSpec.file, panelSpec.width, panelSpec.height,
-                           panelSpec.bpp, panelSpec.red.offset, panelSpec.red.length,
-                           panelSpec.green.offset, panelSpec.green.length, panelSpec.blue.offset,
-                           panelSpec.blue.length, panelSpec.transp.offset, panelSpec.transp.length,
-                           panelSpec.lineLength, visual != nullptr ? visual : "truecolor");
+                           panelDesc.device, panelDesc.file, panelDesc.width, panelDesc.height,
+                           panelDesc.bpp, panelDesc.red.offset, panelDesc.red.length,
+                           panelDesc.green.offset, panelDesc.green.length, panelDesc.blue.offset,
+                           panelDesc.blue.length, panelDesc.transp.offset, panelDesc.transp.length,
+                           panelDesc.lineLength, visual != nullptr ? visual : "truecolor");
     return n >= 0 && static_cast<std::size_t>(n) < bufLen ? n : -1;
 }
 
@@ -362,7 +362,7 @@ const char* visualName(uint32_t visual) {
     return nullptr;
 }
 
-bool parseChannel(const char* text, ChannelSpec& channel) {
+bool parseChannel(const char* text, ChannelDesc& channel) {
     char buf[32];
     const int n = snprintf(buf, sizeof buf, "%s", text);
     if (n <= 0 || static_cast<std::size_t>(n) >= sizeof buf) {
@@ -373,7 +373,7 @@ bool parseChannel(const char* text, ChannelSpec& channel) {
         return false;
     }
     *slash = '\0';
-    ChannelSpec parsed;
+    ChannelDesc parsed;
     if (!parseUnsigned(buf, parsed.offset) || !parseUnsigned(slash + 1, parsed.length) ||
         parsed.offset > 32 || parsed.length > 32) {
         return false;

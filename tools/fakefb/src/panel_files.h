@@ -21,21 +21,21 @@ constexpr uint32_t kVisualPseudocolor = 3;
 constexpr uint32_t kVisualDirectcolor = 4;
 constexpr uint32_t kTypePackedPixels = 0;
 
-struct ChannelSpec {
+struct ChannelDesc {
     uint32_t offset = 0;
     uint32_t length = 0;
 };
 
-struct PanelSpec {
+struct PanelDesc {
     char device[kPathMax] = {};
     char file[kPathMax] = {};
     uint32_t width = 0;
     uint32_t height = 0;
     uint32_t bpp = 0;
-    ChannelSpec red;
-    ChannelSpec green;
-    ChannelSpec blue;
-    ChannelSpec transp;
+    ChannelDesc red;
+    ChannelDesc green;
+    ChannelDesc blue;
+    ChannelDesc transp;
     uint32_t lineLength = 0;  // 0 until defaults are applied
     uint32_t visual = kVisualTruecolor;
     uint32_t type = kTypePackedPixels;
@@ -49,11 +49,11 @@ struct ColourMapRecord {
     unsigned writes = 0;
 };
 
-inline uint32_t bytesPerPixel(const PanelSpec& panelSpec) {
-    return (panelSpec.bpp + 7) / 8;
+inline uint32_t bytesPerPixel(const PanelDesc& panelDesc) {
+    return (panelDesc.bpp + 7) / 8;
 }
-inline uint64_t frameSize(const PanelSpec& panelSpec) {
-    return static_cast<uint64_t>(panelSpec.height) * panelSpec.lineLength;
+inline uint64_t frameSize(const PanelDesc& panelDesc) {
+    return static_cast<uint64_t>(panelDesc.height) * panelDesc.lineLength;
 }
 
 // Which optional fields a description states itself; the rest come from the depth.
@@ -65,29 +65,29 @@ enum Given : unsigned {
     kGivenLineLength = 8,
 };
 
-// Fills the fields not flagged in given with what a panel of panelSpec.bpp has when
+// Fills the fields not flagged in given with what a panel of panelDesc.bpp has when
 // nothing else is said: RGB565 for 16 bits, 10/5,5/5,0/5 for 15, 16/8,8/8,0/8 for
 // 24 and 32, pseudo-colour for 8; truecolor otherwise; a line of width * bytes.
 // Returns false for a depth other than 8, 15, 16, 24 or 32.
-[[nodiscard]] bool applyDepthDefaults(PanelSpec& panelSpec, unsigned given);
+[[nodiscard]] bool applyDepthDefaults(PanelDesc& panelDesc, unsigned given);
 
 // Checks a complete description; on failure writes the reason into error.
-[[nodiscard]] bool validateSpec(const PanelSpec& panelSpec, char* error, std::size_t errorLen);
+[[nodiscard]] bool validateDesc(const PanelDesc& panelDesc, char* error, std::size_t errorLen);
 
 // Parses the text of a geometry file (key=value lines, '#' comments). A relative
 // "file" is taken relative to baseDir. Missing keys get the depth's defaults.
-[[nodiscard]] bool parseSpec(const char* text, std::size_t len, const char* baseDir,
-                             PanelSpec& panelSpec, char* error, std::size_t errorLen);
+[[nodiscard]] bool parseDesc(const char* text, std::size_t len, const char* baseDir,
+                             PanelDesc& panelDesc, char* error, std::size_t errorLen);
 
-// Writes panelSpec as geometry-file text; returns the length or -1 when buf is too small.
-int formatSpec(const PanelSpec& panelSpec, char* buf, std::size_t bufLen);
+// Writes panelDesc as geometry-file text; returns the length or -1 when buf is too small.
+int formatDesc(const PanelDesc& panelDesc, char* buf, std::size_t bufLen);
 
 // Visual names used in the files and on the launcher's command line.
 [[nodiscard]] bool parseVisual(const char* name, uint32_t& visual);
 const char* visualName(uint32_t visual);
 
 // "O/L" -> channel.
-[[nodiscard]] bool parseChannel(const char* text, ChannelSpec& channel);
+[[nodiscard]] bool parseChannel(const char* text, ChannelDesc& channel);
 
 // Colour map record: "writes=N" then one line "index red green blue transp" per
 // entry that is part of the map.

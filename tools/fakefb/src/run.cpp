@@ -24,7 +24,7 @@ using dravik::utils::GetoptTables;
 using dravik::utils::getoptTables;
 
 namespace fs = std::filesystem;
-using fakefb::PanelSpec;
+using fakefb::PanelDesc;
 
 constexpr int kUsageError = 2;
 constexpr int kCannotRun = 127;
@@ -65,13 +65,13 @@ const char kHelp[] =
 struct PanelArgs {
     std::string device = "/dev/fb2";
     std::string file;
-    PanelSpec panelSpec;
+    PanelDesc panelDesc;
     unsigned given = fakefb::kGivenNone;
 
     PanelArgs() {
-        panelSpec.width = 240;
-        panelSpec.height = 240;
-        panelSpec.bpp = 16;
+        panelDesc.width = 240;
+        panelDesc.height = 240;
+        panelDesc.bpp = 16;
     }
 };
 
@@ -93,16 +93,16 @@ bool parseNumber(const char* text, uint32_t& value) {
     return true;
 }
 
-void parseSize(const std::string& text, PanelSpec& panelSpec) {
+void parseSize(const std::string& text, PanelDesc& panelDesc) {
     const auto x = text.find('x');
-    if (x == std::string::npos || !parseNumber(text.substr(0, x).c_str(), panelSpec.width) ||
-        !parseNumber(text.substr(x + 1).c_str(), panelSpec.height)) {
+    if (x == std::string::npos || !parseNumber(text.substr(0, x).c_str(), panelDesc.width) ||
+        !parseNumber(text.substr(x + 1).c_str(), panelDesc.height)) {
         throw UsageError{"bad --size \"" + text + "\": expected WIDTHxHEIGHT, e.g. 240x240"};
     }
 }
 
-void parseRgb(const std::string& text, PanelSpec& panelSpec) {
-    fakefb::ChannelSpec* channels[] = {&panelSpec.red, &panelSpec.green, &panelSpec.blue};
+void parseRgb(const std::string& text, PanelDesc& panelDesc) {
+    fakefb::ChannelDesc* channels[] = {&panelDesc.red, &panelDesc.green, &panelDesc.blue};
     std::size_t pos = 0;
     for (std::size_t i = 0; i < 3; ++i) {
         const auto comma = text.find(',', pos);
@@ -117,27 +117,27 @@ void parseRgb(const std::string& text, PanelSpec& panelSpec) {
 }
 
 void parseBpp(const char* arg, PanelArgs& panel) {
-    if (!parseNumber(arg, panel.panelSpec.bpp)) {
+    if (!parseNumber(arg, panel.panelDesc.bpp)) {
         throw UsageError{std::string("bad --bpp \"") + arg + "\""};
     }
 }
 
 void parseTransp(const char* arg, PanelArgs& panel) {
-    if (!fakefb::parseChannel(arg, panel.panelSpec.transp)) {
+    if (!fakefb::parseChannel(arg, panel.panelDesc.transp)) {
         throw UsageError{std::string("bad --transp \"") + arg + "\": expected O/L"};
     }
     panel.given |= fakefb::kGivenTransp;
 }
 
 void parseLineLength(const char* arg, PanelArgs& panel) {
-    if (!parseNumber(arg, panel.panelSpec.lineLength)) {
+    if (!parseNumber(arg, panel.panelDesc.lineLength)) {
         throw UsageError{std::string("bad --line-length \"") + arg + "\""};
     }
     panel.given |= fakefb::kGivenLineLength;
 }
 
 void parseVisualOption(const char* arg, PanelArgs& panel) {
-    if (!fakefb::parseVisual(arg, panel.panelSpec.visual)) {
+    if (!fakefb::parseVisual(arg, panel.panelDesc.visual)) {
         throw UsageError{std::string("bad --visual \"") + arg +
                          "\": expected truecolor, directcolor or pseudocolor"};
     }
@@ -156,11 +156,11 @@ struct OptionRow {
 
 const OptionRow kOptionRows[] = {
     {"device", 'd', true, [](const char* arg, PanelArgs& panel) { panel.device = arg; }},
-    {"size", 's', true, [](const char* arg, PanelArgs& panel) { parseSize(arg, panel.panelSpec); }},
+    {"size", 's', true, [](const char* arg, PanelArgs& panel) { parseSize(arg, panel.panelDesc); }},
     {"bpp", 'b', true, parseBpp},
     {"rgb", 'r', true,
      [](const char* arg, PanelArgs& panel) {
-         parseRgb(arg, panel.panelSpec);
+         parseRgb(arg, panel.panelDesc);
          panel.given |= fakefb::kGivenChannels;
      }},
     {"transp", 't', true, parseTransp},
@@ -188,25 +188,25 @@ void copyInto(char* dst, const std::string& src, const char* what) {
     memcpy(dst, src.c_str(), src.size() + 1);
 }
 
-PanelSpec finishPanel(PanelArgs& panel) {
+PanelDesc finishPanel(PanelArgs& panel) {
     if (panel.file.empty()) {
         panel.file = fs::path(panel.device).filename().string() + ".raw";
     }
-    PanelSpec panelSpec = panel.panelSpec;
-    copyInto(panelSpec.device, panel.device, "device path");
-    copyInto(panelSpec.file, fs::absolute(panel.file).lexically_normal().string(), "file path");
-    if (!fakefb::applyDepthDefaults(panelSpec, panel.given)) {
-        throw UsageError{"bad --bpp " + std::to_string(panelSpec.bpp) +
+    PanelDesc panelDesc = panel.panelDesc;
+    copyInto(panelDesc.device, panel.device, "device path");
+    copyInto(panelDesc.file, fs::absolute(panel.file).lexically_normal().string(), "file path");
+    if (!fakefb::applyDepthDefaults(panelDesc, panel.given)) {
+        throw UsageError{"bad --bpp " + std::to_string(panelDesc.bpp) +
                          ": expected 8, 15, 16, 24 or 32"};
     }
     char error[fakefb::kErrorMax];
-    if (!fakefb::validateSpec(panelSpec, error, sizeof error)) {
-        throw UsageError{std::string("panel ") + panelSpec.device + ": " + error};
+    if (!fakefb::validateDesc(panelDesc, error, sizeof error)) {
+        throw UsageError{std::string("panel ") + panelDesc.device + ": " + error};
     }
-    return panelSpec;
+    return panelDesc;
 }
 
-void checkDistinct(const std::vector<PanelSpec>& panels) {
+void checkDistinct(const std::vector<PanelDesc>& panels) {
     for (std::size_t i = 0; i < panels.size(); ++i) {
         for (std::size_t j = i + 1; j < panels.size(); ++j) {
             if (strcmp(panels[i].device, panels[j].device) == 0 ||
@@ -219,7 +219,7 @@ void checkDistinct(const std::vector<PanelSpec>& panels) {
 }
 
 struct Invocation {
-    std::vector<PanelSpec> panels;
+    std::vector<PanelDesc> panels;
     std::vector<char*> command;
     bool help = false;
 };
@@ -276,23 +276,23 @@ bool writeText(const std::string& path, const char* text, std::size_t len) {
 }
 
 // Sizes the backing file, writes FILE.geom and forgets an old colour map.
-bool preparePanel(const PanelSpec& panelSpec) {
+bool preparePanel(const PanelDesc& panelDesc) {
     const dravik::utils::FileDescriptor fd(
-        open(panelSpec.file, O_RDWR | O_CREAT | O_CLOEXEC, 0644));
-    if (!fd.valid() || ftruncate(fd.get(), static_cast<off_t>(fakefb::frameSize(panelSpec))) != 0) {
-        fprintf(stderr, "fakefb-run: cannot create backing file %s: %s\n", panelSpec.file,
+        open(panelDesc.file, O_RDWR | O_CREAT | O_CLOEXEC, 0644));
+    if (!fd.valid() || ftruncate(fd.get(), static_cast<off_t>(fakefb::frameSize(panelDesc))) != 0) {
+        fprintf(stderr, "fakefb-run: cannot create backing file %s: %s\n", panelDesc.file,
                 strerror(errno));
         return false;
     }
     char text[2 * fakefb::kPathMax + 512];
-    const int n = fakefb::formatSpec(panelSpec, text, sizeof text);
-    const std::string geom = std::string(panelSpec.file) + ".geom";
+    const int n = fakefb::formatDesc(panelDesc, text, sizeof text);
+    const std::string geom = std::string(panelDesc.file) + ".geom";
     if (n < 0 || !writeText(geom, text, static_cast<std::size_t>(n))) {
         fprintf(stderr, "fakefb-run: cannot write %s\n", geom.c_str());
         return false;
     }
     std::error_code ignored;  // absent is what we want
-    fs::remove(std::string(panelSpec.file) + ".cmap", ignored);
+    fs::remove(std::string(panelDesc.file) + ".cmap", ignored);
     return true;
 }
 
@@ -359,11 +359,11 @@ int run(const Invocation& inv) {
         return kCannotRun;
     }
     std::string configs;
-    for (const auto& panelSpec : inv.panels) {
-        if (!preparePanel(panelSpec)) {
+    for (const auto& panelDesc : inv.panels) {
+        if (!preparePanel(panelDesc)) {
             return kCannotRun;
         }
-        configs += (configs.empty() ? "" : ":") + std::string(panelSpec.file) + ".geom";
+        configs += (configs.empty() ? "" : ":") + std::string(panelDesc.file) + ".geom";
     }
     // A sanitized program refuses to start when another library is loaded before
     // the sanitizer runtime, unless told not to check.
