@@ -45,19 +45,11 @@ void copyString(char* dst, const std::string& src) {
     memcpy(dst, src.c_str(), src.size() + 1);
 }
 
-PanelDesc toDesc(const std::string& device, const std::string& file, const Geometry& g) {
+PanelDesc toDesc(const std::string& device, const std::string& file, const Geometry& geometry) {
     PanelDesc panelDesc;
     copyString(panelDesc.device, device);
     copyString(panelDesc.file, file);
-    panelDesc.width = g.width;
-    panelDesc.height = g.height;
-    panelDesc.bpp = g.bpp;
-    panelDesc.red = {g.red.offset, g.red.length};
-    panelDesc.green = {g.green.offset, g.green.length};
-    panelDesc.blue = {g.blue.offset, g.blue.length};
-    panelDesc.transp = {g.transp.offset, g.transp.length};
-    panelDesc.lineLength = g.lineLength;
-    panelDesc.visual = static_cast<uint32_t>(g.visual);
+    panelDesc.geometry = geometry;
     return panelDesc;
 }
 
@@ -91,24 +83,14 @@ void appendToVariable(const char* name, const std::string& value, char separator
 }  // namespace
 
 Geometry Geometry::forDepth(uint32_t bpp, uint32_t width, uint32_t height) {
-    PanelDesc panelDesc;
-    panelDesc.width = width;
-    panelDesc.height = height;
-    panelDesc.bpp = bpp;
-    if (!applyDepthDefaults(panelDesc, kGivenNone)) {
+    Geometry geometry;
+    geometry.width = width;
+    geometry.height = height;
+    geometry.bpp = bpp;
+    if (!applyDepthDefaults(geometry, kGivenNone)) {
         throw std::invalid_argument("fakefb: unsupported depth " + std::to_string(bpp));
     }
-    Geometry g;
-    g.width = width;
-    g.height = height;
-    g.bpp = bpp;
-    g.red = {panelDesc.red.offset, panelDesc.red.length};
-    g.green = {panelDesc.green.offset, panelDesc.green.length};
-    g.blue = {panelDesc.blue.offset, panelDesc.blue.length};
-    g.transp = {panelDesc.transp.offset, panelDesc.transp.length};
-    g.lineLength = panelDesc.lineLength;
-    g.visual = static_cast<Visual>(panelDesc.visual);
-    return g;
+    return geometry;
 }
 
 Panel::Panel(std::string device, const Geometry& geometry)

@@ -11,31 +11,31 @@ namespace {
 
 struct DepthDefaults {
     uint32_t bpp;
-    ChannelDesc red;
-    ChannelDesc green;
-    ChannelDesc blue;
-    uint32_t visual;
+    Channel red;
+    Channel green;
+    Channel blue;
+    Visual visual;
 };
 
 // A pseudo-colour panel reports 8 significant bits per colour-map channel, all at
 // offset 0; the pixel itself is an index.
 constexpr DepthDefaults kDepthDefaults[] = {
-    {8, {0, 8}, {0, 8}, {0, 8}, kVisualPseudocolor},
-    {15, {10, 5}, {5, 5}, {0, 5}, kVisualTruecolor},
-    {16, {11, 5}, {5, 6}, {0, 5}, kVisualTruecolor},
-    {24, {16, 8}, {8, 8}, {0, 8}, kVisualTruecolor},
-    {32, {16, 8}, {8, 8}, {0, 8}, kVisualTruecolor},
+    {8, {0, 8}, {0, 8}, {0, 8}, Visual::pseudocolor},
+    {15, {10, 5}, {5, 5}, {0, 5}, Visual::truecolor},
+    {16, {11, 5}, {5, 6}, {0, 5}, Visual::truecolor},
+    {24, {16, 8}, {8, 8}, {0, 8}, Visual::truecolor},
+    {32, {16, 8}, {8, 8}, {0, 8}, Visual::truecolor},
 };
 
 struct VisualNameEntry {
     const char* name;
-    uint32_t visual;
+    Visual visual;
 };
 
 constexpr VisualNameEntry kVisualNames[] = {
-    {"truecolor", kVisualTruecolor},
-    {"pseudocolor", kVisualPseudocolor},
-    {"directcolor", kVisualDirectcolor},
+    {"truecolor", Visual::truecolor},
+    {"pseudocolor", Visual::pseudocolor},
+    {"directcolor", Visual::directcolor},
 };
 
 constexpr uint32_t kMaxDimension = 16384;
@@ -124,45 +124,41 @@ bool parseFile(DescParse& p, const char* v) {
     return copyPath(v, p.baseDir, p.panelDesc.file);
 }
 bool parseWidth(DescParse& p, const char* v) {
-    return parseUnsigned(v, p.panelDesc.width);
+    return parseUnsigned(v, p.panelDesc.geometry.width);
 }
 bool parseHeight(DescParse& p, const char* v) {
-    return parseUnsigned(v, p.panelDesc.height);
+    return parseUnsigned(v, p.panelDesc.geometry.height);
 }
 bool parseBpp(DescParse& p, const char* v) {
-    return parseUnsigned(v, p.panelDesc.bpp);
+    return parseUnsigned(v, p.panelDesc.geometry.bpp);
 }
 bool parseRed(DescParse& p, const char* v) {
     p.channelsSeen |= 1;
-    return parseChannel(v, p.panelDesc.red);
+    return parseChannel(v, p.panelDesc.geometry.red);
 }
 bool parseGreen(DescParse& p, const char* v) {
     p.channelsSeen |= 2;
-    return parseChannel(v, p.panelDesc.green);
+    return parseChannel(v, p.panelDesc.geometry.green);
 }
 bool parseBlue(DescParse& p, const char* v) {
     p.channelsSeen |= 4;
-    return parseChannel(v, p.panelDesc.blue);
+    return parseChannel(v, p.panelDesc.geometry.blue);
 }
 bool parseTransp(DescParse& p, const char* v) {
     p.given |= kGivenTransp;
-    return parseChannel(v, p.panelDesc.transp);
+    return parseChannel(v, p.panelDesc.geometry.transp);
 }
 bool parseLineLength(DescParse& p, const char* v) {
     p.given |= kGivenLineLength;
-    return parseUnsigned(v, p.panelDesc.lineLength);
+    return parseUnsigned(v, p.panelDesc.geometry.lineLength);
 }
 bool parseVisualKey(DescParse& p, const char* v) {
     p.given |= kGivenVisual;
-    return parseVisual(v, p.panelDesc.visual);
+    return parseVisual(v, p.panelDesc.geometry.visual);
 }
-bool parseType(DescParse& p, const char* v) {
-    // Only packed pixels exist on this kind of panel.
-    if (strcmp(v, "packed_pixels") == 0) {
-        p.panelDesc.type = kTypePackedPixels;
-        return true;
-    }
-    return false;
+// Only packed pixels exist on this kind of panel.
+bool parseType(DescParse& /*parse*/, const char* v) {
+    return strcmp(v, "packed_pixels") == 0;
 }
 
 struct KeyEntry {
@@ -229,30 +225,60 @@ bool parseDescLine(DescParse& parse, char* line, int lineNo, char* error, std::s
     return true;
 }
 
-bool channelFits(const ChannelDesc& channel, uint32_t bpp) {
+bool channelFits(const Channel& channel, uint32_t bpp) {
     return channel.length <= 32 && channel.offset + channel.length <= bpp;
+}
+
+bool validateGeometry(const Geometry& g, char* error, std::size_t errorLen) {
+    if (findDepth(g.bpp) == nullptr) {
+        setError(error, errorLen, "bpp %u is not one of 8, 15, 16, 24, 32", g.bpp);
+        return false;
+    }
+    if (g.width == 0 || g.height == 0 || g.width > kMaxDimension || g.height > kMaxDimension) {
+        setError(error, errorLen, "size %ux%u is out of range (1..%u)", g.width, g.height,
+                 kMaxDimension);
+        return false;
+    }
+    const uint64_t minLine = static_cast<uint64_t>(g.width) * g.bytesPerPixel();
+    if (g.lineLength < minLine || g.frameSize() > kMaxFrameSize) {
+        setError(error, errorLen, "line_length %u is below %llu bytes or the frame is too large",
+                 g.lineLength, static_cast<unsigned long long>(minLine));
+        return false;
+    }
+    if (visualName(g.visual) == nullptr) {
+        setError(error, errorLen, "visual %u is not supported", static_cast<uint32_t>(g.visual));
+        return false;
+    }
+    // A pseudo-colour pixel is an index; its channel fields describe the colour map.
+    if (g.visual != Visual::pseudocolor &&
+        !(channelFits(g.red, g.bpp) && channelFits(g.green, g.bpp) && channelFits(g.blue, g.bpp) &&
+          channelFits(g.transp, g.bpp))) {
+        setError(error, errorLen, "a channel lies outside the %u-bit pixel", g.bpp);
+        return false;
+    }
+    return true;
 }
 
 }  // namespace
 
-bool applyDepthDefaults(PanelDesc& panelDesc, unsigned given) {
-    const DepthDefaults* defaults = findDepth(panelDesc.bpp);
+bool applyDepthDefaults(Geometry& geometry, unsigned given) {
+    const DepthDefaults* defaults = findDepth(geometry.bpp);
     if (defaults == nullptr) {
         return false;
     }
     if ((given & kGivenChannels) == 0) {
-        panelDesc.red = defaults->red;
-        panelDesc.green = defaults->green;
-        panelDesc.blue = defaults->blue;
+        geometry.red = defaults->red;
+        geometry.green = defaults->green;
+        geometry.blue = defaults->blue;
     }
     if ((given & kGivenTransp) == 0) {
-        panelDesc.transp = ChannelDesc{};
+        geometry.transp = Channel{};
     }
     if ((given & kGivenVisual) == 0) {
-        panelDesc.visual = defaults->visual;
+        geometry.visual = defaults->visual;
     }
     if ((given & kGivenLineLength) == 0) {
-        panelDesc.lineLength = panelDesc.width * bytesPerPixel(panelDesc);
+        geometry.lineLength = geometry.width * geometry.bytesPerPixel();
     }
     return true;
 }
@@ -262,35 +288,7 @@ bool validateDesc(const PanelDesc& panelDesc, char* error, std::size_t errorLen)
         setError(error, errorLen, "device and file are both required");
         return false;
     }
-    if (findDepth(panelDesc.bpp) == nullptr) {
-        setError(error, errorLen, "bpp %u is not one of 8, 15, 16, 24, 32", panelDesc.bpp);
-        return false;
-    }
-    if (panelDesc.width == 0 || panelDesc.height == 0 || panelDesc.width > kMaxDimension ||
-        panelDesc.height > kMaxDimension) {
-        setError(error, errorLen, "size %ux%u is out of range (1..%u)", panelDesc.width,
-                 panelDesc.height, kMaxDimension);
-        return false;
-    }
-    const uint64_t minLine = static_cast<uint64_t>(panelDesc.width) * bytesPerPixel(panelDesc);
-    if (panelDesc.lineLength < minLine || frameSize(panelDesc) > kMaxFrameSize) {
-        setError(error, errorLen, "line_length %u is below %llu bytes or the frame is too large",
-                 panelDesc.lineLength, static_cast<unsigned long long>(minLine));
-        return false;
-    }
-    if (visualName(panelDesc.visual) == nullptr) {
-        setError(error, errorLen, "visual %u is not supported", panelDesc.visual);
-        return false;
-    }
-    // A pseudo-colour pixel is an index; its channel fields describe the colour map.
-    if (panelDesc.visual != kVisualPseudocolor && !(channelFits(panelDesc.red, panelDesc.bpp) &&
-                                                    channelFits(panelDesc.green, panelDesc.bpp) &&
-                                                    channelFits(panelDesc.blue, panelDesc.bpp) &&
-                                                    channelFits(panelDesc.transp, panelDesc.bpp))) {
-        setError(error, errorLen, "a channel lies outside the %u-bit pixel", panelDesc.bpp);
-        return false;
-    }
-    return true;
+    return validateGeometry(panelDesc.geometry, error, errorLen);
 }
 
 bool parseDesc(const char* text, std::size_t len, const char* baseDir, PanelDesc& panelDesc,
@@ -321,29 +319,29 @@ bool parseDesc(const char* text, std::size_t len, const char* baseDir, PanelDesc
     if (parse.channelsSeen == 7) {
         parse.given |= kGivenChannels;
     }
-    if (!applyDepthDefaults(panelDesc, parse.given)) {
-        setError(error, errorLen, "bpp %u is not one of 8, 15, 16, 24, 32", panelDesc.bpp);
+    if (!applyDepthDefaults(panelDesc.geometry, parse.given)) {
+        setError(error, errorLen, "bpp %u is not one of 8, 15, 16, 24, 32", panelDesc.geometry.bpp);
         return false;
     }
     return validateDesc(panelDesc, error, errorLen);
 }
 
 int formatDesc(const PanelDesc& panelDesc, char* buf, std::size_t bufLen) {
-    const char* visual = visualName(panelDesc.visual);
+    const Geometry& g = panelDesc.geometry;
+    const char* visual = visualName(g.visual);
     const int n = snprintf(buf, bufLen,
                            "# fakefb panel\n"
                            "device=%s\nfile=%s\nwidth=%u\nheight=%u\nbpp=%u\n"
                            "red=%u/%u\ngreen=%u/%u\nblue=%u/%u\ntransp=%u/%u\n"
                            "line_length=%u\nvisual=%s\ntype=packed_pixels\n",
-                           panelDesc.device, panelDesc.file, panelDesc.width, panelDesc.height,
-                           panelDesc.bpp, panelDesc.red.offset, panelDesc.red.length,
-                           panelDesc.green.offset, panelDesc.green.length, panelDesc.blue.offset,
-                           panelDesc.blue.length, panelDesc.transp.offset, panelDesc.transp.length,
-                           panelDesc.lineLength, visual != nullptr ? visual : "truecolor");
+                           panelDesc.device, panelDesc.file, g.width, g.height, g.bpp, g.red.offset,
+                           g.red.length, g.green.offset, g.green.length, g.blue.offset,
+                           g.blue.length, g.transp.offset, g.transp.length, g.lineLength,
+                           visual != nullptr ? visual : "truecolor");
     return n >= 0 && static_cast<std::size_t>(n) < bufLen ? n : -1;
 }
 
-bool parseVisual(const char* name, uint32_t& visual) {
+bool parseVisual(const char* name, Visual& visual) {
     for (const auto& entry : kVisualNames) {
         if (strcmp(entry.name, name) == 0) {
             visual = entry.visual;
@@ -353,7 +351,7 @@ bool parseVisual(const char* name, uint32_t& visual) {
     return false;
 }
 
-const char* visualName(uint32_t visual) {
+const char* visualName(Visual visual) {
     for (const auto& entry : kVisualNames) {
         if (entry.visual == visual) {
             return entry.name;
@@ -362,7 +360,7 @@ const char* visualName(uint32_t visual) {
     return nullptr;
 }
 
-bool parseChannel(const char* text, ChannelDesc& channel) {
+bool parseChannel(const char* text, Channel& channel) {
     char buf[32];
     const int n = snprintf(buf, sizeof buf, "%s", text);
     if (n <= 0 || static_cast<std::size_t>(n) >= sizeof buf) {
@@ -373,7 +371,7 @@ bool parseChannel(const char* text, ChannelDesc& channel) {
         return false;
     }
     *slash = '\0';
-    ChannelDesc parsed;
+    Channel parsed;
     if (!parseUnsigned(buf, parsed.offset) || !parseUnsigned(slash + 1, parsed.length) ||
         parsed.offset > 32 || parsed.length > 32) {
         return false;

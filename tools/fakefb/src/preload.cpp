@@ -275,7 +275,7 @@ bool prepareBackingFile(const PanelDesc& panelDesc) {
         report("cannot open backing file %s: %s", panelDesc.file, strerror(errno));
         return false;
     }
-    const auto size = static_cast<off_t>(fakefb::frameSize(panelDesc));
+    const auto size = static_cast<off_t>(panelDesc.geometry.frameSize());
     if (st.st_size != size && ftruncate(fd.get(), size) != 0) {
         report("cannot size backing file %s: %s", panelDesc.file, strerror(errno));
         return false;
@@ -324,18 +324,19 @@ bool needsMode(int flags) {
 }
 
 int fillFixedInfo(const PanelDesc& panelDesc, void* arg) {
+    const fakefb::Geometry& geometry = panelDesc.geometry;
     fb_fix_screeninfo fix{};
     (void)snprintf(fix.id, sizeof fix.id, "fakefb");  // fits
-    fix.smem_len = static_cast<uint32_t>(fakefb::frameSize(panelDesc));
-    fix.type = panelDesc.type;
-    fix.visual = panelDesc.visual;
-    fix.line_length = panelDesc.lineLength;
+    fix.smem_len = static_cast<uint32_t>(geometry.frameSize());
+    fix.type = fakefb::kTypePackedPixels;
+    fix.visual = static_cast<uint32_t>(geometry.visual);
+    fix.line_length = geometry.lineLength;
     fix.accel = FB_ACCEL_NONE;
     memcpy(arg, &fix, sizeof fix);
     return 0;
 }
 
-fb_bitfield bitfield(const fakefb::ChannelDesc& channel) {
+fb_bitfield bitfield(const fakefb::Channel& channel) {
     fb_bitfield field{};
     field.offset = channel.offset;
     field.length = channel.length;
@@ -343,14 +344,15 @@ fb_bitfield bitfield(const fakefb::ChannelDesc& channel) {
 }
 
 int fillVariableInfo(const PanelDesc& panelDesc, void* arg) {
+    const fakefb::Geometry& geometry = panelDesc.geometry;
     fb_var_screeninfo var{};
-    var.xres = var.xres_virtual = panelDesc.width;
-    var.yres = var.yres_virtual = panelDesc.height;
-    var.bits_per_pixel = panelDesc.bpp;
-    var.red = bitfield(panelDesc.red);
-    var.green = bitfield(panelDesc.green);
-    var.blue = bitfield(panelDesc.blue);
-    var.transp = bitfield(panelDesc.transp);
+    var.xres = var.xres_virtual = geometry.width;
+    var.yres = var.yres_virtual = geometry.height;
+    var.bits_per_pixel = geometry.bpp;
+    var.red = bitfield(geometry.red);
+    var.green = bitfield(geometry.green);
+    var.blue = bitfield(geometry.blue);
+    var.transp = bitfield(geometry.transp);
     memcpy(arg, &var, sizeof var);
     return 0;
 }
@@ -369,7 +371,7 @@ std::mutex gCmapLock;
 // The device keeps its colour map between writes: merge into the recorded map.
 int putColourMap(const PanelDesc& panelDesc, void* arg) {
     // A truecolor device has no programmable map; the kernel refuses 256 entries.
-    if (panelDesc.visual == fakefb::kVisualTruecolor) {
+    if (panelDesc.geometry.visual == fakefb::Visual::truecolor) {
         return failWith(EINVAL);
     }
     fb_cmap cmap{};

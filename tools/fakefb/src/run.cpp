@@ -24,6 +24,7 @@ using dravik::utils::GetoptTables;
 using dravik::utils::getoptTables;
 
 namespace fs = std::filesystem;
+using fakefb::Geometry;
 using fakefb::PanelDesc;
 
 constexpr int kUsageError = 2;
@@ -65,13 +66,13 @@ const char kHelp[] =
 struct PanelArgs {
     std::string device = "/dev/fb2";
     std::string file;
-    PanelDesc panelDesc;
+    Geometry geometry;
     unsigned given = fakefb::kGivenNone;
 
     PanelArgs() {
-        panelDesc.width = 240;
-        panelDesc.height = 240;
-        panelDesc.bpp = 16;
+        geometry.width = 240;
+        geometry.height = 240;
+        geometry.bpp = 16;
     }
 };
 
@@ -93,16 +94,16 @@ bool parseNumber(const char* text, uint32_t& value) {
     return true;
 }
 
-void parseSize(const std::string& text, PanelDesc& panelDesc) {
+void parseSize(const std::string& text, Geometry& geometry) {
     const auto x = text.find('x');
-    if (x == std::string::npos || !parseNumber(text.substr(0, x).c_str(), panelDesc.width) ||
-        !parseNumber(text.substr(x + 1).c_str(), panelDesc.height)) {
+    if (x == std::string::npos || !parseNumber(text.substr(0, x).c_str(), geometry.width) ||
+        !parseNumber(text.substr(x + 1).c_str(), geometry.height)) {
         throw UsageError{"bad --size \"" + text + "\": expected WIDTHxHEIGHT, e.g. 240x240"};
     }
 }
 
-void parseRgb(const std::string& text, PanelDesc& panelDesc) {
-    fakefb::ChannelDesc* channels[] = {&panelDesc.red, &panelDesc.green, &panelDesc.blue};
+void parseRgb(const std::string& text, Geometry& geometry) {
+    fakefb::Channel* channels[] = {&geometry.red, &geometry.green, &geometry.blue};
     std::size_t pos = 0;
     for (std::size_t i = 0; i < 3; ++i) {
         const auto comma = text.find(',', pos);
@@ -117,27 +118,27 @@ void parseRgb(const std::string& text, PanelDesc& panelDesc) {
 }
 
 void parseBpp(const char* arg, PanelArgs& panel) {
-    if (!parseNumber(arg, panel.panelDesc.bpp)) {
+    if (!parseNumber(arg, panel.geometry.bpp)) {
         throw UsageError{std::string("bad --bpp \"") + arg + "\""};
     }
 }
 
 void parseTransp(const char* arg, PanelArgs& panel) {
-    if (!fakefb::parseChannel(arg, panel.panelDesc.transp)) {
+    if (!fakefb::parseChannel(arg, panel.geometry.transp)) {
         throw UsageError{std::string("bad --transp \"") + arg + "\": expected O/L"};
     }
     panel.given |= fakefb::kGivenTransp;
 }
 
 void parseLineLength(const char* arg, PanelArgs& panel) {
-    if (!parseNumber(arg, panel.panelDesc.lineLength)) {
+    if (!parseNumber(arg, panel.geometry.lineLength)) {
         throw UsageError{std::string("bad --line-length \"") + arg + "\""};
     }
     panel.given |= fakefb::kGivenLineLength;
 }
 
 void parseVisualOption(const char* arg, PanelArgs& panel) {
-    if (!fakefb::parseVisual(arg, panel.panelDesc.visual)) {
+    if (!fakefb::parseVisual(arg, panel.geometry.visual)) {
         throw UsageError{std::string("bad --visual \"") + arg +
                          "\": expected truecolor, directcolor or pseudocolor"};
     }
@@ -156,11 +157,11 @@ struct OptionRow {
 
 const OptionRow kOptionRows[] = {
     {"device", 'd', true, [](const char* arg, PanelArgs& panel) { panel.device = arg; }},
-    {"size", 's', true, [](const char* arg, PanelArgs& panel) { parseSize(arg, panel.panelDesc); }},
+    {"size", 's', true, [](const char* arg, PanelArgs& panel) { parseSize(arg, panel.geometry); }},
     {"bpp", 'b', true, parseBpp},
     {"rgb", 'r', true,
      [](const char* arg, PanelArgs& panel) {
-         parseRgb(arg, panel.panelDesc);
+         parseRgb(arg, panel.geometry);
          panel.given |= fakefb::kGivenChannels;
      }},
     {"transp", 't', true, parseTransp},
@@ -192,11 +193,12 @@ PanelDesc finishPanel(PanelArgs& panel) {
     if (panel.file.empty()) {
         panel.file = fs::path(panel.device).filename().string() + ".raw";
     }
-    PanelDesc panelDesc = panel.panelDesc;
+    PanelDesc panelDesc;
     copyInto(panelDesc.device, panel.device, "device path");
     copyInto(panelDesc.file, fs::absolute(panel.file).lexically_normal().string(), "file path");
-    if (!fakefb::applyDepthDefaults(panelDesc, panel.given)) {
-        throw UsageError{"bad --bpp " + std::to_string(panelDesc.bpp) +
+    panelDesc.geometry = panel.geometry;
+    if (!fakefb::applyDepthDefaults(panelDesc.geometry, panel.given)) {
+        throw UsageError{"bad --bpp " + std::to_string(panelDesc.geometry.bpp) +
                          ": expected 8, 15, 16, 24 or 32"};
     }
     char error[fakefb::kErrorMax];
@@ -279,7 +281,8 @@ bool writeText(const std::string& path, const char* text, std::size_t len) {
 bool preparePanel(const PanelDesc& panelDesc) {
     const dravik::utils::FileDescriptor fd(
         open(panelDesc.file, O_RDWR | O_CREAT | O_CLOEXEC, 0644));
-    if (!fd.valid() || ftruncate(fd.get(), static_cast<off_t>(fakefb::frameSize(panelDesc))) != 0) {
+    if (!fd.valid() ||
+        ftruncate(fd.get(), static_cast<off_t>(panelDesc.geometry.frameSize())) != 0) {
         fprintf(stderr, "fakefb-run: cannot create backing file %s: %s\n", panelDesc.file,
                 strerror(errno));
         return false;

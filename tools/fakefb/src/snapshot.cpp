@@ -22,7 +22,8 @@ using dravik::utils::GetoptTables;
 using dravik::utils::getoptTables;
 
 using fakefb::ColourMapRecord;
-using fakefb::PanelDesc;
+using fakefb::Geometry;
+using fakefb::Visual;
 
 constexpr int kUsageError = 2;
 constexpr int kFailure = 1;
@@ -130,19 +131,19 @@ Options parseCommandLine(int argc, char** argv) {
     return options;
 }
 
-PanelDesc loadGeometry(const std::string& path) {
+Geometry loadGeometry(const std::string& path) {
     std::string text;
     if (!readFile(path, text)) {
         throw Failure{kFailure, "cannot read geometry " + path + ": " + strerror(errno)};
     }
-    PanelDesc panelDesc;
+    fakefb::PanelDesc panelDesc;
     char error[fakefb::kErrorMax];
     const std::string dir =
         path.find('/') == std::string::npos ? std::string() : path.substr(0, path.rfind('/'));
     if (!fakefb::parseDesc(text.data(), text.size(), dir.c_str(), panelDesc, error, sizeof error)) {
         throw Failure{kFailure, path + ": " + error};
     }
-    return panelDesc;
+    return panelDesc.geometry;
 }
 
 // False when no colour map was recorded.
@@ -165,7 +166,7 @@ uint32_t readPixel(const uint8_t* at, uint32_t bytes) {
     return value;
 }
 
-uint32_t extract(uint32_t pixel, const fakefb::ChannelDesc& channel) {
+uint32_t extract(uint32_t pixel, const fakefb::Channel& channel) {
     if (channel.length == 0) {
         return 0;
     }
@@ -186,54 +187,53 @@ uint8_t mapEntry(const uint16_t* table, uint32_t index) {
     return index < fakefb::kCmapEntries ? static_cast<uint8_t>(table[index] >> 8) : 0;
 }
 
-cv::Vec3b decodePixel(const PanelDesc& panelDesc, uint32_t pixel, const ColourMapRecord* map) {
-    if (panelDesc.visual == fakefb::kVisualPseudocolor) {
+cv::Vec3b decodePixel(const Geometry& geometry, uint32_t pixel, const ColourMapRecord* map) {
+    if (geometry.visual == Visual::pseudocolor) {
         return {mapEntry(map->blue, pixel), mapEntry(map->green, pixel), mapEntry(map->red, pixel)};
     }
-    const uint32_t r = extract(pixel, panelDesc.red);
-    const uint32_t g = extract(pixel, panelDesc.green);
-    const uint32_t b = extract(pixel, panelDesc.blue);
-    if (panelDesc.visual == fakefb::kVisualDirectcolor && map != nullptr) {
+    const uint32_t r = extract(pixel, geometry.red);
+    const uint32_t g = extract(pixel, geometry.green);
+    const uint32_t b = extract(pixel, geometry.blue);
+    if (geometry.visual == Visual::directcolor && map != nullptr) {
         return {mapEntry(map->blue, b), mapEntry(map->green, g), mapEntry(map->red, r)};
     }
-    return {scaleTo8Bits(b, panelDesc.blue.length), scaleTo8Bits(g, panelDesc.green.length),
-            scaleTo8Bits(r, panelDesc.red.length)};
+    return {scaleTo8Bits(b, geometry.blue.length), scaleTo8Bits(g, geometry.green.length),
+            scaleTo8Bits(r, geometry.red.length)};
 }
 
-cv::Mat decodeFrame(const PanelDesc& panelDesc, const std::string& data,
-                    const ColourMapRecord* map) {
-    if (data.size() < fakefb::frameSize(panelDesc)) {
+cv::Mat decodeFrame(const Geometry& geometry, const std::string& data, const ColourMapRecord* map) {
+    if (data.size() < geometry.frameSize()) {
         throw Failure{kFailure, "backing file holds " + std::to_string(data.size()) +
                                     " bytes, the frame needs " +
-                                    std::to_string(fakefb::frameSize(panelDesc))};
+                                    std::to_string(geometry.frameSize())};
     }
-    cv::Mat image(static_cast<int>(panelDesc.height), static_cast<int>(panelDesc.width), CV_8UC3);
+    cv::Mat image(static_cast<int>(geometry.height), static_cast<int>(geometry.width), CV_8UC3);
     const auto* bytes = reinterpret_cast<const uint8_t*>(data.data());
-    const uint32_t bpp = fakefb::bytesPerPixel(panelDesc);
-    for (uint32_t y = 0; y < panelDesc.height; ++y) {
-        const uint8_t* line = bytes + static_cast<uint64_t>(y) * panelDesc.lineLength;
+    const uint32_t bpp = geometry.bytesPerPixel();
+    for (uint32_t y = 0; y < geometry.height; ++y) {
+        const uint8_t* line = bytes + static_cast<uint64_t>(y) * geometry.lineLength;
         auto* out = image.ptr<cv::Vec3b>(static_cast<int>(y));
-        for (uint32_t x = 0; x < panelDesc.width; ++x) {
-            out[x] = decodePixel(panelDesc,
-                                 readPixel(line + static_cast<std::size_t>(x) * bpp, bpp), map);
+        for (uint32_t x = 0; x < geometry.width; ++x) {
+            out[x] = decodePixel(geometry, readPixel(line + static_cast<std::size_t>(x) * bpp, bpp),
+                                 map);
         }
     }
     return image;
 }
 
 int snapshot(const Options& options) {
-    const PanelDesc panelDesc = loadGeometry(options.geometry);
+    const Geometry geometry = loadGeometry(options.geometry);
     std::string data;
     if (!readFile(options.input, data)) {
         throw Failure{kFailure, "cannot read " + options.input + ": " + strerror(errno)};
     }
     ColourMapRecord map;
     const bool haveMap = loadColourMap(options.cmap, map);
-    if (panelDesc.visual == fakefb::kVisualPseudocolor && !haveMap) {
+    if (geometry.visual == Visual::pseudocolor && !haveMap) {
         throw Failure{kFailure, "pseudo-colour panel without a colour map: " + options.cmap +
                                     " is missing (nothing called FBIOPUTCMAP)"};
     }
-    cv::Mat image = decodeFrame(panelDesc, data, haveMap ? &map : nullptr);
+    cv::Mat image = decodeFrame(geometry, data, haveMap ? &map : nullptr);
     if (options.scale > 1) {
         cv::Mat large;
         cv::resize(image, large, cv::Size(), options.scale, options.scale, cv::INTER_NEAREST);
