@@ -64,20 +64,6 @@ void setError(char* error, std::size_t errorLen, const char* fmt, ...) {
     va_end(ap);
 }
 
-bool parseUnsigned(const char* text, uint32_t& value) {
-    if (text[0] < '0' || text[0] > '9') {
-        return false;
-    }
-    errno = 0;
-    char* end = nullptr;
-    const unsigned long parsed = strtoul(text, &end, 10);
-    if (errno != 0 || *end != '\0' || parsed > 0xFFFFFFFFul) {
-        return false;
-    }
-    value = static_cast<uint32_t>(parsed);
-    return true;
-}
-
 // Exactly count unsigned numbers separated by single spaces.
 bool parseNumberList(char* line, uint32_t* values, std::size_t count) {
     char* pos = line;
@@ -339,6 +325,20 @@ int formatDesc(const PanelDesc& panelDesc, char* buf, std::size_t bufLen) {
                            g.blue.length, g.transp.offset, g.transp.length, g.lineLength,
                            visual != nullptr ? visual : "truecolor");
     return n >= 0 && static_cast<std::size_t>(n) < bufLen ? n : -1;
+}
+
+bool parseUnsigned(const char* text, uint32_t& value) {
+    if (text[0] < '0' || text[0] > '9') {
+        return false;
+    }
+    errno = 0;
+    char* end = nullptr;
+    const unsigned long parsed = strtoul(text, &end, 10);
+    if (errno != 0 || *end != '\0' || parsed > 0xFFFFFFFFul) {
+        return false;
+    }
+    value = static_cast<uint32_t>(parsed);
+    return true;
 }
 
 bool parseVisual(const char* name, Visual& visual) {

@@ -62,6 +62,9 @@ enum Given : unsigned {
 // Writes panelDesc as geometry-file text; returns the length or -1 when buf is too small.
 int formatDesc(const PanelDesc& panelDesc, char* buf, std::size_t bufLen);
 
+// A decimal number that fits in 32 bits, digits only (no sign, no blanks).
+[[nodiscard]] bool parseUnsigned(const char* text, uint32_t& value);
+
 // Visual names used in the files and on the launcher's command line.
 [[nodiscard]] bool parseVisual(const char* name, Visual& visual);
 const char* visualName(Visual visual);

@@ -9,7 +9,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -17,6 +16,7 @@
 #include "dravik_utils/file_descriptor.h"
 #include "dravik_utils/getopt_table.h"
 #include "panel_files.h"
+#include "tool_support.h"
 
 namespace {
 
@@ -25,6 +25,7 @@ using dravik::utils::getoptTables;
 
 namespace fs = std::filesystem;
 using fakefb::Geometry;
+using fakefb::Join;
 using fakefb::PanelDesc;
 
 constexpr int kUsageError = 2;
@@ -80,24 +81,11 @@ struct UsageError {
     std::string message;
 };
 
-bool parseNumber(const char* text, uint32_t& value) {
-    if (text[0] < '0' || text[0] > '9') {
-        return false;
-    }
-    errno = 0;
-    char* end = nullptr;
-    const unsigned long parsed = strtoul(text, &end, 10);
-    if (errno != 0 || *end != '\0' || parsed > 0xFFFFFFFFul) {
-        return false;
-    }
-    value = static_cast<uint32_t>(parsed);
-    return true;
-}
-
 void parseSize(const std::string& text, Geometry& geometry) {
     const auto x = text.find('x');
-    if (x == std::string::npos || !parseNumber(text.substr(0, x).c_str(), geometry.width) ||
-        !parseNumber(text.substr(x + 1).c_str(), geometry.height)) {
+    if (x == std::string::npos ||
+        !fakefb::parseUnsigned(text.substr(0, x).c_str(), geometry.width) ||
+        !fakefb::parseUnsigned(text.substr(x + 1).c_str(), geometry.height)) {
         throw UsageError{"bad --size \"" + text + "\": expected WIDTHxHEIGHT, e.g. 240x240"};
     }
 }
@@ -118,7 +106,7 @@ void parseRgb(const std::string& text, Geometry& geometry) {
 }
 
 void parseBpp(const char* arg, PanelArgs& panel) {
-    if (!parseNumber(arg, panel.geometry.bpp)) {
+    if (!fakefb::parseUnsigned(arg, panel.geometry.bpp)) {
         throw UsageError{std::string("bad --bpp \"") + arg + "\""};
     }
 }
@@ -131,7 +119,7 @@ void parseTransp(const char* arg, PanelArgs& panel) {
 }
 
 void parseLineLength(const char* arg, PanelArgs& panel) {
-    if (!parseNumber(arg, panel.geometry.lineLength)) {
+    if (!fakefb::parseUnsigned(arg, panel.geometry.lineLength)) {
         throw UsageError{std::string("bad --line-length \"") + arg + "\""};
     }
     panel.given |= fakefb::kGivenLineLength;
@@ -182,11 +170,10 @@ void applyOption(int opt, const char* arg, PanelArgs& panel) {
     throw UsageError{""};  // getopt_long has described the problem
 }
 
-void copyInto(char* dst, const std::string& src, const char* what) {
-    if (src.size() >= fakefb::kPathMax) {
-        throw UsageError{std::string(what) + " too long: " + src};
+void copyInto(char (&field)[fakefb::kPathMax], const std::string& path, const char* what) {
+    if (!fakefb::storePath(field, path)) {
+        throw UsageError{std::string(what) + " too long: " + path};
     }
-    memcpy(dst, src.c_str(), src.size() + 1);
 }
 
 PanelDesc finishPanel(PanelArgs& panel) {
@@ -271,12 +258,6 @@ std::string findLibrary() {
     return {};
 }
 
-bool writeText(const std::string& path, const char* text, std::size_t len) {
-    std::ofstream out(path, std::ios::binary | std::ios::trunc);
-    out.write(text, static_cast<std::streamsize>(len));
-    return static_cast<bool>(out.flush());
-}
-
 // Sizes the backing file, writes FILE.geom and forgets an old colour map.
 bool preparePanel(const PanelDesc& panelDesc) {
     const dravik::utils::FileDescriptor fd(
@@ -287,25 +268,14 @@ bool preparePanel(const PanelDesc& panelDesc) {
                 strerror(errno));
         return false;
     }
-    char text[2 * fakefb::kPathMax + 512];
-    const int n = fakefb::formatDesc(panelDesc, text, sizeof text);
     const std::string geom = std::string(panelDesc.file) + ".geom";
-    if (n < 0 || !writeText(geom, text, static_cast<std::size_t>(n))) {
+    if (!fakefb::writeDescFile(panelDesc, geom)) {
         fprintf(stderr, "fakefb-run: cannot write %s\n", geom.c_str());
         return false;
     }
     std::error_code ignored;  // absent is what we want
     fs::remove(std::string(panelDesc.file) + ".cmap", ignored);
     return true;
-}
-
-void joinIntoVariable(const char* name, const std::string& value, bool prepend) {
-    const char* old = getenv(name);
-    std::string joined = value;
-    if (old != nullptr && old[0] != '\0') {
-        joined = prepend ? value + ":" + old : std::string(old) + ":" + value;
-    }
-    (void)setenv(name, joined.c_str(), 1);  // only fails on ENOMEM
 }
 
 // Whether `command` names a program that can run, the way execvp looks for it.
@@ -333,23 +303,11 @@ int runEmulated(const Invocation& inv, const char* emulator, const std::string& 
         fprintf(stderr, "fakefb-run: cannot run %s: %s\n", inv.command[0], strerror(ENOENT));
         return kCannotRun;
     }
-    std::vector<std::string> words;
-    std::istringstream split(emulator);
-    for (std::string word; split >> word;) {
-        words.push_back(word);
-    }
-    const char* old = getenv("LD_PRELOAD");
-    const std::string preload =
-        library + (old != nullptr && old[0] != '\0' ? ":" + std::string(old) : "");
-    for (const std::string& variable : {"LD_PRELOAD=" + preload, "FAKEFB_CONFIG=" + configs}) {
-        words.push_back("-E");
-        words.push_back(variable);
-    }
-    std::vector<char*> argv;
-    for (std::string& word : words) {
-        argv.push_back(word.data());
-    }
-    argv.insert(argv.end(), inv.command.begin(), inv.command.end());  // ends with its null
+    const std::string preload = fakefb::joinedWithVariable("LD_PRELOAD", library, Join::prepend);
+    std::vector<std::string> words =
+        fakefb::emulatorWords(emulator, {"LD_PRELOAD=" + preload, "FAKEFB_CONFIG=" + configs});
+    // inv.command ends with its null.
+    std::vector<char*> argv = fakefb::execArguments(words, inv.command);
     execvp(argv[0], argv.data());
     fprintf(stderr, "fakefb-run: cannot run %s: %s\n", argv[0], strerror(errno));
     return kCannotRun;
@@ -370,13 +328,13 @@ int run(const Invocation& inv) {
     }
     // A sanitized program refuses to start when another library is loaded before
     // the sanitizer runtime, unless told not to check.
-    joinIntoVariable("ASAN_OPTIONS", "verify_asan_link_order=0", false);
+    fakefb::joinIntoVariable("ASAN_OPTIONS", "verify_asan_link_order=0", Join::append);
     const char* emulator = getenv("DRAVIK_EMULATOR");
     if (emulator != nullptr && emulator[0] != '\0') {
         return runEmulated(inv, emulator, library, configs);
     }
     (void)setenv("FAKEFB_CONFIG", configs.c_str(), 1);  // only fails on ENOMEM
-    joinIntoVariable("LD_PRELOAD", library, true);
+    fakefb::joinIntoVariable("LD_PRELOAD", library, Join::prepend);
     execvp(inv.command[0], inv.command.data());
     fprintf(stderr, "fakefb-run: cannot run %s: %s\n", inv.command[0], strerror(errno));
     return kCannotRun;

@@ -5,8 +5,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
-#include <iterator>
 #include <opencv2/core.hpp>
 #include <opencv2/imgcodecs.hpp>
 #include <opencv2/imgproc.hpp>
@@ -15,6 +13,7 @@
 
 #include "dravik_utils/getopt_table.h"
 #include "panel_files.h"
+#include "tool_support.h"
 
 namespace {
 
@@ -57,24 +56,12 @@ struct Failure {
     std::string message;
 };
 
-bool readFile(const std::string& path, std::string& data) {
-    std::ifstream in(path, std::ios::binary);
-    if (!in) {
-        return false;
-    }
-    data.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-    return !in.bad();
-}
-
 uint32_t parseScale(const char* text) {
-    char* end = nullptr;
-    errno = 0;
-    const unsigned long value = strtoul(text, &end, 10);
-    if (text[0] < '0' || text[0] > '9' || errno != 0 || *end != '\0' || value < 1 ||
-        value > kMaxScale) {
+    uint32_t value = 0;
+    if (!fakefb::parseUnsigned(text, value) || value < 1 || value > kMaxScale) {
         throw Failure{kUsageError, std::string("bad --scale \"") + text + "\": expected 1..64"};
     }
-    return static_cast<uint32_t>(value);
+    return value;
 }
 
 // One option and what it sets; --help has nothing to set and ends the parse.
@@ -133,7 +120,7 @@ Options parseCommandLine(int argc, char** argv) {
 
 Geometry loadGeometry(const std::string& path) {
     std::string text;
-    if (!readFile(path, text)) {
+    if (!fakefb::readWholeFile(path, text)) {
         throw Failure{kFailure, "cannot read geometry " + path + ": " + strerror(errno)};
     }
     fakefb::PanelDesc panelDesc;
@@ -149,7 +136,7 @@ Geometry loadGeometry(const std::string& path) {
 // False when no colour map was recorded.
 bool loadColourMap(const std::string& path, ColourMapRecord& map) {
     std::string text;
-    if (!readFile(path, text)) {
+    if (!fakefb::readWholeFile(path, text)) {
         return false;
     }
     if (!fakefb::parseColourMap(text.data(), text.size(), map)) {
@@ -224,7 +211,7 @@ cv::Mat decodeFrame(const Geometry& geometry, const std::string& data, const Col
 int snapshot(const Options& options) {
     const Geometry geometry = loadGeometry(options.geometry);
     std::string data;
-    if (!readFile(options.input, data)) {
+    if (!fakefb::readWholeFile(options.input, data)) {
         throw Failure{kFailure, "cannot read " + options.input + ": " + strerror(errno)};
     }
     ColourMapRecord map;
