@@ -101,8 +101,8 @@ void Panel::applyAll(std::initializer_list<const Panel*> panels) {
 }
 
 void Panel::clearAll() {
-    (void)unsetenv("FAKEFB_CONFIG");
-}  // cannot fail for this name
+    (void)unsetenv("FAKEFB_CONFIG");  // cannot fail for this name
+}
 
 std::vector<uint8_t> Panel::bytes() const {
     std::string data;
