@@ -9,23 +9,16 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
-#include <sstream>
 #include <stdexcept>
 #include <system_error>
 
 #include "panel_files.h"
+#include "tool_support.h"
 
 namespace fakefb {
 namespace {
 
 constexpr const char* kReexecGuard = "FAKEFB_REEXECUTED";
-
-std::string readWholeFile(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-}
 
 std::string makeTempDir() {
     const char* base = getenv("TMPDIR");
@@ -38,77 +31,41 @@ std::string makeTempDir() {
     return pattern;
 }
 
-void copyString(char* dst, const std::string& src) {
-    if (src.size() >= kPathMax) {
-        throw std::runtime_error("fakefb: path too long: " + src);
+void copyPath(char (&field)[kPathMax], const std::string& path) {
+    if (!storePath(field, path)) {
+        throw std::runtime_error("fakefb: path too long: " + path);
     }
-    memcpy(dst, src.c_str(), src.size() + 1);
 }
 
-PanelSpec toSpec(const std::string& device, const std::string& file, const Geometry& g) {
-    PanelSpec panelSpec;
-    copyString(panelSpec.device, device);
-    copyString(panelSpec.file, file);
-    panelSpec.width = g.width;
-    panelSpec.height = g.height;
-    panelSpec.bpp = g.bpp;
-    panelSpec.red = {g.red.offset, g.red.length};
-    panelSpec.green = {g.green.offset, g.green.length};
-    panelSpec.blue = {g.blue.offset, g.blue.length};
-    panelSpec.transp = {g.transp.offset, g.transp.length};
-    panelSpec.lineLength = g.lineLength;
-    panelSpec.visual = static_cast<uint32_t>(g.visual);
-    return panelSpec;
+PanelDesc toDesc(const std::string& device, const std::string& file, const Geometry& geometry) {
+    PanelDesc panelDesc;
+    copyPath(panelDesc.device, device);
+    copyPath(panelDesc.file, file);
+    panelDesc.geometry = geometry;
+    return panelDesc;
 }
 
-void writeSpec(const PanelSpec& panelSpec, const std::string& path) {
+void writeDesc(const PanelDesc& panelDesc, const std::string& path) {
     char error[kErrorMax];
-    if (!validateSpec(panelSpec, error, sizeof error)) {
+    if (!validateDesc(panelDesc, error, sizeof error)) {
         throw std::invalid_argument(std::string("fakefb: bad geometry: ") + error);
     }
-    char text[2 * kPathMax + 512];
-    const int n = formatSpec(panelSpec, text, sizeof text);
-    std::ofstream out(path, std::ios::binary | std::ios::trunc);
-    out.write(text, n < 0 ? 0 : n);
-    if (n < 0 || !out.flush()) {
+    if (!writeDescFile(panelDesc, path)) {
         throw std::runtime_error("fakefb: cannot write " + path);
     }
-}
-
-void prependToVariable(const char* name, const std::string& value, char separator) {
-    const char* old = getenv(name);
-    const std::string joined = old != nullptr && old[0] != '\0' ? value + separator + old : value;
-    (void)setenv(name, joined.c_str(), 1);  // only fails on ENOMEM
-}
-
-void appendToVariable(const char* name, const std::string& value, char separator) {
-    const char* old = getenv(name);
-    const std::string joined =
-        old != nullptr && old[0] != '\0' ? std::string(old) + separator + value : value;
-    (void)setenv(name, joined.c_str(), 1);  // only fails on ENOMEM
 }
 
 }  // namespace
 
 Geometry Geometry::forDepth(uint32_t bpp, uint32_t width, uint32_t height) {
-    PanelSpec panelSpec;
-    panelSpec.width = width;
-    panelSpec.height = height;
-    panelSpec.bpp = bpp;
-    if (!applyDepthDefaults(panelSpec, kGivenNone)) {
+    Geometry geometry;
+    geometry.width = width;
+    geometry.height = height;
+    geometry.bpp = bpp;
+    if (!applyDepthDefaults(geometry, kGivenNone)) {
         throw std::invalid_argument("fakefb: unsupported depth " + std::to_string(bpp));
     }
-    Geometry g;
-    g.width = width;
-    g.height = height;
-    g.bpp = bpp;
-    g.red = {panelSpec.red.offset, panelSpec.red.length};
-    g.green = {panelSpec.green.offset, panelSpec.green.length};
-    g.blue = {panelSpec.blue.offset, panelSpec.blue.length};
-    g.transp = {panelSpec.transp.offset, panelSpec.transp.length};
-    g.lineLength = panelSpec.lineLength;
-    g.visual = static_cast<Visual>(panelSpec.visual);
-    return g;
+    return geometry;
 }
 
 Panel::Panel(std::string device, const Geometry& geometry)
@@ -118,7 +75,7 @@ Panel::Panel(std::string device, const Geometry& geometry)
       geometryFile_(backingFile_ + ".geom"),
       geometry_(geometry) {
     try {
-        writeSpec(toSpec(device_, backingFile_, geometry_), geometryFile_);
+        writeDesc(toDesc(device_, backingFile_, geometry_), geometryFile_);
     } catch (...) {
         std::error_code ignored;  // best effort: the reason is in the exception
         std::filesystem::remove_all(dir_, ignored);
@@ -144,11 +101,12 @@ void Panel::applyAll(std::initializer_list<const Panel*> panels) {
 }
 
 void Panel::clearAll() {
-    (void)unsetenv("FAKEFB_CONFIG");
-}  // cannot fail for this name
+    (void)unsetenv("FAKEFB_CONFIG");  // cannot fail for this name
+}
 
 std::vector<uint8_t> Panel::bytes() const {
-    const std::string data = readWholeFile(backingFile_);
+    std::string data;
+    (void)readWholeFile(backingFile_, data);  // no file yet: no bytes
     return {data.begin(), data.end()};
 }
 
@@ -171,7 +129,8 @@ uint32_t Panel::pixel(uint32_t x, uint32_t y) const {
 
 ColourMap Panel::colourMap() const {
     ColourMap map;
-    const std::string text = readWholeFile(backingFile_ + ".cmap");
+    std::string text;
+    (void)readWholeFile(backingFile_ + ".cmap", text);  // no record yet: the empty map
     ColourMapRecord record;
     if (!text.empty() && !parseColourMap(text.data(), text.size(), record)) {
         throw std::runtime_error("fakefb: unreadable colour map record " + backingFile_ + ".cmap");
@@ -198,16 +157,12 @@ bool isPreloaded() {
 // variables set above to the emulated program with -E (in the environment
 // they would be the emulator's own).
 bool reexecEmulated(const char* emulator, std::vector<char*>& args) {
-    std::vector<std::string> words;
-    std::istringstream split(emulator);
-    for (std::string word; split >> word;) {
-        words.push_back(word);
-    }
+    std::vector<std::string> variables;
     for (const char* name : {"LD_PRELOAD", "ASAN_OPTIONS", kReexecGuard}) {
         const char* value = getenv(name);
-        words.push_back("-E");
-        words.push_back(std::string(name) + "=" + (value != nullptr ? value : ""));
+        variables.push_back(std::string(name) + "=" + (value != nullptr ? value : ""));
     }
+    std::vector<std::string> words = emulatorWords(emulator, variables);
     (void)unsetenv("LD_PRELOAD");  // the emulator's own loader must not see it
     char self[PATH_MAX];
     const ssize_t length = readlink("/proc/self/exe", self, sizeof self - 1);
@@ -216,11 +171,8 @@ bool reexecEmulated(const char* emulator, std::vector<char*>& args) {
         return false;
     }
     words.emplace_back(self, static_cast<size_t>(length));
-    std::vector<char*> command;
-    for (std::string& word : words) {
-        command.push_back(word.data());
-    }
-    command.insert(command.end(), args.begin() + 1, args.end());  // ends with its null
+    // args ends with its null.
+    std::vector<char*> command = execArguments(words, {args.begin() + 1, args.end()});
     execvp(command[0], command.data());
     fprintf(stderr, "fakefb: cannot re-execute through %s: %s\n", command[0], strerror(errno));
     return false;
@@ -236,10 +188,10 @@ bool ensurePreloaded(int argc, char** argv) {
                 libraryPath().c_str());
         return false;
     }
-    prependToVariable("LD_PRELOAD", libraryPath(), ':');
+    joinIntoVariable("LD_PRELOAD", libraryPath(), Join::prepend);
     // A sanitized program refuses to start when another library is loaded before
     // the sanitizer runtime, unless told not to check.
-    appendToVariable("ASAN_OPTIONS", "verify_asan_link_order=0", ':');
+    joinIntoVariable("ASAN_OPTIONS", "verify_asan_link_order=0", Join::append);
     (void)setenv(kReexecGuard, "1", 1);  // only fails on ENOMEM
     std::vector<char*> args(argv, argv + argc);
     args.push_back(nullptr);

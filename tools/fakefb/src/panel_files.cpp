@@ -11,31 +11,31 @@ namespace {
 
 struct DepthDefaults {
     uint32_t bpp;
-    ChannelSpec red;
-    ChannelSpec green;
-    ChannelSpec blue;
-    uint32_t visual;
+    Channel red;
+    Channel green;
+    Channel blue;
+    Visual visual;
 };
 
 // A pseudo-colour panel reports 8 significant bits per colour-map channel, all at
 // offset 0; the pixel itself is an index.
 constexpr DepthDefaults kDepthDefaults[] = {
-    {8, {0, 8}, {0, 8}, {0, 8}, kVisualPseudocolor},
-    {15, {10, 5}, {5, 5}, {0, 5}, kVisualTruecolor},
-    {16, {11, 5}, {5, 6}, {0, 5}, kVisualTruecolor},
-    {24, {16, 8}, {8, 8}, {0, 8}, kVisualTruecolor},
-    {32, {16, 8}, {8, 8}, {0, 8}, kVisualTruecolor},
+    {8, {0, 8}, {0, 8}, {0, 8}, Visual::pseudocolor},
+    {15, {10, 5}, {5, 5}, {0, 5}, Visual::truecolor},
+    {16, {11, 5}, {5, 6}, {0, 5}, Visual::truecolor},
+    {24, {16, 8}, {8, 8}, {0, 8}, Visual::truecolor},
+    {32, {16, 8}, {8, 8}, {0, 8}, Visual::truecolor},
 };
 
 struct VisualNameEntry {
     const char* name;
-    uint32_t visual;
+    Visual visual;
 };
 
 constexpr VisualNameEntry kVisualNames[] = {
-    {"truecolor", kVisualTruecolor},
-    {"pseudocolor", kVisualPseudocolor},
-    {"directcolor", kVisualDirectcolor},
+    {"truecolor", Visual::truecolor},
+    {"pseudocolor", Visual::pseudocolor},
+    {"directcolor", Visual::directcolor},
 };
 
 constexpr uint32_t kMaxDimension = 16384;
@@ -62,20 +62,6 @@ void setError(char* error, std::size_t errorLen, const char* fmt, ...) {
     // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized): started just above
     (void)vsnprintf(error, errorLen, fmt, ap);  // a cut message is still a message
     va_end(ap);
-}
-
-bool parseUnsigned(const char* text, uint32_t& value) {
-    if (text[0] < '0' || text[0] > '9') {
-        return false;
-    }
-    errno = 0;
-    char* end = nullptr;
-    const unsigned long parsed = strtoul(text, &end, 10);
-    if (errno != 0 || *end != '\0' || parsed > 0xFFFFFFFFul) {
-        return false;
-    }
-    value = static_cast<uint32_t>(parsed);
-    return true;
 }
 
 // Exactly count unsigned numbers separated by single spaces.
@@ -108,61 +94,57 @@ bool copyPath(const char* value, const char* baseDir, char* out) {
 }
 
 // Parsing state of one geometry file.
-struct SpecParse {
-    PanelSpec& panelSpec;
+struct DescParse {
+    PanelDesc& panelDesc;
     const char* baseDir;
     unsigned given = kGivenNone;
     unsigned channelsSeen = 0;
 };
 
-using KeyParser = bool (*)(SpecParse& parse, const char* value);
+using KeyParser = bool (*)(DescParse& parse, const char* value);
 
-bool parseDevice(SpecParse& p, const char* v) {
-    return copyPath(v, nullptr, p.panelSpec.device);
+bool parseDevice(DescParse& p, const char* v) {
+    return copyPath(v, nullptr, p.panelDesc.device);
 }
-bool parseFile(SpecParse& p, const char* v) {
-    return copyPath(v, p.baseDir, p.panelSpec.file);
+bool parseFile(DescParse& p, const char* v) {
+    return copyPath(v, p.baseDir, p.panelDesc.file);
 }
-bool parseWidth(SpecParse& p, const char* v) {
-    return parseUnsigned(v, p.panelSpec.width);
+bool parseWidth(DescParse& p, const char* v) {
+    return parseUnsigned(v, p.panelDesc.geometry.width);
 }
-bool parseHeight(SpecParse& p, const char* v) {
-    return parseUnsigned(v, p.panelSpec.height);
+bool parseHeight(DescParse& p, const char* v) {
+    return parseUnsigned(v, p.panelDesc.geometry.height);
 }
-bool parseBpp(SpecParse& p, const char* v) {
-    return parseUnsigned(v, p.panelSpec.bpp);
+bool parseBpp(DescParse& p, const char* v) {
+    return parseUnsigned(v, p.panelDesc.geometry.bpp);
 }
-bool parseRed(SpecParse& p, const char* v) {
+bool parseRed(DescParse& p, const char* v) {
     p.channelsSeen |= 1;
-    return parseChannel(v, p.panelSpec.red);
+    return parseChannel(v, p.panelDesc.geometry.red);
 }
-bool parseGreen(SpecParse& p, const char* v) {
+bool parseGreen(DescParse& p, const char* v) {
     p.channelsSeen |= 2;
-    return parseChannel(v, p.panelSpec.green);
+    return parseChannel(v, p.panelDesc.geometry.green);
 }
-bool parseBlue(SpecParse& p, const char* v) {
+bool parseBlue(DescParse& p, const char* v) {
     p.channelsSeen |= 4;
-    return parseChannel(v, p.panelSpec.blue);
+    return parseChannel(v, p.panelDesc.geometry.blue);
 }
-bool parseTransp(SpecParse& p, const char* v) {
+bool parseTransp(DescParse& p, const char* v) {
     p.given |= kGivenTransp;
-    return parseChannel(v, p.panelSpec.transp);
+    return parseChannel(v, p.panelDesc.geometry.transp);
 }
-bool parseLineLength(SpecParse& p, const char* v) {
+bool parseLineLength(DescParse& p, const char* v) {
     p.given |= kGivenLineLength;
-    return parseUnsigned(v, p.panelSpec.lineLength);
+    return parseUnsigned(v, p.panelDesc.geometry.lineLength);
 }
-bool parseVisualKey(SpecParse& p, const char* v) {
+bool parseVisualKey(DescParse& p, const char* v) {
     p.given |= kGivenVisual;
-    return parseVisual(v, p.panelSpec.visual);
+    return parseVisual(v, p.panelDesc.geometry.visual);
 }
-bool parseType(SpecParse& p, const char* v) {
-    // Only packed pixels exist on this kind of panel.
-    if (strcmp(v, "packed_pixels") == 0) {
-        p.panelSpec.type = kTypePackedPixels;
-        return true;
-    }
-    return false;
+// Only packed pixels exist on this kind of panel.
+bool parseType(DescParse& /*parse*/, const char* v) {
+    return strcmp(v, "packed_pixels") == 0;
 }
 
 struct KeyEntry {
@@ -210,7 +192,7 @@ const char* takeLine(const char* pos, const char* end, char* buf, std::size_t bu
     return next;
 }
 
-bool parseSpecLine(SpecParse& parse, char* line, int lineNo, char* error, std::size_t errorLen) {
+bool parseDescLine(DescParse& parse, char* line, int lineNo, char* error, std::size_t errorLen) {
     char* eq = strchr(line, '=');
     if (eq == nullptr) {
         setError(error, errorLen, "line %d: expected key=value, got \"%s\"", lineNo, line);
@@ -229,74 +211,76 @@ bool parseSpecLine(SpecParse& parse, char* line, int lineNo, char* error, std::s
     return true;
 }
 
-bool channelFits(const ChannelSpec& channel, uint32_t bpp) {
+bool channelFits(const Channel& channel, uint32_t bpp) {
     return channel.length <= 32 && channel.offset + channel.length <= bpp;
+}
+
+bool validateGeometry(const Geometry& g, char* error, std::size_t errorLen) {
+    if (findDepth(g.bpp) == nullptr) {
+        setError(error, errorLen, "bpp %u is not one of 8, 15, 16, 24, 32", g.bpp);
+        return false;
+    }
+    if (g.width == 0 || g.height == 0 || g.width > kMaxDimension || g.height > kMaxDimension) {
+        setError(error, errorLen, "size %ux%u is out of range (1..%u)", g.width, g.height,
+                 kMaxDimension);
+        return false;
+    }
+    const uint64_t minLine = static_cast<uint64_t>(g.width) * g.bytesPerPixel();
+    if (g.lineLength < minLine || g.frameSize() > kMaxFrameSize) {
+        setError(error, errorLen, "line_length %u is below %llu bytes or the frame is too large",
+                 g.lineLength, static_cast<unsigned long long>(minLine));
+        return false;
+    }
+    if (visualName(g.visual) == nullptr) {
+        setError(error, errorLen, "visual %u is not supported", static_cast<uint32_t>(g.visual));
+        return false;
+    }
+    // A pseudo-colour pixel is an index; its channel fields describe the colour map.
+    if (g.visual != Visual::pseudocolor &&
+        !(channelFits(g.red, g.bpp) && channelFits(g.green, g.bpp) && channelFits(g.blue, g.bpp) &&
+          channelFits(g.transp, g.bpp))) {
+        setError(error, errorLen, "a channel lies outside the %u-bit pixel", g.bpp);
+        return false;
+    }
+    return true;
 }
 
 }  // namespace
 
-bool applyDepthDefaults(PanelSpec& panelSpec, unsigned given) {
-    const DepthDefaults* defaults = findDepth(panelSpec.bpp);
+bool applyDepthDefaults(Geometry& geometry, unsigned given) {
+    const DepthDefaults* defaults = findDepth(geometry.bpp);
     if (defaults == nullptr) {
         return false;
     }
     if ((given & kGivenChannels) == 0) {
-        panelSpec.red = defaults->red;
-        panelSpec.green = defaults->green;
-        panelSpec.blue = defaults->blue;
+        geometry.red = defaults->red;
+        geometry.green = defaults->green;
+        geometry.blue = defaults->blue;
     }
     if ((given & kGivenTransp) == 0) {
-        panelSpec.transp = ChannelSpec{};
+        geometry.transp = Channel{};
     }
     if ((given & kGivenVisual) == 0) {
-        panelSpec.visual = defaults->visual;
+        geometry.visual = defaults->visual;
     }
     if ((given & kGivenLineLength) == 0) {
-        panelSpec.lineLength = panelSpec.width * bytesPerPixel(panelSpec);
+        geometry.lineLength = geometry.width * geometry.bytesPerPixel();
     }
     return true;
 }
 
-bool validateSpec(const PanelSpec& panelSpec, char* error, std::size_t errorLen) {
-    if (panelSpec.device[0] == '\0' || panelSpec.file[0] == '\0') {
+bool validateDesc(const PanelDesc& panelDesc, char* error, std::size_t errorLen) {
+    if (panelDesc.device[0] == '\0' || panelDesc.file[0] == '\0') {
         setError(error, errorLen, "device and file are both required");
         return false;
     }
-    if (findDepth(panelSpec.bpp) == nullptr) {
-        setError(error, errorLen, "bpp %u is not one of 8, 15, 16, 24, 32", panelSpec.bpp);
-        return false;
-    }
-    if (panelSpec.width == 0 || panelSpec.height == 0 || panelSpec.width > kMaxDimension ||
-        panelSpec.height > kMaxDimension) {
-        setError(error, errorLen, "size %ux%u is out of range (1..%u)", panelSpec.width,
-                 panelSpec.height, kMaxDimension);
-        return false;
-    }
-    const uint64_t minLine = static_cast<uint64_t>(panelSpec.width) * bytesPerPixel(panelSpec);
-    if (panelSpec.lineLength < minLine || frameSize(panelSpec) > kMaxFrameSize) {
-        setError(error, errorLen, "line_length %u is below %llu bytes or the frame is too large",
-                 panelSpec.lineLength, static_cast<unsigned long long>(minLine));
-        return false;
-    }
-    if (visualName(panelSpec.visual) == nullptr) {
-        setError(error, errorLen, "visual %u is not supported", panelSpec.visual);
-        return false;
-    }
-    // A pseudo-colour pixel is an index; its channel fields describe the colour map.
-    if (panelSpec.visual != kVisualPseudocolor && !(channelFits(panelSpec.red, panelSpec.bpp) &&
-                                                    channelFits(panelSpec.green, panelSpec.bpp) &&
-                                                    channelFits(panelSpec.blue, panelSpec.bpp) &&
-                                                    channelFits(panelSpec.transp, panelSpec.bpp))) {
-        setError(error, errorLen, "a channel lies outside the %u-bit pixel", panelSpec.bpp);
-        return false;
-    }
-    return true;
+    return validateGeometry(panelDesc.geometry, error, errorLen);
 }
 
-bool parseSpec(const char* text, std::size_t len, const char* baseDir, PanelSpec& panelSpec,
+bool parseDesc(const char* text, std::size_t len, const char* baseDir, PanelDesc& panelDesc,
                char* error, std::size_t errorLen) {
-    panelSpec = PanelSpec{};
-    SpecParse parse{panelSpec, baseDir};
+    panelDesc = PanelDesc{};
+    DescParse parse{panelDesc, baseDir};
     const char* pos = text;
     const char* end = text + len;
     char line[kPathMax + 32];
@@ -310,7 +294,7 @@ bool parseSpec(const char* text, std::size_t len, const char* baseDir, PanelSpec
         if (line[0] == '\0' || line[0] == '#') {
             continue;
         }
-        if (!parseSpecLine(parse, line, lineNo, error, errorLen)) {
+        if (!parseDescLine(parse, line, lineNo, error, errorLen)) {
             return false;
         }
     }
@@ -321,29 +305,43 @@ bool parseSpec(const char* text, std::size_t len, const char* baseDir, PanelSpec
     if (parse.channelsSeen == 7) {
         parse.given |= kGivenChannels;
     }
-    if (!applyDepthDefaults(panelSpec, parse.given)) {
-        setError(error, errorLen, "bpp %u is not one of 8, 15, 16, 24, 32", panelSpec.bpp);
+    if (!applyDepthDefaults(panelDesc.geometry, parse.given)) {
+        setError(error, errorLen, "bpp %u is not one of 8, 15, 16, 24, 32", panelDesc.geometry.bpp);
         return false;
     }
-    return validateSpec(panelSpec, error, errorLen);
+    return validateDesc(panelDesc, error, errorLen);
 }
 
-int formatSpec(const PanelSpec& panelSpec, char* buf, std::size_t bufLen) {
-    const char* visual = visualName(panelSpec.visual);
+int formatDesc(const PanelDesc& panelDesc, char* buf, std::size_t bufLen) {
+    const Geometry& g = panelDesc.geometry;
+    const char* visual = visualName(g.visual);
     const int n = snprintf(buf, bufLen,
                            "# fakefb panel\n"
                            "device=%s\nfile=%s\nwidth=%u\nheight=%u\nbpp=%u\n"
                            "red=%u/%u\ngreen=%u/%u\nblue=%u/%u\ntransp=%u/%u\n"
                            "line_length=%u\nvisual=%s\ntype=packed_pixels\n",
-                           panelSpec.device, panelSpec.file, panelSpec.width, panelSpec.height,
-                           panelSpec.bpp, panelSpec.red.offset, panelSpec.red.length,
-                           panelSpec.green.offset, panelSpec.green.length, panelSpec.blue.offset,
-                           panelSpec.blue.length, panelSpec.transp.offset, panelSpec.transp.length,
-                           panelSpec.lineLength, visual != nullptr ? visual : "truecolor");
+                           panelDesc.device, panelDesc.file, g.width, g.height, g.bpp, g.red.offset,
+                           g.red.length, g.green.offset, g.green.length, g.blue.offset,
+                           g.blue.length, g.transp.offset, g.transp.length, g.lineLength,
+                           visual != nullptr ? visual : "truecolor");
     return n >= 0 && static_cast<std::size_t>(n) < bufLen ? n : -1;
 }
 
-bool parseVisual(const char* name, uint32_t& visual) {
+bool parseUnsigned(const char* text, uint32_t& value) {
+    if (text[0] < '0' || text[0] > '9') {
+        return false;
+    }
+    errno = 0;
+    char* end = nullptr;
+    const unsigned long parsed = strtoul(text, &end, 10);
+    if (errno != 0 || *end != '\0' || parsed > 0xFFFFFFFFul) {
+        return false;
+    }
+    value = static_cast<uint32_t>(parsed);
+    return true;
+}
+
+bool parseVisual(const char* name, Visual& visual) {
     for (const auto& entry : kVisualNames) {
         if (strcmp(entry.name, name) == 0) {
             visual = entry.visual;
@@ -353,7 +351,7 @@ bool parseVisual(const char* name, uint32_t& visual) {
     return false;
 }
 
-const char* visualName(uint32_t visual) {
+const char* visualName(Visual visual) {
     for (const auto& entry : kVisualNames) {
         if (entry.visual == visual) {
             return entry.name;
@@ -362,7 +360,7 @@ const char* visualName(uint32_t visual) {
     return nullptr;
 }
 
-bool parseChannel(const char* text, ChannelSpec& channel) {
+bool parseChannel(const char* text, Channel& channel) {
     char buf[32];
     const int n = snprintf(buf, sizeof buf, "%s", text);
     if (n <= 0 || static_cast<std::size_t>(n) >= sizeof buf) {
@@ -373,7 +371,7 @@ bool parseChannel(const char* text, ChannelSpec& channel) {
         return false;
     }
     *slash = '\0';
-    ChannelSpec parsed;
+    Channel parsed;
     if (!parseUnsigned(buf, parsed.offset) || !parseUnsigned(slash + 1, parsed.length) ||
         parsed.offset > 32 || parsed.length > 32) {
         return false;

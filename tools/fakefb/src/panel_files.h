@@ -9,36 +9,23 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "fakefb/geometry.h"
+
 namespace fakefb {
 
 constexpr std::size_t kPathMax = 512;
 constexpr std::size_t kErrorMax = 256;
 constexpr unsigned kCmapEntries = 256;
 
-// Values as in <linux/fb.h>.
-constexpr uint32_t kVisualTruecolor = 2;
-constexpr uint32_t kVisualPseudocolor = 3;
-constexpr uint32_t kVisualDirectcolor = 4;
+// As in <linux/fb.h>; the only type of panel simulated.
 constexpr uint32_t kTypePackedPixels = 0;
 
-struct ChannelSpec {
-    uint32_t offset = 0;
-    uint32_t length = 0;
-};
-
-struct PanelSpec {
+// One simulated panel: the device path it answers to, its backing file and its
+// geometry.
+struct PanelDesc {
     char device[kPathMax] = {};
     char file[kPathMax] = {};
-    uint32_t width = 0;
-    uint32_t height = 0;
-    uint32_t bpp = 0;
-    ChannelSpec red;
-    ChannelSpec green;
-    ChannelSpec blue;
-    ChannelSpec transp;
-    uint32_t lineLength = 0;  // 0 until defaults are applied
-    uint32_t visual = kVisualTruecolor;
-    uint32_t type = kTypePackedPixels;
+    Geometry geometry;  // lineLength is 0 until defaults are applied
 };
 
 struct ColourMapRecord {
@@ -49,13 +36,6 @@ struct ColourMapRecord {
     unsigned writes = 0;
 };
 
-inline uint32_t bytesPerPixel(const PanelSpec& panelSpec) {
-    return (panelSpec.bpp + 7) / 8;
-}
-inline uint64_t frameSize(const PanelSpec& panelSpec) {
-    return static_cast<uint64_t>(panelSpec.height) * panelSpec.lineLength;
-}
-
 // Which optional fields a description states itself; the rest come from the depth.
 enum Given : unsigned {
     kGivenNone = 0,
@@ -65,29 +45,32 @@ enum Given : unsigned {
     kGivenLineLength = 8,
 };
 
-// Fills the fields not flagged in given with what a panel of panelSpec.bpp has when
+// Fills the fields not flagged in given with what a panel of geometry.bpp has when
 // nothing else is said: RGB565 for 16 bits, 10/5,5/5,0/5 for 15, 16/8,8/8,0/8 for
 // 24 and 32, pseudo-colour for 8; truecolor otherwise; a line of width * bytes.
 // Returns false for a depth other than 8, 15, 16, 24 or 32.
-[[nodiscard]] bool applyDepthDefaults(PanelSpec& panelSpec, unsigned given);
+[[nodiscard]] bool applyDepthDefaults(Geometry& geometry, unsigned given);
 
 // Checks a complete description; on failure writes the reason into error.
-[[nodiscard]] bool validateSpec(const PanelSpec& panelSpec, char* error, std::size_t errorLen);
+[[nodiscard]] bool validateDesc(const PanelDesc& panelDesc, char* error, std::size_t errorLen);
 
 // Parses the text of a geometry file (key=value lines, '#' comments). A relative
 // "file" is taken relative to baseDir. Missing keys get the depth's defaults.
-[[nodiscard]] bool parseSpec(const char* text, std::size_t len, const char* baseDir,
-                             PanelSpec& panelSpec, char* error, std::size_t errorLen);
+[[nodiscard]] bool parseDesc(const char* text, std::size_t len, const char* baseDir,
+                             PanelDesc& panelDesc, char* error, std::size_t errorLen);
 
-// Writes panelSpec as geometry-file text; returns the length or -1 when buf is too small.
-int formatSpec(const PanelSpec& panelSpec, char* buf, std::size_t bufLen);
+// Writes panelDesc as geometry-file text; returns the length or -1 when buf is too small.
+int formatDesc(const PanelDesc& panelDesc, char* buf, std::size_t bufLen);
+
+// A decimal number that fits in 32 bits, digits only (no sign, no blanks).
+[[nodiscard]] bool parseUnsigned(const char* text, uint32_t& value);
 
 // Visual names used in the files and on the launcher's command line.
-[[nodiscard]] bool parseVisual(const char* name, uint32_t& visual);
-const char* visualName(uint32_t visual);
+[[nodiscard]] bool parseVisual(const char* name, Visual& visual);
+const char* visualName(Visual visual);
 
 // "O/L" -> channel.
-[[nodiscard]] bool parseChannel(const char* text, ChannelSpec& channel);
+[[nodiscard]] bool parseChannel(const char* text, Channel& channel);
 
 // Colour map record: "writes=N" then one line "index red green blue transp" per
 // entry that is part of the map.

@@ -32,7 +32,7 @@
 namespace {
 
 using dravik::utils::FileDescriptor;
-using fakefb::PanelSpec;
+using fakefb::PanelDesc;
 
 using OpenFn = int (*)(const char*, int, ...);
 using Open2Fn = int (*)(const char*, int);
@@ -162,7 +162,7 @@ void directoryOf(const char* path, char* dir) {
 }
 
 // Loads one geometry file and says whether it describes the device at path.
-Match matchConfigFile(const char* configPath, const char* path, PanelSpec& panelSpec) {
+Match matchConfigFile(const char* configPath, const char* path, PanelDesc& panelDesc) {
     char text[4096];
     std::size_t len = 0;
     if (!readSmallFile(configPath, text, sizeof text, len)) {
@@ -172,16 +172,16 @@ Match matchConfigFile(const char* configPath, const char* path, PanelSpec& panel
     char dir[fakefb::kPathMax];
     directoryOf(configPath, dir);
     char error[fakefb::kErrorMax];
-    if (!fakefb::parseSpec(text, len, dir, panelSpec, error, sizeof error)) {
+    if (!fakefb::parseDesc(text, len, dir, panelDesc, error, sizeof error)) {
         report("%s: %s", configPath, error);
         // A broken description of this very device must not fall through to a
         // real framebuffer of the same name.
-        return strcmp(panelSpec.device, path) == 0 ? Match::kBroken : Match::kNone;
+        return strcmp(panelDesc.device, path) == 0 ? Match::kBroken : Match::kNone;
     }
-    return strcmp(panelSpec.device, path) == 0 ? Match::kPanel : Match::kNone;
+    return strcmp(panelDesc.device, path) == 0 ? Match::kPanel : Match::kNone;
 }
 
-Match findConfiguredPanel(int dirfd, const char* path, PanelSpec& panelSpec) {
+Match findConfiguredPanel(int dirfd, const char* path, PanelDesc& panelDesc) {
     if (path == nullptr || (dirfd != AT_FDCWD && path[0] != '/')) {
         return Match::kNone;
     }
@@ -196,7 +196,7 @@ Match findConfiguredPanel(int dirfd, const char* path, PanelSpec& panelSpec) {
         if (n > 0 && n < sizeof configPath) {
             memcpy(configPath, pos, n);
             configPath[n] = '\0';
-            const Match match = matchConfigFile(configPath, path, panelSpec);
+            const Match match = matchConfigFile(configPath, path, panelDesc);
             if (match != Match::kNone) {
                 return match;
             }
@@ -212,7 +212,7 @@ struct OpenPanel {
     bool used = false;
     dev_t dev = 0;
     ino_t ino = 0;
-    PanelSpec panelSpec;
+    PanelDesc panelDesc;
 };
 
 constexpr unsigned kMaxOpenPanels = 16;
@@ -235,17 +235,17 @@ OpenPanel& slotFor(dev_t dev, ino_t ino) {
     return gOpenPanels[gNextSlot++ % kMaxOpenPanels];
 }
 
-void rememberPanel(const struct stat& st, const PanelSpec& panelSpec) {
+void rememberPanel(const struct stat& st, const PanelDesc& panelDesc) {
     const std::lock_guard<std::mutex> lock(gPanelLock);
     OpenPanel& slot = slotFor(st.st_dev, st.st_ino);
     slot.used = true;
     slot.dev = st.st_dev;
     slot.ino = st.st_ino;
-    slot.panelSpec = panelSpec;
+    slot.panelDesc = panelDesc;
     gAnyPanel.store(true, std::memory_order_release);
 }
 
-bool findOpenPanel(int fd, PanelSpec& panelSpec) {
+bool findOpenPanel(int fd, PanelDesc& panelDesc) {
     if (!gAnyPanel.load(std::memory_order_acquire)) {
         return false;
     }
@@ -259,7 +259,7 @@ bool findOpenPanel(int fd, PanelSpec& panelSpec) {
     const std::lock_guard<std::mutex> lock(gPanelLock);
     for (const auto& panel : gOpenPanels) {
         if (panel.used && panel.dev == st.st_dev && panel.ino == st.st_ino) {
-            panelSpec = panel.panelSpec;
+            panelDesc = panel.panelDesc;
             return true;
         }
     }
@@ -268,40 +268,40 @@ bool findOpenPanel(int fd, PanelSpec& panelSpec) {
 
 // The backing file must be exactly one frame long: a mapping beyond its end
 // raises SIGBUS on first touch.
-bool prepareBackingFile(const PanelSpec& panelSpec) {
-    const FileDescriptor fd(openInternal(panelSpec.file, O_RDWR | O_CREAT | O_CLOEXEC, 0644));
+bool prepareBackingFile(const PanelDesc& panelDesc) {
+    const FileDescriptor fd(openInternal(panelDesc.file, O_RDWR | O_CREAT | O_CLOEXEC, 0644));
     struct stat st {};
     if (fd.get() < 0 || fstat(fd.get(), &st) != 0) {
-        report("cannot open backing file %s: %s", panelSpec.file, strerror(errno));
+        report("cannot open backing file %s: %s", panelDesc.file, strerror(errno));
         return false;
     }
-    const auto size = static_cast<off_t>(fakefb::frameSize(panelSpec));
+    const auto size = static_cast<off_t>(panelDesc.geometry.frameSize());
     if (st.st_size != size && ftruncate(fd.get(), size) != 0) {
-        report("cannot size backing file %s: %s", panelSpec.file, strerror(errno));
+        report("cannot size backing file %s: %s", panelDesc.file, strerror(errno));
         return false;
     }
     return true;
 }
 
-int openPanel(const PanelSpec& panelSpec, int flags) {
-    if (!prepareBackingFile(panelSpec)) {
+int openPanel(const PanelDesc& panelDesc, int flags) {
+    if (!prepareBackingFile(panelDesc)) {
         return -1;
     }
     // A device node is neither created nor truncated by open.
-    FileDescriptor fd(openInternal(panelSpec.file, flags & ~(O_CREAT | O_EXCL | O_TRUNC)));
+    FileDescriptor fd(openInternal(panelDesc.file, flags & ~(O_CREAT | O_EXCL | O_TRUNC)));
     struct stat st {};
     if (!fd.valid() || fstat(fd.get(), &st) != 0) {
         return -1;  // the open fails as a whole, with the errno of the failed step
     }
-    rememberPanel(st, panelSpec);
+    rememberPanel(st, panelDesc);
     return fd.release();
 }
 
 // True when the path names a configured panel; fd then holds open's result.
 bool routeToPanel(int dirfd, const char* path, int flags, int& fd) {
     const int savedErrno = errno;
-    PanelSpec panelSpec;
-    switch (findConfiguredPanel(dirfd, path, panelSpec)) {
+    PanelDesc panelDesc;
+    switch (findConfiguredPanel(dirfd, path, panelDesc)) {
         case Match::kNone:
             errno = savedErrno;
             return false;
@@ -312,7 +312,7 @@ bool routeToPanel(int dirfd, const char* path, int flags, int& fd) {
         case Match::kPanel:
             break;
     }
-    fd = openPanel(panelSpec, flags);
+    fd = openPanel(panelDesc, flags);
     if (fd >= 0) {
         errno = savedErrno;
     }
@@ -323,34 +323,36 @@ bool needsMode(int flags) {
     return (flags & O_CREAT) != 0 || (flags & O_TMPFILE) == O_TMPFILE;
 }
 
-int fillFixedInfo(const PanelSpec& panelSpec, void* arg) {
+int fillFixedInfo(const PanelDesc& panelDesc, void* arg) {
+    const fakefb::Geometry& geometry = panelDesc.geometry;
     fb_fix_screeninfo fix{};
     (void)snprintf(fix.id, sizeof fix.id, "fakefb");  // fits
-    fix.smem_len = static_cast<uint32_t>(fakefb::frameSize(panelSpec));
-    fix.type = panelSpec.type;
-    fix.visual = panelSpec.visual;
-    fix.line_length = panelSpec.lineLength;
+    fix.smem_len = static_cast<uint32_t>(geometry.frameSize());
+    fix.type = fakefb::kTypePackedPixels;
+    fix.visual = static_cast<uint32_t>(geometry.visual);
+    fix.line_length = geometry.lineLength;
     fix.accel = FB_ACCEL_NONE;
     memcpy(arg, &fix, sizeof fix);
     return 0;
 }
 
-fb_bitfield bitfield(const fakefb::ChannelSpec& channel) {
+fb_bitfield bitfield(const fakefb::Channel& channel) {
     fb_bitfield field{};
     field.offset = channel.offset;
     field.length = channel.length;
     return field;
 }
 
-int fillVariableInfo(const PanelSpec& panelSpec, void* arg) {
+int fillVariableInfo(const PanelDesc& panelDesc, void* arg) {
+    const fakefb::Geometry& geometry = panelDesc.geometry;
     fb_var_screeninfo var{};
-    var.xres = var.xres_virtual = panelSpec.width;
-    var.yres = var.yres_virtual = panelSpec.height;
-    var.bits_per_pixel = panelSpec.bpp;
-    var.red = bitfield(panelSpec.red);
-    var.green = bitfield(panelSpec.green);
-    var.blue = bitfield(panelSpec.blue);
-    var.transp = bitfield(panelSpec.transp);
+    var.xres = var.xres_virtual = geometry.width;
+    var.yres = var.yres_virtual = geometry.height;
+    var.bits_per_pixel = geometry.bpp;
+    var.red = bitfield(geometry.red);
+    var.green = bitfield(geometry.green);
+    var.blue = bitfield(geometry.blue);
+    var.transp = bitfield(geometry.transp);
     memcpy(arg, &var, sizeof var);
     return 0;
 }
@@ -367,9 +369,9 @@ void copyEntries(uint16_t* dst, const uint16_t* src, const fb_cmap& cmap) {
 std::mutex gCmapLock;
 
 // The device keeps its colour map between writes: merge into the recorded map.
-int putColourMap(const PanelSpec& panelSpec, void* arg) {
+int putColourMap(const PanelDesc& panelDesc, void* arg) {
     // A truecolor device has no programmable map; the kernel refuses 256 entries.
-    if (panelSpec.visual == fakefb::kVisualTruecolor) {
+    if (panelDesc.geometry.visual == fakefb::Visual::truecolor) {
         return failWith(EINVAL);
     }
     fb_cmap cmap{};
@@ -383,8 +385,8 @@ int putColourMap(const PanelSpec& panelSpec, void* arg) {
     }
     char path[fakefb::kPathMax];
     char tmpPath[fakefb::kPathMax];
-    if (!fakefb::sidePath(panelSpec.file, ".cmap", path, sizeof path) ||
-        !fakefb::sidePath(panelSpec.file, ".cmap.tmp", tmpPath, sizeof tmpPath)) {
+    if (!fakefb::sidePath(panelDesc.file, ".cmap", path, sizeof path) ||
+        !fakefb::sidePath(panelDesc.file, ".cmap.tmp", tmpPath, sizeof tmpPath)) {
         return failWith(ENAMETOOLONG);
     }
     const std::lock_guard<std::mutex> lock(gCmapLock);
@@ -414,7 +416,7 @@ int putColourMap(const PanelSpec& panelSpec, void* arg) {
 
 struct PanelIoctl {
     unsigned long request;
-    int (*answer)(const PanelSpec& panelSpec, void* arg);
+    int (*answer)(const PanelDesc& panelDesc, void* arg);
 };
 
 constexpr PanelIoctl kPanelIoctls[] = {
@@ -423,10 +425,10 @@ constexpr PanelIoctl kPanelIoctls[] = {
     {FBIOPUTCMAP, putColourMap},
 };
 
-int panelIoctl(const PanelSpec& panelSpec, unsigned long request, void* arg) {
+int panelIoctl(const PanelDesc& panelDesc, unsigned long request, void* arg) {
     for (const auto& entry : kPanelIoctls) {
         if (entry.request == request) {
-            return arg == nullptr ? failWith(EFAULT) : entry.answer(panelSpec, arg);
+            return arg == nullptr ? failWith(EFAULT) : entry.answer(panelDesc, arg);
         }
     }
     return failWith(ENOTTY);
@@ -508,9 +510,9 @@ FAKEFB_EXPORT int ioctl(int fd, unsigned long request, ...) {
     va_start(ap, request);
     void* arg = va_arg(ap, void*);
     va_end(ap);
-    PanelSpec panelSpec;
-    if (findOpenPanel(fd, panelSpec)) {
-        return panelIoctl(panelSpec, request, arg);
+    PanelDesc panelDesc;
+    if (findOpenPanel(fd, panelDesc)) {
+        return panelIoctl(panelDesc, request, arg);
     }
     const auto next = real<IoctlFn>(kIoctl);
     return next == nullptr ? -1 : next(fd, request, arg);

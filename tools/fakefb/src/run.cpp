@@ -9,7 +9,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -17,6 +16,7 @@
 #include "dravik_utils/file_descriptor.h"
 #include "dravik_utils/getopt_table.h"
 #include "panel_files.h"
+#include "tool_support.h"
 
 namespace {
 
@@ -24,7 +24,9 @@ using dravik::utils::GetoptTables;
 using dravik::utils::getoptTables;
 
 namespace fs = std::filesystem;
-using fakefb::PanelSpec;
+using fakefb::Geometry;
+using fakefb::Join;
+using fakefb::PanelDesc;
 
 constexpr int kUsageError = 2;
 constexpr int kCannotRun = 127;
@@ -65,13 +67,13 @@ const char kHelp[] =
 struct PanelArgs {
     std::string device = "/dev/fb2";
     std::string file;
-    PanelSpec panelSpec;
+    Geometry geometry;
     unsigned given = fakefb::kGivenNone;
 
     PanelArgs() {
-        panelSpec.width = 240;
-        panelSpec.height = 240;
-        panelSpec.bpp = 16;
+        geometry.width = 240;
+        geometry.height = 240;
+        geometry.bpp = 16;
     }
 };
 
@@ -79,30 +81,17 @@ struct UsageError {
     std::string message;
 };
 
-bool parseNumber(const char* text, uint32_t& value) {
-    if (text[0] < '0' || text[0] > '9') {
-        return false;
-    }
-    errno = 0;
-    char* end = nullptr;
-    const unsigned long parsed = strtoul(text, &end, 10);
-    if (errno != 0 || *end != '\0' || parsed > 0xFFFFFFFFul) {
-        return false;
-    }
-    value = static_cast<uint32_t>(parsed);
-    return true;
-}
-
-void parseSize(const std::string& text, PanelSpec& panelSpec) {
+void parseSize(const std::string& text, Geometry& geometry) {
     const auto x = text.find('x');
-    if (x == std::string::npos || !parseNumber(text.substr(0, x).c_str(), panelSpec.width) ||
-        !parseNumber(text.substr(x + 1).c_str(), panelSpec.height)) {
+    if (x == std::string::npos ||
+        !fakefb::parseUnsigned(text.substr(0, x).c_str(), geometry.width) ||
+        !fakefb::parseUnsigned(text.substr(x + 1).c_str(), geometry.height)) {
         throw UsageError{"bad --size \"" + text + "\": expected WIDTHxHEIGHT, e.g. 240x240"};
     }
 }
 
-void parseRgb(const std::string& text, PanelSpec& panelSpec) {
-    fakefb::ChannelSpec* channels[] = {&panelSpec.red, &panelSpec.green, &panelSpec.blue};
+void parseRgb(const std::string& text, Geometry& geometry) {
+    fakefb::Channel* channels[] = {&geometry.red, &geometry.green, &geometry.blue};
     std::size_t pos = 0;
     for (std::size_t i = 0; i < 3; ++i) {
         const auto comma = text.find(',', pos);
@@ -117,27 +106,27 @@ void parseRgb(const std::string& text, PanelSpec& panelSpec) {
 }
 
 void parseBpp(const char* arg, PanelArgs& panel) {
-    if (!parseNumber(arg, panel.panelSpec.bpp)) {
+    if (!fakefb::parseUnsigned(arg, panel.geometry.bpp)) {
         throw UsageError{std::string("bad --bpp \"") + arg + "\""};
     }
 }
 
 void parseTransp(const char* arg, PanelArgs& panel) {
-    if (!fakefb::parseChannel(arg, panel.panelSpec.transp)) {
+    if (!fakefb::parseChannel(arg, panel.geometry.transp)) {
         throw UsageError{std::string("bad --transp \"") + arg + "\": expected O/L"};
     }
     panel.given |= fakefb::kGivenTransp;
 }
 
 void parseLineLength(const char* arg, PanelArgs& panel) {
-    if (!parseNumber(arg, panel.panelSpec.lineLength)) {
+    if (!fakefb::parseUnsigned(arg, panel.geometry.lineLength)) {
         throw UsageError{std::string("bad --line-length \"") + arg + "\""};
     }
     panel.given |= fakefb::kGivenLineLength;
 }
 
 void parseVisualOption(const char* arg, PanelArgs& panel) {
-    if (!fakefb::parseVisual(arg, panel.panelSpec.visual)) {
+    if (!fakefb::parseVisual(arg, panel.geometry.visual)) {
         throw UsageError{std::string("bad --visual \"") + arg +
                          "\": expected truecolor, directcolor or pseudocolor"};
     }
@@ -156,11 +145,11 @@ struct OptionRow {
 
 const OptionRow kOptionRows[] = {
     {"device", 'd', true, [](const char* arg, PanelArgs& panel) { panel.device = arg; }},
-    {"size", 's', true, [](const char* arg, PanelArgs& panel) { parseSize(arg, panel.panelSpec); }},
+    {"size", 's', true, [](const char* arg, PanelArgs& panel) { parseSize(arg, panel.geometry); }},
     {"bpp", 'b', true, parseBpp},
     {"rgb", 'r', true,
      [](const char* arg, PanelArgs& panel) {
-         parseRgb(arg, panel.panelSpec);
+         parseRgb(arg, panel.geometry);
          panel.given |= fakefb::kGivenChannels;
      }},
     {"transp", 't', true, parseTransp},
@@ -181,32 +170,32 @@ void applyOption(int opt, const char* arg, PanelArgs& panel) {
     throw UsageError{""};  // getopt_long has described the problem
 }
 
-void copyInto(char* dst, const std::string& src, const char* what) {
-    if (src.size() >= fakefb::kPathMax) {
-        throw UsageError{std::string(what) + " too long: " + src};
+void copyInto(char (&field)[fakefb::kPathMax], const std::string& path, const char* what) {
+    if (!fakefb::storePath(field, path)) {
+        throw UsageError{std::string(what) + " too long: " + path};
     }
-    memcpy(dst, src.c_str(), src.size() + 1);
 }
 
-PanelSpec finishPanel(PanelArgs& panel) {
+PanelDesc finishPanel(PanelArgs& panel) {
     if (panel.file.empty()) {
         panel.file = fs::path(panel.device).filename().string() + ".raw";
     }
-    PanelSpec panelSpec = panel.panelSpec;
-    copyInto(panelSpec.device, panel.device, "device path");
-    copyInto(panelSpec.file, fs::absolute(panel.file).lexically_normal().string(), "file path");
-    if (!fakefb::applyDepthDefaults(panelSpec, panel.given)) {
-        throw UsageError{"bad --bpp " + std::to_string(panelSpec.bpp) +
+    PanelDesc panelDesc;
+    copyInto(panelDesc.device, panel.device, "device path");
+    copyInto(panelDesc.file, fs::absolute(panel.file).lexically_normal().string(), "file path");
+    panelDesc.geometry = panel.geometry;
+    if (!fakefb::applyDepthDefaults(panelDesc.geometry, panel.given)) {
+        throw UsageError{"bad --bpp " + std::to_string(panelDesc.geometry.bpp) +
                          ": expected 8, 15, 16, 24 or 32"};
     }
     char error[fakefb::kErrorMax];
-    if (!fakefb::validateSpec(panelSpec, error, sizeof error)) {
-        throw UsageError{std::string("panel ") + panelSpec.device + ": " + error};
+    if (!fakefb::validateDesc(panelDesc, error, sizeof error)) {
+        throw UsageError{std::string("panel ") + panelDesc.device + ": " + error};
     }
-    return panelSpec;
+    return panelDesc;
 }
 
-void checkDistinct(const std::vector<PanelSpec>& panels) {
+void checkDistinct(const std::vector<PanelDesc>& panels) {
     for (std::size_t i = 0; i < panels.size(); ++i) {
         for (std::size_t j = i + 1; j < panels.size(); ++j) {
             if (strcmp(panels[i].device, panels[j].device) == 0 ||
@@ -219,7 +208,7 @@ void checkDistinct(const std::vector<PanelSpec>& panels) {
 }
 
 struct Invocation {
-    std::vector<PanelSpec> panels;
+    std::vector<PanelDesc> panels;
     std::vector<char*> command;
     bool help = false;
 };
@@ -269,40 +258,24 @@ std::string findLibrary() {
     return {};
 }
 
-bool writeText(const std::string& path, const char* text, std::size_t len) {
-    std::ofstream out(path, std::ios::binary | std::ios::trunc);
-    out.write(text, static_cast<std::streamsize>(len));
-    return static_cast<bool>(out.flush());
-}
-
 // Sizes the backing file, writes FILE.geom and forgets an old colour map.
-bool preparePanel(const PanelSpec& panelSpec) {
+bool preparePanel(const PanelDesc& panelDesc) {
     const dravik::utils::FileDescriptor fd(
-        open(panelSpec.file, O_RDWR | O_CREAT | O_CLOEXEC, 0644));
-    if (!fd.valid() || ftruncate(fd.get(), static_cast<off_t>(fakefb::frameSize(panelSpec))) != 0) {
-        fprintf(stderr, "fakefb-run: cannot create backing file %s: %s\n", panelSpec.file,
+        open(panelDesc.file, O_RDWR | O_CREAT | O_CLOEXEC, 0644));
+    if (!fd.valid() ||
+        ftruncate(fd.get(), static_cast<off_t>(panelDesc.geometry.frameSize())) != 0) {
+        fprintf(stderr, "fakefb-run: cannot create backing file %s: %s\n", panelDesc.file,
                 strerror(errno));
         return false;
     }
-    char text[2 * fakefb::kPathMax + 512];
-    const int n = fakefb::formatSpec(panelSpec, text, sizeof text);
-    const std::string geom = std::string(panelSpec.file) + ".geom";
-    if (n < 0 || !writeText(geom, text, static_cast<std::size_t>(n))) {
+    const std::string geom = std::string(panelDesc.file) + ".geom";
+    if (!fakefb::writeDescFile(panelDesc, geom)) {
         fprintf(stderr, "fakefb-run: cannot write %s\n", geom.c_str());
         return false;
     }
     std::error_code ignored;  // absent is what we want
-    fs::remove(std::string(panelSpec.file) + ".cmap", ignored);
+    fs::remove(std::string(panelDesc.file) + ".cmap", ignored);
     return true;
-}
-
-void joinIntoVariable(const char* name, const std::string& value, bool prepend) {
-    const char* old = getenv(name);
-    std::string joined = value;
-    if (old != nullptr && old[0] != '\0') {
-        joined = prepend ? value + ":" + old : std::string(old) + ":" + value;
-    }
-    (void)setenv(name, joined.c_str(), 1);  // only fails on ENOMEM
 }
 
 // Whether `command` names a program that can run, the way execvp looks for it.
@@ -330,23 +303,11 @@ int runEmulated(const Invocation& inv, const char* emulator, const std::string& 
         fprintf(stderr, "fakefb-run: cannot run %s: %s\n", inv.command[0], strerror(ENOENT));
         return kCannotRun;
     }
-    std::vector<std::string> words;
-    std::istringstream split(emulator);
-    for (std::string word; split >> word;) {
-        words.push_back(word);
-    }
-    const char* old = getenv("LD_PRELOAD");
-    const std::string preload =
-        library + (old != nullptr && old[0] != '\0' ? ":" + std::string(old) : "");
-    for (const std::string& variable : {"LD_PRELOAD=" + preload, "FAKEFB_CONFIG=" + configs}) {
-        words.push_back("-E");
-        words.push_back(variable);
-    }
-    std::vector<char*> argv;
-    for (std::string& word : words) {
-        argv.push_back(word.data());
-    }
-    argv.insert(argv.end(), inv.command.begin(), inv.command.end());  // ends with its null
+    const std::string preload = fakefb::joinedWithVariable("LD_PRELOAD", library, Join::prepend);
+    std::vector<std::string> words =
+        fakefb::emulatorWords(emulator, {"LD_PRELOAD=" + preload, "FAKEFB_CONFIG=" + configs});
+    // inv.command ends with its null.
+    std::vector<char*> argv = fakefb::execArguments(words, inv.command);
     execvp(argv[0], argv.data());
     fprintf(stderr, "fakefb-run: cannot run %s: %s\n", argv[0], strerror(errno));
     return kCannotRun;
@@ -359,21 +320,21 @@ int run(const Invocation& inv) {
         return kCannotRun;
     }
     std::string configs;
-    for (const auto& panelSpec : inv.panels) {
-        if (!preparePanel(panelSpec)) {
+    for (const auto& panelDesc : inv.panels) {
+        if (!preparePanel(panelDesc)) {
             return kCannotRun;
         }
-        configs += (configs.empty() ? "" : ":") + std::string(panelSpec.file) + ".geom";
+        configs += (configs.empty() ? "" : ":") + std::string(panelDesc.file) + ".geom";
     }
     // A sanitized program refuses to start when another library is loaded before
     // the sanitizer runtime, unless told not to check.
-    joinIntoVariable("ASAN_OPTIONS", "verify_asan_link_order=0", false);
+    fakefb::joinIntoVariable("ASAN_OPTIONS", "verify_asan_link_order=0", Join::append);
     const char* emulator = getenv("DRAVIK_EMULATOR");
     if (emulator != nullptr && emulator[0] != '\0') {
         return runEmulated(inv, emulator, library, configs);
     }
     (void)setenv("FAKEFB_CONFIG", configs.c_str(), 1);  // only fails on ENOMEM
-    joinIntoVariable("LD_PRELOAD", library, true);
+    fakefb::joinIntoVariable("LD_PRELOAD", library, Join::prepend);
     execvp(inv.command[0], inv.command.data());
     fprintf(stderr, "fakefb-run: cannot run %s: %s\n", inv.command[0], strerror(errno));
     return kCannotRun;

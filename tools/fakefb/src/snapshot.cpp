@@ -5,8 +5,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
-#include <iterator>
 #include <opencv2/core.hpp>
 #include <opencv2/imgcodecs.hpp>
 #include <opencv2/imgproc.hpp>
@@ -15,6 +13,7 @@
 
 #include "dravik_utils/getopt_table.h"
 #include "panel_files.h"
+#include "tool_support.h"
 
 namespace {
 
@@ -22,7 +21,8 @@ using dravik::utils::GetoptTables;
 using dravik::utils::getoptTables;
 
 using fakefb::ColourMapRecord;
-using fakefb::PanelSpec;
+using fakefb::Geometry;
+using fakefb::Visual;
 
 constexpr int kUsageError = 2;
 constexpr int kFailure = 1;
@@ -56,24 +56,12 @@ struct Failure {
     std::string message;
 };
 
-bool readFile(const std::string& path, std::string& data) {
-    std::ifstream in(path, std::ios::binary);
-    if (!in) {
-        return false;
-    }
-    data.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-    return !in.bad();
-}
-
 uint32_t parseScale(const char* text) {
-    char* end = nullptr;
-    errno = 0;
-    const unsigned long value = strtoul(text, &end, 10);
-    if (text[0] < '0' || text[0] > '9' || errno != 0 || *end != '\0' || value < 1 ||
-        value > kMaxScale) {
+    uint32_t value = 0;
+    if (!fakefb::parseUnsigned(text, value) || value < 1 || value > kMaxScale) {
         throw Failure{kUsageError, std::string("bad --scale \"") + text + "\": expected 1..64"};
     }
-    return static_cast<uint32_t>(value);
+    return value;
 }
 
 // One option and what it sets; --help has nothing to set and ends the parse.
@@ -130,25 +118,25 @@ Options parseCommandLine(int argc, char** argv) {
     return options;
 }
 
-PanelSpec loadGeometry(const std::string& path) {
+Geometry loadGeometry(const std::string& path) {
     std::string text;
-    if (!readFile(path, text)) {
+    if (!fakefb::readWholeFile(path, text)) {
         throw Failure{kFailure, "cannot read geometry " + path + ": " + strerror(errno)};
     }
-    PanelSpec panelSpec;
+    fakefb::PanelDesc panelDesc;
     char error[fakefb::kErrorMax];
     const std::string dir =
         path.find('/') == std::string::npos ? std::string() : path.substr(0, path.rfind('/'));
-    if (!fakefb::parseSpec(text.data(), text.size(), dir.c_str(), panelSpec, error, sizeof error)) {
+    if (!fakefb::parseDesc(text.data(), text.size(), dir.c_str(), panelDesc, error, sizeof error)) {
         throw Failure{kFailure, path + ": " + error};
     }
-    return panelSpec;
+    return panelDesc.geometry;
 }
 
 // False when no colour map was recorded.
 bool loadColourMap(const std::string& path, ColourMapRecord& map) {
     std::string text;
-    if (!readFile(path, text)) {
+    if (!fakefb::readWholeFile(path, text)) {
         return false;
     }
     if (!fakefb::parseColourMap(text.data(), text.size(), map)) {
@@ -165,7 +153,7 @@ uint32_t readPixel(const uint8_t* at, uint32_t bytes) {
     return value;
 }
 
-uint32_t extract(uint32_t pixel, const fakefb::ChannelSpec& channel) {
+uint32_t extract(uint32_t pixel, const fakefb::Channel& channel) {
     if (channel.length == 0) {
         return 0;
     }
@@ -186,54 +174,53 @@ uint8_t mapEntry(const uint16_t* table, uint32_t index) {
     return index < fakefb::kCmapEntries ? static_cast<uint8_t>(table[index] >> 8) : 0;
 }
 
-cv::Vec3b decodePixel(const PanelSpec& panelSpec, uint32_t pixel, const ColourMapRecord* map) {
-    if (panelSpec.visual == fakefb::kVisualPseudocolor) {
+cv::Vec3b decodePixel(const Geometry& geometry, uint32_t pixel, const ColourMapRecord* map) {
+    if (geometry.visual == Visual::pseudocolor) {
         return {mapEntry(map->blue, pixel), mapEntry(map->green, pixel), mapEntry(map->red, pixel)};
     }
-    const uint32_t r = extract(pixel, panelSpec.red);
-    const uint32_t g = extract(pixel, panelSpec.green);
-    const uint32_t b = extract(pixel, panelSpec.blue);
-    if (panelSpec.visual == fakefb::kVisualDirectcolor && map != nullptr) {
+    const uint32_t r = extract(pixel, geometry.red);
+    const uint32_t g = extract(pixel, geometry.green);
+    const uint32_t b = extract(pixel, geometry.blue);
+    if (geometry.visual == Visual::directcolor && map != nullptr) {
         return {mapEntry(map->blue, b), mapEntry(map->green, g), mapEntry(map->red, r)};
     }
-    return {scaleTo8Bits(b, panelSpec.blue.length), scaleTo8Bits(g, panelSpec.green.length),
-            scaleTo8Bits(r, panelSpec.red.length)};
+    return {scaleTo8Bits(b, geometry.blue.length), scaleTo8Bits(g, geometry.green.length),
+            scaleTo8Bits(r, geometry.red.length)};
 }
 
-cv::Mat decodeFrame(const PanelSpec& panelSpec, const std::string& data,
-                    const ColourMapRecord* map) {
-    if (data.size() < fakefb::frameSize(panelSpec)) {
+cv::Mat decodeFrame(const Geometry& geometry, const std::string& data, const ColourMapRecord* map) {
+    if (data.size() < geometry.frameSize()) {
         throw Failure{kFailure, "backing file holds " + std::to_string(data.size()) +
                                     " bytes, the frame needs " +
-                                    std::to_string(fakefb::frameSize(panelSpec))};
+                                    std::to_string(geometry.frameSize())};
     }
-    cv::Mat image(static_cast<int>(panelSpec.height), static_cast<int>(panelSpec.width), CV_8UC3);
+    cv::Mat image(static_cast<int>(geometry.height), static_cast<int>(geometry.width), CV_8UC3);
     const auto* bytes = reinterpret_cast<const uint8_t*>(data.data());
-    const uint32_t bpp = fakefb::bytesPerPixel(panelSpec);
-    for (uint32_t y = 0; y < panelSpec.height; ++y) {
-        const uint8_t* line = bytes + static_cast<uint64_t>(y) * panelSpec.lineLength;
+    const uint32_t bpp = geometry.bytesPerPixel();
+    for (uint32_t y = 0; y < geometry.height; ++y) {
+        const uint8_t* line = bytes + static_cast<uint64_t>(y) * geometry.lineLength;
         auto* out = image.ptr<cv::Vec3b>(static_cast<int>(y));
-        for (uint32_t x = 0; x < panelSpec.width; ++x) {
-            out[x] = decodePixel(panelSpec,
-                                 readPixel(line + static_cast<std::size_t>(x) * bpp, bpp), map);
+        for (uint32_t x = 0; x < geometry.width; ++x) {
+            out[x] = decodePixel(geometry, readPixel(line + static_cast<std::size_t>(x) * bpp, bpp),
+                                 map);
         }
     }
     return image;
 }
 
 int snapshot(const Options& options) {
-    const PanelSpec panelSpec = loadGeometry(options.geometry);
+    const Geometry geometry = loadGeometry(options.geometry);
     std::string data;
-    if (!readFile(options.input, data)) {
+    if (!fakefb::readWholeFile(options.input, data)) {
         throw Failure{kFailure, "cannot read " + options.input + ": " + strerror(errno)};
     }
     ColourMapRecord map;
     const bool haveMap = loadColourMap(options.cmap, map);
-    if (panelSpec.visual == fakefb::kVisualPseudocolor && !haveMap) {
+    if (geometry.visual == Visual::pseudocolor && !haveMap) {
         throw Failure{kFailure, "pseudo-colour panel without a colour map: " + options.cmap +
                                     " is missing (nothing called FBIOPUTCMAP)"};
     }
-    cv::Mat image = decodeFrame(panelSpec, data, haveMap ? &map : nullptr);
+    cv::Mat image = decodeFrame(geometry, data, haveMap ? &map : nullptr);
     if (options.scale > 1) {
         cv::Mat large;
         cv::resize(image, large, cv::Size(), options.scale, options.scale, cv::INTER_NEAREST);

@@ -3,8 +3,6 @@
 #include <sys/stat.h>
 
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <string>
 #include <vector>
 
@@ -13,16 +11,12 @@
 namespace {
 
 namespace fs = std::filesystem;
+using fakefb::test::readAll;
 using fakefb::test::runTool;
 using fakefb::test::TempDir;
 using fakefb::test::ToolResult;
 
 constexpr const char* kDevice = "/dev/fakefb-run-test";
-
-std::string readFile(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-}
 
 // Runs the probe on the given devices under fakefb-run with the given panel options.
 ToolResult runProbe(const std::vector<std::string>& options,
@@ -102,14 +96,14 @@ TEST(FakefbRun, command_sees_the_usual_layout_of_every_depth) {
         ASSERT_EQ(result.status, 0) << result.out << result.err;
         EXPECT_EQ(result.out,
                   std::string(kDevice) + " id=fakefb xres=20 yres=10 " + row.expected + "\n");
-        const std::string pixels = readFile(file);
+        const std::string pixels = readAll(file);
         ASSERT_EQ(
             pixels.size(),
             std::stoul(
                 std::string(row.expected).substr(std::string(row.expected).find("smem_len=") + 9)));
         EXPECT_EQ(static_cast<uint8_t>(pixels.front()), 0x5A);
         EXPECT_EQ(static_cast<uint8_t>(pixels.back()), 0xA5);
-        EXPECT_NE(readFile(file + ".geom").find("bpp=" + std::string(row.bpp) + "\n"),
+        EXPECT_NE(readAll(file + ".geom").find("bpp=" + std::string(row.bpp) + "\n"),
                   std::string::npos);
     }
 }
@@ -125,7 +119,7 @@ TEST(FakefbRun, layout_line_length_and_visual_options_reach_the_command) {
     EXPECT_EQ(result.out, std::string(kDevice) +
                               " id=fakefb xres=10 yres=4 bpp=32 line_length=48 smem_len=192 "
                               "visual=4 red=0/8 green=8/8 blue=16/8 transp=24/8 putcmap=0\n");
-    EXPECT_NE(readFile(file + ".cmap").find("writes=1\n"), std::string::npos);
+    EXPECT_NE(readAll(file + ".cmap").find("writes=1\n"), std::string::npos);
 }
 
 TEST(FakefbRun, two_panels_run_at_once) {
@@ -142,8 +136,8 @@ TEST(FakefbRun, two_panels_run_at_once) {
     EXPECT_NE(result.out.find("/dev/fakefb-run-b id=fakefb xres=4 yres=2 bpp=24"),
               std::string::npos)
         << result.out;
-    EXPECT_EQ(readFile(dir.path() + "/a.raw").size(), 128u);
-    EXPECT_EQ(readFile(dir.path() + "/b.raw").size(), 24u);
+    EXPECT_EQ(readAll(dir.path() + "/a.raw").size(), 128u);
+    EXPECT_EQ(readAll(dir.path() + "/b.raw").size(), 24u);
 }
 
 TEST(FakefbRun, default_backing_file_is_named_after_the_device) {
@@ -156,7 +150,7 @@ TEST(FakefbRun, default_backing_file_is_named_after_the_device) {
     fs::current_path(old);
     ASSERT_EQ(result.status, 0) << result.out << result.err;
     EXPECT_NE(result.out.find("xres=240 yres=240 bpp=16 line_length=480"), std::string::npos);
-    EXPECT_EQ(readFile(dir.path() + "/fakefb-run-default.raw").size(), 240u * 480u);
+    EXPECT_EQ(readAll(dir.path() + "/fakefb-run-default.raw").size(), 240u * 480u);
 }
 
 TEST(FakefbRun, environment_is_extended_not_replaced) {
@@ -182,7 +176,7 @@ TEST(FakefbRun, stale_colour_map_is_forgotten_at_start) {
     const std::vector<std::string> options = {"--device", kDevice, "--bpp", "8", "--file", file};
     ASSERT_EQ(runProbe(options, {kDevice}).status, 0);
     ASSERT_EQ(runProbe(options, {kDevice}).status, 0);
-    EXPECT_NE(readFile(file + ".cmap").find("writes=1\n"), std::string::npos);
+    EXPECT_NE(readAll(file + ".cmap").find("writes=1\n"), std::string::npos);
 }
 
 TEST(FakefbRun, finds_its_library_in_an_installed_layout) {

@@ -13,11 +13,6 @@
 namespace fakefb::test {
 namespace {
 
-std::string readAll(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-}
-
 [[noreturn]] void execChild(const std::vector<std::string>& args,
                             const std::vector<std::pair<std::string, std::string>>& env,
                             const std::string& outPath, const std::string& errPath) {
@@ -50,6 +45,11 @@ std::string readAll(const std::string& path) {
 }
 
 }  // namespace
+
+std::string readAll(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+}
 
 TempDir::TempDir() {
     std::string pattern = (std::filesystem::temp_directory_path() / "fakefb-test-XXXXXX").string();

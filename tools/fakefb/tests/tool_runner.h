@@ -13,6 +13,9 @@ struct ToolResult {
     std::string err;
 };
 
+// The whole file at path; empty when it cannot be read.
+std::string readAll(const std::string& path);
+
 // env: variables to set (value) or remove (empty value) in the child only.
 ToolResult runTool(const std::vector<std::string>& args,
                    const std::vector<std::pair<std::string, std::string>>& env = {});
