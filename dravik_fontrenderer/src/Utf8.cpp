@@ -34,6 +34,8 @@ const LeadRule* findLeadRule(unsigned char lead) {
     return nullptr;
 }
 
+}  // namespace
+
 // Decodes the code point at `pos` and moves `pos` past it. A malformed sequence
 // gives U+FFFD and is skipped up to the first byte that cannot continue it
 // (always at least one byte), so decoding never reads past the string.
@@ -68,8 +70,6 @@ uint32_t nextCodePoint(const std::string& text, std::size_t& pos) {
 bool isControl(uint32_t cp) {
     return cp < 0x20 || (cp >= 0x7F && cp <= 0x9F) || cp == 0x2028 || cp == 0x2029;
 }
-
-}  // namespace
 
 std::vector<uint32_t> decodeLine(const std::string& text, std::size_t limit) {
     std::vector<uint32_t> out;

@@ -12,4 +12,13 @@ namespace dravik::fontrenderer {
 // paragraph separators are left out.
 std::vector<uint32_t> decodeLine(const std::string& text, std::size_t limit);
 
+// Decodes the code point at `pos` (< text.size()) and moves `pos` past it. A
+// malformed sequence gives U+FFFD and is skipped up to the first byte that
+// cannot continue it (always at least one byte).
+uint32_t nextCodePoint(const std::string& text, std::size_t& pos);
+
+// C0 and C1 controls, DEL and the Unicode line and paragraph separators: they
+// take no room in a single line.
+bool isControl(uint32_t cp);
+
 }  // namespace dravik::fontrenderer

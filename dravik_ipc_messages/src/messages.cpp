@@ -208,19 +208,12 @@ bool LcmGuiTextSettingsElement::NormalizeFields() {
         *this, {Table(kLcmGuiTextSettingsElementFields), Table(kLcmGuiBasePosSettingsFields)});
 }
 
-// The record is moved out into a record object and back: two moves, no copy.
 bool LcmGuiImgSettingsElementRef::NormalizeFields() {
-    LcmGuiImgSettingsElement record(std::move(*record_));
-    const bool result = record.NormalizeFields();
-    *record_ = std::move(record);
-    return result;
+    return NormalizeAs<LcmGuiImgSettingsElement>();
 }
 
 bool LcmGuiTextSettingsElementRef::NormalizeFields() {
-    LcmGuiTextSettingsElement record(std::move(*record_));
-    const bool result = record.NormalizeFields();
-    *record_ = std::move(record);
-    return result;
+    return NormalizeAs<LcmGuiTextSettingsElement>();
 }
 
 bool BaseMessage::NormalizeFields() {

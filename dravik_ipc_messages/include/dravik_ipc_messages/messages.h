@@ -157,32 +157,45 @@ public:
 // cannot be handed out as a reference of the record class; the view carries a
 // reference to it and offers the record's accessors, acting on it in place. A
 // view stays valid as long as the parent keeps the key.
-class LcmGuiImgSettingsElementRef {
+// The stored record that a view acts on.
+class ElementRef {
 public:
-    explicit LcmGuiImgSettingsElementRef(Variant& record) : record_(&record) {}
+    explicit ElementRef(Variant& record) : record_(&record) {}
+    Variant& value() const { return *record_; }
+
+protected:
+    Variant& FieldsTarget() { return *record_; }
+
+    // Normalises the stored record as a `Record`: moved out into a record
+    // object and back, two moves and no copy.
+    template <typename Record>
+    bool NormalizeAs() {
+        Record record(std::move(*record_));
+        const bool result = record.NormalizeFields();
+        *record_ = std::move(record);
+        return result;
+    }
+
+private:
+    Variant* record_;
+};
+
+class LcmGuiImgSettingsElementRef : public ElementRef {
+public:
+    using ElementRef::ElementRef;
     DRAVIK_LCM_GUI_IMG_SETTINGS_ELEMENT_FIELDS(DRAVIK_FIELD_ACCESSORS)
     DRAVIK_LCM_GUI_BASE_POS_SETTINGS_FIELDS(DRAVIK_FIELD_ACCESSORS)
     // Normalises the stored record as an LcmGuiImgSettingsElement.
     bool NormalizeFields();
-    Variant& value() const { return *record_; }
-
-private:
-    Variant& FieldsTarget() { return *record_; }
-    Variant* record_;
 };
 
-class LcmGuiTextSettingsElementRef {
+class LcmGuiTextSettingsElementRef : public ElementRef {
 public:
-    explicit LcmGuiTextSettingsElementRef(Variant& record) : record_(&record) {}
+    using ElementRef::ElementRef;
     DRAVIK_LCM_GUI_TEXT_SETTINGS_ELEMENT_FIELDS(DRAVIK_FIELD_ACCESSORS)
     DRAVIK_LCM_GUI_BASE_POS_SETTINGS_FIELDS(DRAVIK_FIELD_ACCESSORS)
     // Normalises the stored record as an LcmGuiTextSettingsElement.
     bool NormalizeFields();
-    Variant& value() const { return *record_; }
-
-private:
-    Variant& FieldsTarget() { return *record_; }
-    Variant* record_;
 };
 
 // ---- messages ------------------------------------------------------------

@@ -33,4 +33,37 @@ GetoptTables getoptTables(const Row (&rows)[N], const char* prefix = "") {
     return tables;
 }
 
+// One row of an option table whose options each set one thing of `Target`. A
+// row without `apply` (--help, say) is left to the program.
+template <typename Target>
+struct OptionRow {
+    const char* name;
+    char letter;
+    bool takesArgument;
+    void (*apply)(const char* arg, Target& target);
+};
+
+enum class OptionOutcome {
+    kApplied,  // the row's apply has set its value
+    kOwnRow,   // a row without apply: the program acts on it itself
+    kUnknown,  // not in the table: getopt_long has described the problem
+};
+
+// Applies the row of the letter that getopt_long returned.
+template <typename Target, std::size_t N>
+OptionOutcome applyOptionRow(const OptionRow<Target> (&rows)[N], int letter, const char* arg,
+                             Target& target) {
+    for (const OptionRow<Target>& row : rows) {
+        if (row.letter != letter) {
+            continue;
+        }
+        if (row.apply == nullptr) {
+            return OptionOutcome::kOwnRow;
+        }
+        row.apply(arg, target);
+        return OptionOutcome::kApplied;
+    }
+    return OptionOutcome::kUnknown;
+}
+
 }  // namespace dravik::utils

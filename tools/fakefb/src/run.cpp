@@ -136,12 +136,7 @@ void parseVisualOption(const char* arg, PanelArgs& panel) {
 // One command-line option. The panel options set a part of the panel being
 // described (and throw UsageError for a value they cannot take); --panel and
 // --help have none, parseCommandLine handles them.
-struct OptionRow {
-    const char* name;
-    char letter;
-    bool takesArgument;
-    void (*apply)(const char* arg, PanelArgs& panel);
-};
+using OptionRow = dravik::utils::OptionRow<PanelArgs>;
 
 const OptionRow kOptionRows[] = {
     {"device", 'd', true, [](const char* arg, PanelArgs& panel) { panel.device = arg; }},
@@ -161,13 +156,10 @@ const OptionRow kOptionRows[] = {
 };
 
 void applyOption(int opt, const char* arg, PanelArgs& panel) {
-    for (const OptionRow& row : kOptionRows) {
-        if (row.letter == opt && row.apply != nullptr) {
-            row.apply(arg, panel);
-            return;
-        }
+    if (dravik::utils::applyOptionRow(kOptionRows, opt, arg, panel) ==
+        dravik::utils::OptionOutcome::kUnknown) {
+        throw UsageError{""};  // getopt_long has described the problem
     }
-    throw UsageError{""};  // getopt_long has described the problem
 }
 
 void copyInto(char (&field)[fakefb::kPathMax], const std::string& path, const char* what) {

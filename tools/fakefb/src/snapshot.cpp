@@ -64,13 +64,7 @@ uint32_t parseScale(const char* text) {
     return value;
 }
 
-// One option and what it sets; --help has nothing to set and ends the parse.
-struct OptionRow {
-    const char* name;
-    char letter;
-    bool takesArgument;
-    void (*apply)(const char* arg, Options& options);
-};
+using OptionRow = dravik::utils::OptionRow<Options>;
 
 const OptionRow kOptionRows[] = {
     {"scale", 's', true, [](const char* arg, Options& o) { o.scale = parseScale(arg); }},
@@ -81,16 +75,11 @@ const OptionRow kOptionRows[] = {
 
 // Applies one option found by getopt_long; false for --help.
 bool applyOption(int opt, const char* arg, Options& options) {
-    for (const OptionRow& row : kOptionRows) {
-        if (row.letter == opt) {
-            if (row.apply == nullptr) {
-                return false;
-            }
-            row.apply(arg, options);
-            return true;
-        }
+    const auto outcome = dravik::utils::applyOptionRow(kOptionRows, opt, arg, options);
+    if (outcome == dravik::utils::OptionOutcome::kUnknown) {
+        throw Failure{kUsageError, ""};  // getopt_long has described the problem
     }
-    throw Failure{kUsageError, ""};  // getopt_long has described the problem
+    return outcome == dravik::utils::OptionOutcome::kApplied;
 }
 
 Options parseCommandLine(int argc, char** argv) {

@@ -147,13 +147,7 @@ dravik::preview::PanelFormat panelFrom(const char* text, const char* what) {
     return panel;
 }
 
-// One option and what it sets; --help has nothing to set and ends the parse.
-struct OptionRow {
-    const char* name;
-    char letter;
-    bool takesArgument;
-    void (*apply)(const char* arg, Options& options);
-};
+using OptionRow = dravik::utils::OptionRow<Options>;
 
 const OptionRow kOptionRows[] = {
     {"panel", 'p', true,
@@ -178,16 +172,11 @@ const OptionRow kOptionRows[] = {
 
 // Applies one option found by getopt_long; false for --help.
 bool applyOption(int opt, const char* arg, Options& options) {
-    for (const OptionRow& row : kOptionRows) {
-        if (row.letter == opt) {
-            if (row.apply == nullptr) {
-                return false;
-            }
-            row.apply(arg, options);
-            return true;
-        }
+    const auto outcome = dravik::utils::applyOptionRow(kOptionRows, opt, arg, options);
+    if (outcome == dravik::utils::OptionOutcome::kUnknown) {
+        throw UsageError{""};  // getopt_long has described the problem
     }
-    throw UsageError{""};  // getopt_long has described the problem
+    return outcome == dravik::utils::OptionOutcome::kApplied;
 }
 
 // The combinations of options that make sense, and the root in one spelling.
