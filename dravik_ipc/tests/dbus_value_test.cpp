@@ -9,7 +9,7 @@
 #include <string>
 
 #include "dravik_ipc/sdbus_handles.h"
-#include "private_bus.h"
+#include "dravik_test_support/private_bus.h"
 
 using dravik::ipc::AppendObject;
 using dravik::ipc::AppendVariant;
@@ -18,6 +18,7 @@ using dravik::ipc::kMaxValueDepth;
 using dravik::ipc::MessageHandle;
 using dravik::ipc::ReadObjectBody;
 using dravik::ipc::ReadVariant;
+using dravik::testsupport::PrivateBus;
 using dravik::variant::Variant;
 using dravik::variant::VariantType;
 
@@ -463,6 +464,5 @@ TEST_F(DbusValue, a_body_that_is_not_one_string_keyed_dictionary_is_refused) {
         EXPECT_EQ(back.AsString(), "untouched");
     }
 }
-
 
 }  // namespace

@@ -13,7 +13,7 @@
 #include "dravik_ipc/sdbus_handles.h"
 #include "dravik_ipc_messages/messages.h"
 #include "dravik_logger/log_capture.h"
-#include "private_bus.h"
+#include "dravik_test_support/private_bus.h"
 
 using dravik::ipc::AppendObject;
 using dravik::ipc::BusError;
@@ -24,6 +24,7 @@ using dravik::ipc::messages::BaseMessage;
 using dravik::ipc::messages::BaseRequestMessage;
 using dravik::ipc::messages::BaseResponseMessage;
 using dravik::logger::LogCapture;
+using dravik::testsupport::PrivateBus;
 using dravik::variant::Variant;
 
 namespace {

@@ -18,11 +18,13 @@
 #include "LcmGui.h"
 #include "LcmGuiTestAccess.h"
 #include "dravik_logger/log_capture.h"
+#include "dravik_test_support/temp_dir.h"
 #include "fakefb/fakefb.h"
 
 using dravik::lcmgui::GuiConfig;
 using dravik::lcmgui::LcmGui;
 using dravik::logger::LogCapture;
+using dravik::testsupport::TempDir;
 using Access = dravik::lcmgui::LcmGuiTestAccess;
 using namespace dravik::lcmgui;
 
@@ -544,14 +546,10 @@ TEST_F(Framebuffer, empty_device_keeps_default_path) {
 }
 
 TEST_F(Framebuffer, backlight_failure_stops_start_up_before_the_device) {
-    char dir[] = "/tmp/backlight_XXXXXX";
-    ASSERT_NE(mkdtemp(dir), nullptr);  // holds no max_brightness
-    const std::string json = std::string(dir) + "/screens.json";
-    {
-        std::ofstream out(json);
-        out << R"({"imgPath": "/usr/etc/gui", "backLightPath": ")" << dir
-            << R"(", "screens": [{"name": "a"}]})";
-    }
+    const TempDir dir("backlight_");  // holds no max_brightness
+    const std::string json =
+        dir.write("screens.json", R"({"imgPath": "/usr/etc/gui", "backLightPath": ")" + dir.path() +
+                                      R"(", "screens": [{"name": "a"}]})");
     GuiConfig withBacklight;
     ASSERT_TRUE(withBacklight.fromJSONFile(json));
     auto panel = makePanel(fakefb::Geometry::forDepth(16, 16, 8));
@@ -562,34 +560,23 @@ TEST_F(Framebuffer, backlight_failure_stops_start_up_before_the_device) {
         EXPECT_TRUE(capture.has(3, "Unable to init backlight"));
         EXPECT_EQ(Access::fbFd(gui), -1);
     }
-    unlink((std::string(dir) + "/brightness").c_str());
-    unlink(json.c_str());
-    rmdir(dir);
 }
 
 TEST_F(Framebuffer, start_up_screen_and_brightness_go_through_show_gui) {
     // A backlight directory with a maximum of 255 and a text-only "boot" screen.
-    char dir[] = "/tmp/startup_backlight_XXXXXX";
-    ASSERT_NE(mkdtemp(dir), nullptr);
-    const std::string backLightDir = dir;
-    std::ofstream(backLightDir + "/max_brightness") << "255\n";
+    const TempDir dir("startup_backlight_");
+    dir.write("max_brightness", "255\n");
     const auto loadScreens = [&](GuiConfig& conf, const std::string& backLightPath) {
-        const std::string json = backLightDir + "/screens.json";
-        std::ofstream(json) << R"({"imgPath": "/usr/etc/gui", "backLightPath": ")" << backLightPath
-                            << R"(", "screens": [{"name": "boot", "text": )"
-                            << R"({"str": "BOOT", "size": 12, "x": 2, "y": 3}}]})";
-        const bool ok = conf.fromJSONFile(json);
-        unlink(json.c_str());
-        return ok;
+        return conf.fromJSONFile(dir.write(
+            "screens.json", R"({"imgPath": "/usr/etc/gui", "backLightPath": ")" + backLightPath +
+                                R"(", "screens": [{"name": "boot", "text": )"
+                                R"({"str": "BOOT", "size": 12, "x": 2, "y": 3}}]})"));
     };
     GuiConfig withBacklight;
     GuiConfig withoutBacklight;
-    ASSERT_TRUE(loadScreens(withBacklight, backLightDir));
+    ASSERT_TRUE(loadScreens(withBacklight, dir.path()));
     ASSERT_TRUE(loadScreens(withoutBacklight, ""));
-    const auto written = [&] {
-        std::ifstream in(backLightDir + "/brightness", std::ios::binary);
-        return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-    };
+    const auto written = [&] { return dir.read("brightness"); };
 
     const auto raw = [](const char* digits) { return std::string(digits) + '\0'; };
     const struct {
@@ -639,10 +626,8 @@ TEST_F(Framebuffer, start_up_screen_and_brightness_go_through_show_gui) {
         const cv::Mat differs = Access::displayBuf(gui) != shown;
         EXPECT_EQ(cv::countNonZero(differs.reshape(1)), 0);
         expectPanel(*panel, shown, cv::Rect(0, 0, 64, 24));
-        unlink((backLightDir + "/brightness").c_str());
+        (void)unlink(dir.file("brightness").c_str());  // each row starts without one
     }
-    unlink((backLightDir + "/max_brightness").c_str());
-    rmdir(dir);
 }
 
 TEST_F(Framebuffer, destructor_leaves_pixels_and_closes_device) {
