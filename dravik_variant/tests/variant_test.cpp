@@ -1,10 +1,14 @@
 #include "dravik_variant/variant.h"
 
 #include <gtest/gtest.h>
+#include <pthread.h>
 
 #include <cmath>
 #include <cstdint>
+#include <cstdio>
+#include <cstdlib>
 #include <limits>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -545,18 +549,56 @@ TEST(Variant, equality_compares_tags_and_content) {
     EXPECT_TRUE(changed != sampleResult());
 }
 
-TEST(Variant, very_deep_tree_is_released_without_recursion) {
-    // Deep enough that one stack frame per level would overflow the stack.
-    constexpr int kDepth = 200000;
+// A tree `depth` levels deep, each level the only element of the one above.
+std::unique_ptr<Variant> deepTree(int depth) {
     auto root = std::make_unique<Variant>();
     Variant* node = root.get();
-    for (int n = 0; n < kDepth; ++n) {
+    for (int n = 0; n < depth; ++n) {
         node = &(*node)[0];
     }
     *node = "leaf";
+    return root;
+}
+
+// Releases `tree` on a thread whose stack holds only `stackBytes`; true once
+// the release has returned, false when the thread could not run.
+bool releaseOnThreadWithStack(std::unique_ptr<Variant> tree, size_t stackBytes) {
+    pthread_attr_t attributes;
+    if (pthread_attr_init(&attributes) != 0) {
+        return false;
+    }
+    pthread_t thread;
+    const bool started = pthread_attr_setstacksize(&attributes, stackBytes) == 0 &&
+                         pthread_create(
+                             &thread, &attributes,
+                             [](void* taken) -> void* {
+                                 delete static_cast<Variant*>(taken);
+                                 return nullptr;
+                             },
+                             tree.get()) == 0;
+    (void)pthread_attr_destroy(&attributes);
+    if (!started) {
+        return false;
+    }
+    (void)tree.release();  // the thread owns it now
+    return pthread_join(thread, nullptr) == 0;
+}
+
+TEST(Variant, very_deep_tree_is_released_on_a_small_stack) {
+    // One stack frame per level would need megabytes for this tree and die of
+    // a stack overflow on 256 KiB; the release runs in a child process, so such
+    // a death is reported as the child's exit status.
+    constexpr int kDepth = 200000;
+    constexpr size_t kStackBytes = 256 * 1024;
+    auto root = deepTree(kDepth);
     EXPECT_EQ(root->NumericKeysCount(), 1u);
-    root.reset();
-    SUCCEED();
+    EXPECT_EXIT(
+        {
+            const bool released = releaseOnThreadWithStack(std::move(root), kStackBytes);
+            std::fputs(released ? "tree released\n" : "no thread to release on\n", stderr);
+            std::_Exit(released ? 0 : 1);
+        },
+        ::testing::ExitedWithCode(0), "tree released");
 }
 
 TEST(BaseVariantContainer, default_is_an_empty_object) {
