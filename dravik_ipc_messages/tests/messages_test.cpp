@@ -42,11 +42,11 @@ constexpr uint16_t kTagString = 0x100E;
 constexpr uint16_t kTagTime = 0x100D;
 constexpr uint16_t kTagObject = 0x1010;
 constexpr uint16_t kTagArray = 0x1011;
-constexpr uint16_t kTagInt8 = dravik::variant::kInt8;
-constexpr uint16_t kTagInt64 = dravik::variant::kInt64;
-constexpr uint16_t kTagUInt16 = dravik::variant::kUInt16;
-constexpr uint16_t kTagUInt32 = dravik::variant::kUInt32;
-constexpr uint16_t kTagUInt64 = dravik::variant::kUInt64;
+constexpr uint16_t kTagInt8 = 0xE104;
+constexpr uint16_t kTagInt64 = 0xE804;
+constexpr uint16_t kTagUInt16 = 0xE214;
+constexpr uint16_t kTagUInt32 = 0xE414;
+constexpr uint16_t kTagUInt64 = 0xE814;
 
 uint64_t PidBits() {
     return static_cast<uint64_t>(getpid()) & 0xFFFFu;
