@@ -12,13 +12,7 @@
 
 namespace {
 
-using dravik::ipc::BusError;
-using dravik::ipc::BusHandle;
-using dravik::ipc::MessageHandle;
-using dravik::ipc::messages::BaseRequestMessage;
-using dravik::ipc::messages::BaseResponseMessage;
 using dravik::logger::LogCapture;
-using dravik::variant::Variant;
 using namespace dravik::ipc::test;
 
 // ---- Dispatch -------------------------------------------------------------------------

@@ -16,14 +16,17 @@
 #include "dravik_ipc/ipc.h"
 #include "dravik_ipc/sdbus_handles.h"
 #include "dravik_ipc_messages/messages.h"
-#include "dravik_test_support/private_bus.h"
+#include "dravik_test_support/private_bus_test.h"
 
 namespace dravik::ipc::test {
 
+using dravik::ipc::BusError;
+using dravik::ipc::BusHandle;
+using dravik::ipc::MessageHandle;
 using dravik::ipc::messages::BaseMessage;
 using dravik::ipc::messages::BaseRequestMessage;
 using dravik::ipc::messages::BaseResponseMessage;
-using dravik::testsupport::PrivateBus;
+using dravik::testsupport::PrivateBusTest;
 using dravik::variant::Variant;
 
 constexpr const char* kName = "test_endpoint";
@@ -96,16 +99,8 @@ void echo(RecordingHandler& handler, BaseRequestMessage& request);
 
 // ---- Fixture -----------------------------------------------------------------
 
-class IpcEndpoint : public ::testing::Test {
+class IpcEndpoint : public PrivateBusTest {
 protected:
-    void SetUp() override {
-        if (!PrivateBus::DaemonInstalled()) {
-            GTEST_SKIP() << "dbus-daemon is not installed: these tests need a private bus";
-        }
-        std::string why;
-        ASSERT_TRUE(bus_.Start(why)) << why;
-    }
-
     void TearDown() override { Ipc::FreeInstance(); }
 
     Ipc* initEndpoint() {
@@ -135,8 +130,6 @@ protected:
         EXPECT_TRUE(pumping) << "serving failed while the client was running";
         return reply;
     }
-
-    PrivateBus bus_;
 };
 
 }  // namespace dravik::ipc::test

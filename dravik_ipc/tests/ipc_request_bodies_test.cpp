@@ -14,7 +14,6 @@
 namespace {
 
 using dravik::logger::LogCapture;
-using dravik::variant::Variant;
 using namespace dravik::ipc::test;
 
 // ---- Request bodies ----------------------------------------------------------------------------

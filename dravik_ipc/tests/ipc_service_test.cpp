@@ -10,9 +10,6 @@
 
 namespace {
 
-using dravik::ipc::BusError;
-using dravik::ipc::BusHandle;
-using dravik::ipc::MessageHandle;
 using namespace dravik::ipc::test;
 
 // ---- Service ---------------------------------------------------------------------------------

@@ -14,14 +14,8 @@
 
 namespace {
 
-using dravik::ipc::messages::BaseRequestMessage;
-using dravik::ipc::messages::LcmGuiBasePosSettings;
-using dravik::ipc::messages::LcmGuiImgSettingsElement;
-using dravik::ipc::messages::LcmGuiTextSettingsElement;
-using dravik::ipc::messages::ShowGui;
-using dravik::ipc::messages::ShowSimpleScreen;
 using dravik::variant::BaseVariantContainer;
-using dravik::variant::Variant;
+using namespace dravik::ipc::messages;
 using namespace dravik::ipc::messages::test;
 
 TEST(ShowGuiMessage, brightness_is_clamped_to_minus_one_to_one_hundred) {

@@ -12,12 +12,7 @@
 
 namespace {
 
-using dravik::ipc::messages::BaseMessage;
-using dravik::ipc::messages::BaseRequestMessage;
-using dravik::ipc::messages::BaseResponseMessage;
-using dravik::ipc::messages::MakeMessageId;
-using dravik::ipc::messages::ShowGui;
-using dravik::variant::Variant;
+using namespace dravik::ipc::messages;
 using namespace dravik::ipc::messages::test;
 
 TEST(MessageEnvelope, id_of_every_integer_type_is_kept_as_unsigned_64_bit) {

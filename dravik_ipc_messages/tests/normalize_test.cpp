@@ -13,11 +13,7 @@
 
 namespace {
 
-using dravik::ipc::messages::BaseMessage;
-using dravik::ipc::messages::BaseResponseMessage;
-using dravik::ipc::messages::LcmGuiTextSettingsElement;
-using dravik::ipc::messages::ShowGui;
-using dravik::variant::Variant;
+using namespace dravik::ipc::messages;
 using namespace dravik::ipc::messages::test;
 
 TEST(MessageNormalize, empty_object_gains_exactly_the_declared_fields_for_every_class) {

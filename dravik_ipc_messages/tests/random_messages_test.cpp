@@ -13,9 +13,8 @@
 
 namespace {
 
-using dravik::ipc::messages::ShowGui;
-using dravik::variant::Variant;
 using dravik::variant::VariantType;
+using namespace dravik::ipc::messages;
 using namespace dravik::ipc::messages::test;
 
 class RandomValues {

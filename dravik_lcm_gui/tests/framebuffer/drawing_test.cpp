@@ -10,7 +10,6 @@
 #include "LcmGuiTestAccess.h"
 #include "dravik_logger/log_capture.h"
 
-using dravik::lcmgui::LcmGui;
 using dravik::logger::LogCapture;
 using Access = dravik::lcmgui::LcmGuiTestAccess;
 using namespace dravik::lcmgui;

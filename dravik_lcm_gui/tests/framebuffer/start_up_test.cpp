@@ -13,8 +13,6 @@
 #include "dravik_logger/log_capture.h"
 #include "dravik_test_support/temp_dir.h"
 
-using dravik::lcmgui::GuiConfig;
-using dravik::lcmgui::LcmGui;
 using dravik::logger::LogCapture;
 using dravik::testsupport::TempDir;
 using Access = dravik::lcmgui::LcmGuiTestAccess;
