@@ -21,14 +21,14 @@
 
 #include "GuiConfig.h"
 #include "LcmGui.h"
-#include "bench_files.h"
 #include "dravik_logger/logger.h"
-#include "dravik_utils/utils.h"
+#include "dravik_test_support/temp_dir.h"
 #include "fakefb/fakefb.h"
 
 #if DRAVIK_BENCH_HAVE_TEST_SUPPORT
 #include "LcmGuiTestAccess.h"
 #include "PrivateGuiPaths.h"
+#include "dravik_test_support/clock_guard.h"
 #endif
 
 using dravik::lcmgui::GuiConfig;
@@ -67,7 +67,7 @@ cv::Mat pattern(int width, int height) {
 // benchmark's own image directory, one screen.
 const GuiConfig& config() {
     static const GuiConfig loaded = [] {
-        const dravik::bench::TempDir dir("dravik_lcm_gui_bench");
+        const dravik::testsupport::TempDir dir("dravik_lcm_gui_bench_");
         const std::string path = dir.write(
             "screens.json", std::string(R"({"imgPath": ")") + kImageDir +
                                 R"(", "backLightPath": "", "screens": [{"name": "any"}]})");
@@ -232,17 +232,6 @@ uint64_t benchClock() {
     return gNow;
 }
 
-class ClockGuard {
-public:
-    ClockGuard() : previous(dravik::utils::setMsClock(benchClock)) {}
-    ~ClockGuard() { (void)dravik::utils::setMsClock(previous); }
-    ClockGuard(const ClockGuard&) = delete;
-    ClockGuard& operator=(const ClockGuard&) = delete;
-
-private:
-    dravik::utils::MsClock previous;
-};
-
 // The image directories must be entered while the process has one thread,
 // before the benchmark library starts.
 void preparePrivatePaths() {
@@ -284,7 +273,7 @@ void BM_Service_BreathingTick(benchmark::State& state) {
     }
     constexpr uint64_t kStart = 1'000'000;
     constexpr uint32_t kDuration = 2000;
-    ClockGuard clock;
+    const dravik::testsupport::ClockGuard clock(benchClock);
     gNow = kStart;
     PanelEngine engine(16);
     GuiScreenDesc screen;

@@ -4,7 +4,7 @@
 #include <cstdio>
 #include <string>
 
-#include "bench_files.h"
+#include "dravik_test_support/temp_dir.h"
 #include "dravik_variant/variant.h"
 
 using dravik::variant::Variant;
@@ -26,7 +26,7 @@ std::string record(unsigned index) {
 }
 
 struct GeneratedFile {
-    dravik::bench::TempDir dir{"dravik_variant_bench"};
+    dravik::testsupport::TempDir dir{"dravik_variant_bench_"};
     std::string path;
     unsigned records = 0;
     size_t bytes = 0;

@@ -9,7 +9,7 @@
 #include <string>
 
 #include "dravik_ipc/sdbus_handles.h"
-#include "private_bus.h"
+#include "dravik_test_support/private_bus_test.h"
 
 using dravik::ipc::AppendObject;
 using dravik::ipc::AppendVariant;
@@ -18,6 +18,7 @@ using dravik::ipc::kMaxValueDepth;
 using dravik::ipc::MessageHandle;
 using dravik::ipc::ReadObjectBody;
 using dravik::ipc::ReadVariant;
+using dravik::testsupport::PrivateBusTest;
 using dravik::variant::Variant;
 using dravik::variant::VariantType;
 
@@ -51,14 +52,13 @@ Variant nestedObjects(size_t levels) {
 
 // sd-bus builds messages only on a connected bus, so every test gets one on a
 // private daemon; the messages themselves are sealed and read back locally.
-class DbusValue : public ::testing::Test {
+class DbusValue : public PrivateBusTest {
 protected:
     void SetUp() override {
-        if (!PrivateBus::DaemonInstalled()) {
-            GTEST_SKIP() << "dbus-daemon is not installed: these tests need a private bus";
+        PrivateBusTest::SetUp();
+        if (IsSkipped() || HasFatalFailure()) {
+            return;
         }
-        std::string why;
-        ASSERT_TRUE(bus_.Start(why)) << why;
         sd_bus* raw = nullptr;
         ASSERT_GE(sd_bus_open_system(&raw), 0);
         connection_.reset(raw);
@@ -108,7 +108,6 @@ protected:
         return contents != nullptr ? contents : "";
     }
 
-    PrivateBus bus_;
     BusHandle connection_;
     uint64_t cookie_ = 0;
 };
@@ -463,6 +462,5 @@ TEST_F(DbusValue, a_body_that_is_not_one_string_keyed_dictionary_is_refused) {
         EXPECT_EQ(back.AsString(), "untouched");
     }
 }
-
 
 }  // namespace

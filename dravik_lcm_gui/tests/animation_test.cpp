@@ -1,9 +1,7 @@
 // Screen state and animation: taking a new screen, the full redraw at the next
 // tick, and the animation levels derived from the clock (driven by the test).
 #include <gtest/gtest.h>
-#include <unistd.h>
 
-#include <fstream>
 #include <string>
 #include <vector>
 
@@ -12,9 +10,12 @@
 #include "PrivateGuiPaths.h"
 #include "TestImages.h"
 #include "dravik_logger/log_capture.h"
-#include "dravik_utils/utils.h"
+#include "dravik_test_support/clock_guard.h"
+#include "dravik_test_support/temp_dir.h"
 
 using dravik::logger::LogCapture;
+using dravik::testsupport::ClockGuard;
+using dravik::testsupport::TempDir;
 using namespace dravik::lcmgui;
 using namespace dravik::lcmgui::testsupport;
 using Access = LcmGuiTestAccess;
@@ -58,32 +59,20 @@ GuiScreenDesc screen(const std::string& file, AnimType type, uint32_t duration, 
 }
 
 bool loadConfig(GuiConfig& config, const std::string& imgPath, const std::string& backLight = "") {
-    char path[] = "/tmp/lcm_gui_animation_XXXXXX";
-    const int fd = mkstemp(path);
-    if (fd < 0) {
-        return false;
-    }
-    close(fd);
-    {
-        std::ofstream out(path);
-        out << R"({"imgPath": ")" << imgPath << R"(", "backLightPath": ")" << backLight
-            << R"(", "screens": [{"name": "any"}]})";
-    }
-    const bool ok = config.fromJSONFile(path);
-    unlink(path);
-    return ok;
+    const TempDir dir("lcm_gui_animation_");
+    return config.fromJSONFile(
+        dir.write("screens.json", R"({"imgPath": ")" + imgPath + R"(", "backLightPath": ")" +
+                                      backLight + R"(", "screens": [{"name": "any"}]})"));
 }
 
 class Animation : public ::testing::Test {
 protected:
     void SetUp() override {
-        previousClock = dravik::utils::setMsClock(testClock);
         gNow = kStart;
         ASSERT_TRUE(loadConfig(config, "/usr/etc/gui"));
         ASSERT_TRUE(Access::setMemoryPanel(gui, kWidth, kHeight));
         ASSERT_TRUE(Access::initFonts(gui));
     }
-    void TearDown() override { dravik::utils::setMsClock(previousClock); }
 
     GuiAnimStateDesc& state() { return Access::state(gui); }
 
@@ -115,7 +104,7 @@ protected:
         ASSERT_FALSE(state().stateChanged);
     }
 
-    dravik::utils::MsClock previousClock = nullptr;
+    ClockGuard clock{testClock};
     GuiConfig config;
     LcmGui gui{config};
 };
@@ -409,27 +398,20 @@ TEST_F(Animation, misplaced_animated_image_retries_at_every_level_change) {
 }
 
 TEST_F(Animation, every_tick_services_the_backlight_first) {
-    char dir[] = "/tmp/lcm_gui_backlight_XXXXXX";
-    ASSERT_NE(mkdtemp(dir), nullptr);
-    const std::string path = dir;
-    { std::ofstream(path + "/max_brightness") << "255\n"; }
+    const TempDir dir("lcm_gui_backlight_");
+    dir.write("max_brightness", "255\n");
     GuiConfig withBacklight;
-    ASSERT_TRUE(loadConfig(withBacklight, "/usr/etc/gui", path));
-    {
-        LcmGui other{withBacklight};
-        ASSERT_TRUE(Access::setMemoryPanel(other, 32, 32));
-        ASSERT_TRUE(Access::backLight(other).init(path));
-        EXPECT_TRUE(Access::backLight(other).setBrightness(50));
-        ASSERT_TRUE(other.setState(screen("", kAnimStatic, 0, 0), kStart));
-        EXPECT_TRUE(other.service());  // a redraw tick
-        EXPECT_EQ(readFile(path + "/brightness"), std::string("127") + '\0');
-        EXPECT_TRUE(Access::backLight(other).setBrightness(100));
-        EXPECT_TRUE(other.service());  // a tick with nothing to draw
-        EXPECT_EQ(readFile(path + "/brightness"), std::string("255") + '\0');
-    }
-    unlink((path + "/brightness").c_str());
-    unlink((path + "/max_brightness").c_str());
-    rmdir(dir);
+    ASSERT_TRUE(loadConfig(withBacklight, "/usr/etc/gui", dir.path()));
+    LcmGui other{withBacklight};
+    ASSERT_TRUE(Access::setMemoryPanel(other, 32, 32));
+    ASSERT_TRUE(Access::backLight(other).init(dir.path()));
+    EXPECT_TRUE(Access::backLight(other).setBrightness(50));
+    ASSERT_TRUE(other.setState(screen("", kAnimStatic, 0, 0), kStart));
+    EXPECT_TRUE(other.service());  // a redraw tick
+    EXPECT_EQ(dir.read("brightness"), std::string("127") + '\0');
+    EXPECT_TRUE(Access::backLight(other).setBrightness(100));
+    EXPECT_TRUE(other.service());  // a tick with nothing to draw
+    EXPECT_EQ(dir.read("brightness"), std::string("255") + '\0');
 }
 
 TEST_F(Animation, service_without_screen_does_nothing) {

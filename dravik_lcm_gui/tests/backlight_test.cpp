@@ -6,53 +6,19 @@
 #include <cerrno>
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <string>
 
 #include "GuiBackLight.h"
 #include "dravik_logger/log_capture.h"
+#include "dravik_test_support/temp_dir.h"
 #include "dravik_utils/utils.h"
 
 using dravik::lcmgui::GuiBackLight;
 using dravik::logger::LogCapture;
+using dravik::testsupport::TempDir;
 using dravik::utils::format;
 
 namespace {
-
-// A fresh backlight directory under the system's temporary directory, removed
-// with everything in it when the test ends.
-class BacklightDir {
-public:
-    BacklightDir() {
-        std::string tmpl =
-            (std::filesystem::temp_directory_path() / "backlight_test.XXXXXX").string();
-        if (::mkdtemp(tmpl.data()) != nullptr) {
-            path_ = tmpl;
-        }
-    }
-    ~BacklightDir() {
-        std::error_code ec;
-        std::filesystem::remove_all(path_, ec);
-    }
-    BacklightDir(const BacklightDir&) = delete;
-    BacklightDir& operator=(const BacklightDir&) = delete;
-
-    const std::string& path() const { return path_; }
-    std::string file(const std::string& name) const { return path_ + "/" + name; }
-
-    void write(const std::string& name, const std::string& bytes) const {
-        std::ofstream out(file(name), std::ios::binary | std::ios::trunc);
-        out << bytes;
-    }
-    std::string read(const std::string& name) const {
-        std::ifstream in(file(name), std::ios::binary);
-        return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-    }
-
-private:
-    std::string path_;
-};
 
 // The descriptor numbers that the next two opens will get: the lowest free ones.
 std::pair<int, int> nextTwoDescriptors() {
@@ -94,7 +60,7 @@ protected:
     // Overwrites "brightness" with a marker, so that a later write shows.
     void markBrightnessFile() const { dir.write("brightness", kMarker); }
 
-    BacklightDir dir;
+    TempDir dir{"backlight_test."};
     GuiBackLight backlight;
 };
 
@@ -256,7 +222,7 @@ TEST(GuiBackLight, accepted_maximum_values) {
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.text);
-        BacklightDir dir;
+        TempDir dir{"backlight_test."};
         dir.write("max_brightness", row.text);
         GuiBackLight backlight;
         LogCapture capture;
@@ -281,7 +247,7 @@ TEST(GuiBackLight, refused_maximum_values) {
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.text);
-        BacklightDir dir;
+        TempDir dir{"backlight_test."};
         dir.write("max_brightness", row.text);
         GuiBackLight backlight;
         LogCapture capture;
@@ -294,7 +260,7 @@ TEST(GuiBackLight, refused_maximum_values) {
 }
 
 TEST(GuiBackLight, empty_max_brightness_fails_with_read_count_0) {
-    BacklightDir dir;
+    TempDir dir{"backlight_test."};
     dir.write("max_brightness", "");
     GuiBackLight backlight;
     const auto [brightnessFd, maxFd] = nextTwoDescriptors();
@@ -308,7 +274,7 @@ TEST(GuiBackLight, empty_max_brightness_fails_with_read_count_0) {
 }
 
 TEST(GuiBackLight, unreadable_max_brightness_logs_the_error_number) {
-    BacklightDir dir;
+    TempDir dir{"backlight_test."};
     // A directory opens read-only but refuses pread with EISDIR.
     ASSERT_EQ(::mkdir(dir.file("max_brightness").c_str(), 0755), 0);
     GuiBackLight backlight;
@@ -320,7 +286,7 @@ TEST(GuiBackLight, unreadable_max_brightness_logs_the_error_number) {
 }
 
 TEST(GuiBackLight, missing_max_brightness_fails_but_brightness_was_created) {
-    BacklightDir dir;
+    TempDir dir{"backlight_test."};
     GuiBackLight backlight;
     LogCapture capture;
     EXPECT_FALSE(backlight.init(dir.path()));
@@ -331,7 +297,7 @@ TEST(GuiBackLight, missing_max_brightness_fails_but_brightness_was_created) {
 }
 
 TEST(GuiBackLight, missing_directory_fails_on_brightness) {
-    BacklightDir dir;
+    TempDir dir{"backlight_test."};
     const std::string missing = dir.file("no/such/dir");
     GuiBackLight backlight;
     LogCapture capture;
@@ -342,7 +308,7 @@ TEST(GuiBackLight, missing_directory_fails_on_brightness) {
 }
 
 TEST(GuiBackLight, descriptor_0_counts_as_failure) {
-    BacklightDir dir;
+    TempDir dir{"backlight_test."};
     dir.write("max_brightness", "255\n");
     const int savedStdin = ::dup(STDIN_FILENO);
     ASSERT_GE(savedStdin, 0);
@@ -365,7 +331,7 @@ TEST(GuiBackLight, descriptor_0_counts_as_failure) {
 }
 
 TEST(GuiBackLight, refused_write_is_logged_with_errno_and_not_retried) {
-    BacklightDir dir;
+    TempDir dir{"backlight_test."};
     dir.write("max_brightness", "255\n");
     ASSERT_EQ(::symlink("/dev/full", dir.file("brightness").c_str()), 0);
     GuiBackLight backlight;
@@ -384,7 +350,7 @@ TEST(GuiBackLight, refused_write_is_logged_with_errno_and_not_retried) {
 }
 
 TEST(GuiBackLight, destructor_closes_the_brightness_file) {
-    BacklightDir dir;
+    TempDir dir{"backlight_test."};
     dir.write("max_brightness", "255\n");
     const auto [brightnessFd, maxFd] = nextTwoDescriptors();
     {

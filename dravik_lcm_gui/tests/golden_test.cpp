@@ -15,10 +15,13 @@
 
 #include "LcmGui.h"
 #include "LcmGuiTestAccess.h"
-#include "dravik_utils/utils.h"
+#include "dravik_test_support/clock_guard.h"
+#include "dravik_test_support/temp_dir.h"
 
 using namespace dravik::lcmgui;
 using Access = LcmGuiTestAccess;
+using dravik::testsupport::ClockGuard;
+using dravik::testsupport::TempDir;
 namespace fs = std::filesystem;
 
 namespace {
@@ -192,10 +195,8 @@ std::vector<Scene> edgeScenes() {
 class GoldenTest : public ::testing::Test {
 protected:
     static void SetUpTestSuite() {
-        char pattern[] = "/tmp/golden-XXXXXX";
-        ASSERT_NE(mkdtemp(pattern), nullptr);
-        root_ = pattern;
-        const fs::path images = fs::path(root_) / "etc/gui/images";
+        root_ = std::make_unique<TempDir>("golden-");
+        const fs::path images = fs::path(root_->path()) / "etc/gui/images";
         fs::create_directories(images);
         // A cross build's programs run under its emulator (DRAVIK_EMULATOR).
         const char* emulator = getenv("DRAVIK_EMULATOR");
@@ -222,19 +223,19 @@ protected:
         ASSERT_TRUE(cv::imwrite((images / "bar.png").string(), bar));
         ASSERT_TRUE(cv::imwrite((images / "block.png").string(),
                                 cv::Mat(30, 40, CV_8UC3, cv::Scalar(200, 200, 200))));
-        (void)dravik::utils::setMsClock(testClock);
+        clock_ = std::make_unique<ClockGuard>(testClock);
         fs::remove_all(GOLDEN_FAILURE_DIR);  // only this run's differences stay there
     }
     static void TearDownTestSuite() {
-        (void)dravik::utils::setMsClock(nullptr);
-        fs::remove_all(root_);
+        clock_.reset();
+        root_.reset();
     }
 
     // An engine on a panel of `depth` in memory, images below the test's root.
     static std::unique_ptr<LcmGui> engine(GuiConfig& config, const Depth& depth, unsigned width,
                                           unsigned height) {
         auto gui = std::make_unique<LcmGui>(config);
-        gui->setGuiRoot(root_);
+        gui->setGuiRoot(root_->path());
         fb_var_screeninfo format = {};
         format.xres = width;
         format.yres = height;
@@ -251,10 +252,12 @@ protected:
     static void expectGolden(const std::string& name, const cv::Mat& actual);
     static void runScenes(GuiConfig& config, const std::vector<Scene>& scenes);
 
-    static std::string root_;
+    static std::unique_ptr<TempDir> root_;
+    static std::unique_ptr<ClockGuard> clock_;
 };
 
-std::string GoldenTest::root_;
+std::unique_ptr<TempDir> GoldenTest::root_;
+std::unique_ptr<ClockGuard> GoldenTest::clock_;
 
 // A picture of where two pictures differ: the reference dimmed, differing
 // pixels in red.
@@ -344,8 +347,8 @@ TEST_F(GoldenTest, every_example_screen_matches_its_reference_at_every_depth) {
 
 TEST_F(GoldenTest, edge_cases_match_their_references_at_every_depth) {
     GuiConfig config;
-    const std::string file = root_ + "/screens.json";
-    std::ofstream(file) << R"({"imgPath": "/etc/gui/images", "screens": [{"name": "x"}]})";
+    const std::string file = root_->write(
+        "screens.json", R"({"imgPath": "/etc/gui/images", "screens": [{"name": "x"}]})");
     ASSERT_TRUE(config.fromJSONFile(file));
     runScenes(config, edgeScenes());
 }

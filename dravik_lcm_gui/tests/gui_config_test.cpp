@@ -1,48 +1,32 @@
 #include <gtest/gtest.h>
 
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
 #include <string>
 #include <vector>
 
 #include "GuiConfig.h"
 #include "dravik_logger/log_capture.h"
+#include "dravik_test_support/temp_dir.h"
 #include "dravik_utils/utils.h"
 
 using namespace dravik::lcmgui;
 using dravik::logger::LogCapture;
+using dravik::testsupport::TempDir;
 
 namespace {
 
-// A temporary directory for screens files, removed when the test ends.
-class TempDir {
+// The screens files of one test, each under a new name in a temporary
+// directory that goes when the test ends.
+class ScreensFiles {
 public:
-    TempDir() {
-        std::string tmpl =
-            (std::filesystem::temp_directory_path() / "gui_config_test.XXXXXX").string();
-        if (::mkdtemp(tmpl.data()) != nullptr) {
-            path_ = tmpl;
-        }
-    }
-    ~TempDir() {
-        std::error_code ec;
-        std::filesystem::remove_all(path_, ec);
-    }
-    TempDir(const TempDir&) = delete;
-    TempDir& operator=(const TempDir&) = delete;
-
-    const std::string& path() const { return path_; }
+    const std::string& path() const { return dir_.path(); }
 
     // Writes `content` to a new file and returns its path.
     std::string write(const std::string& content) {
-        std::string file = path_ + "/screens" + std::to_string(count_++) + ".json";
-        std::ofstream(file, std::ios::binary) << content;
-        return file;
+        return dir_.write("screens" + std::to_string(count_++) + ".json", content);
     }
 
 private:
-    std::string path_;
+    TempDir dir_{"gui_config_test."};
     int count_ = 0;
 };
 
@@ -121,7 +105,7 @@ protected:
         return desc;
     }
 
-    TempDir dir;
+    ScreensFiles dir;
     GuiConfig config;
 };
 

@@ -2,9 +2,7 @@
 // they leave in the request, the response and the screen state, and what the
 // next tick puts on the panel and into the backlight file.
 #include <gtest/gtest.h>
-#include <unistd.h>
 
-#include <fstream>
 #include <memory>
 #include <set>
 #include <string>
@@ -16,11 +14,14 @@
 #include "TestImages.h"
 #include "dravik_ipc_messages/messages.h"
 #include "dravik_logger/log_capture.h"
-#include "dravik_utils/utils.h"
+#include "dravik_test_support/clock_guard.h"
+#include "dravik_test_support/temp_dir.h"
 
 using dravik::ipc::messages::ShowGui;
 using dravik::ipc::messages::ShowSimpleScreen;
 using dravik::logger::LogCapture;
+using dravik::testsupport::ClockGuard;
+using dravik::testsupport::TempDir;
 using dravik::variant::Variant;
 using dravik::variant::VariantType;
 using namespace dravik::lcmgui;
@@ -60,46 +61,21 @@ constexpr char kScreens[] = R"("screens": [
 // A temporary kernel-like backlight directory whose maximum is 255.
 class BacklightDir {
 public:
-    BacklightDir() {
-        char pattern[] = "/tmp/lcm_gui_show_backlight_XXXXXX";
-        if (mkdtemp(pattern) != nullptr) {
-            path_ = pattern;
-            std::ofstream(path_ + "/max_brightness") << "255\n";
-        }
-    }
-    ~BacklightDir() {
-        if (!path_.empty()) {
-            unlink((path_ + "/max_brightness").c_str());
-            unlink((path_ + "/brightness").c_str());
-            rmdir(path_.c_str());
-        }
-    }
-    BacklightDir(const BacklightDir&) = delete;
-    BacklightDir& operator=(const BacklightDir&) = delete;
+    BacklightDir() { dir_.write("max_brightness", "255\n"); }
 
-    const std::string& path() const { return path_; }
+    const std::string& path() const { return dir_.path(); }
     // What the engine wrote: the raw value and its terminating zero byte.
-    std::string written() const { return readFile(path_ + "/brightness"); }
+    std::string written() const { return dir_.read("brightness"); }
 
 private:
-    std::string path_;
+    TempDir dir_{"lcm_gui_show_backlight_"};
 };
 
 bool loadConfig(GuiConfig& config, const std::string& backLightPath) {
-    char path[] = "/tmp/lcm_gui_show_screens_XXXXXX";
-    const int fd = mkstemp(path);
-    if (fd < 0) {
-        return false;
-    }
-    close(fd);
-    {
-        std::ofstream out(path);
-        out << R"({"imgPath": "/usr/etc/gui", "backLightPath": ")" << backLightPath << R"(", )"
-            << kScreens << "}";
-    }
-    const bool ok = config.fromJSONFile(path);
-    unlink(path);
-    return ok;
+    const TempDir dir("lcm_gui_show_screens_");
+    return config.fromJSONFile(
+        dir.write("screens.json", R"({"imgPath": "/usr/etc/gui", "backLightPath": ")" +
+                                      backLightPath + R"(", )" + kScreens + "}"));
 }
 
 Variant json(const std::string& text) {
@@ -133,7 +109,6 @@ void expectMember(const Variant& record, const std::string& key, VariantType typ
 class ShowCommands : public ::testing::Test {
 protected:
     void SetUp() override {
-        previousClock = dravik::utils::setMsClock(testClock);
         gNow = kStart;
         REQUIRE_PRIVATE_GUI_PATHS();
         ASSERT_FALSE(writeGuiImage("boot.png", solid(20, 10, kBootColour)).empty());
@@ -148,7 +123,6 @@ protected:
         gui = makeEngine(config, true);
         ASSERT_NE(gui, nullptr);
     }
-    void TearDown() override { dravik::utils::setMsClock(previousClock); }
 
     // An engine on a 24-bit panel in memory, with fonts and, when asked, the
     // backlight of the configuration (as init would set them up).
@@ -211,7 +185,7 @@ protected:
         }
     }
 
-    dravik::utils::MsClock previousClock = nullptr;
+    ClockGuard clock{testClock};
     BacklightDir backlight;
     GuiConfig config;
     GuiConfig configWithoutBacklight;

@@ -5,18 +5,21 @@
 
 #include <cstdarg>
 #include <cstdlib>
-#include <fstream>
 #include <string>
+
+#include "dravik_test_support/temp_dir.h"
 
 namespace {
 
+using dravik::testsupport::TempDir;
 using dravik::utils::format;
 using dravik::utils::trim;
 
 TEST(format, formats_like_printf) {
     EXPECT_EQ(format("%d", 127), "127");
     EXPECT_EQ(format("dravik_lcm_gui_sysid_%04x.json", 0x1A2u), "dravik_lcm_gui_sysid_01a2.json");
-    EXPECT_EQ(format("dravik_lcm_gui_sysid_%04x.json", 0x12345u), "dravik_lcm_gui_sysid_12345.json");
+    EXPECT_EQ(format("dravik_lcm_gui_sysid_%04x.json", 0x12345u),
+              "dravik_lcm_gui_sysid_12345.json");
     EXPECT_EQ(format("%s", ""), "");
 }
 
@@ -47,7 +50,7 @@ TEST(trim, removes_surrounding_white_space_only) {
         const char* in;
         const char* out;
     } rows[] = {
-        {"255\n", "255"}, {" \t255 \r\n", "255"}, {"", ""}, {" \n\t\r", ""},
+        {"255\n", "255"}, {" \t255 \r\n", "255"}, {"", ""},   {" \n\t\r", ""},
         {"a b", "a b"},   {"  a b  ", "a b"},     {"x", "x"},
     };
     for (const auto& row : rows) {
@@ -67,7 +70,9 @@ TEST(now, is_close_to_the_wall_clock) {
 }
 
 uint64_t fakeTime = 0;
-uint64_t fakeClock() { return fakeTime; }
+uint64_t fakeClock() {
+    return fakeTime;
+}
 
 TEST(nowMs, is_monotonic) {
     const uint64_t a = nowMs();
@@ -86,30 +91,24 @@ TEST(nowMs, follows_an_installed_clock_until_restored) {
 }
 
 TEST(resolvePath, resolves_existing_files_and_refuses_missing_ones) {
-    char dir[] = "/tmp/dravik_utils_XXXXXX";
-    ASSERT_NE(mkdtemp(dir), nullptr);
-    const std::string file = std::string(dir) + "/a.png";
-    std::ofstream(file) << "x";
-    ASSERT_EQ(symlink(file.c_str(), (std::string(dir) + "/link.png").c_str()), 0);
+    const TempDir dir("dravik_utils_");
+    const std::string file = dir.write("a.png", "x");
+    ASSERT_EQ(symlink(file.c_str(), dir.file("link.png").c_str()), 0);
 
     std::string resolved;
     bool isDir = true;
     struct stat st {};
-    EXPECT_TRUE(resolvePath((std::string(dir) + "/./sub/../a.png").c_str(), resolved, isDir,
+    EXPECT_TRUE(resolvePath((dir.path() + "/./sub/../a.png").c_str(), resolved, isDir,
                             nullptr) == false);  // "sub" does not exist
-    EXPECT_TRUE(resolvePath((std::string(dir) + "/link.png").c_str(), resolved, isDir, &st));
+    EXPECT_TRUE(resolvePath(dir.file("link.png").c_str(), resolved, isDir, &st));
     EXPECT_EQ(resolved, file);
     EXPECT_FALSE(isDir);
     EXPECT_EQ(st.st_size, 1);
-    EXPECT_TRUE(resolvePath(dir, resolved, isDir, nullptr));
+    EXPECT_TRUE(resolvePath(dir.path().c_str(), resolved, isDir, nullptr));
     EXPECT_TRUE(isDir);
-    EXPECT_FALSE(resolvePath((std::string(dir) + "/missing.png").c_str(), resolved, isDir, nullptr));
+    EXPECT_FALSE(resolvePath(dir.file("missing.png").c_str(), resolved, isDir, nullptr));
     EXPECT_FALSE(resolvePath("", resolved, isDir, nullptr));
     EXPECT_FALSE(resolvePath(nullptr, resolved, isDir, nullptr));
-
-    unlink((std::string(dir) + "/link.png").c_str());
-    unlink(file.c_str());
-    rmdir(dir);
 }
 
 }  // namespace

@@ -10,10 +10,12 @@
 #include <vector>
 
 #include "dravik_logger/log_capture.h"
+#include "dravik_test_support/temp_dir.h"
 #include "dravik_variant/variant.h"
 
 namespace {
 
+using dravik::testsupport::TempDir;
 using dravik::variant::Variant;
 using dravik::variant::VariantType;
 namespace vt = dravik::variant;
@@ -21,31 +23,12 @@ namespace vt = dravik::variant;
 // A fresh directory for the files of one test, removed afterwards.
 class JsonFile : public ::testing::Test {
 protected:
-    void SetUp() override {
-        std::string pattern = ::testing::TempDir() + "variant_json_XXXXXX";
-        ASSERT_NE(mkdtemp(pattern.data()), nullptr);
-        dir_ = pattern;
-    }
-    void TearDown() override {
-        for (const std::string& file : files_) {
-            (void)unlink(file.c_str());  // some tests never create theirs
-        }
-        (void)rmdir(dir_.c_str());
+    std::string path(const std::string& name) const { return dir_.file(name); }
+    std::string write(const std::string& name, const std::string& content) const {
+        return dir_.write(name, content);
     }
 
-    std::string path(const std::string& name) {
-        files_.push_back(dir_ + "/" + name);
-        return files_.back();
-    }
-
-    std::string write(const std::string& name, const std::string& content) {
-        std::string file = path(name);
-        std::ofstream(file, std::ios::binary) << content;
-        return file;
-    }
-
-    std::string dir_;
-    std::vector<std::string> files_;
+    TempDir dir_{"variant_json_"};
 };
 
 // A value that must survive every failed parse untouched.
@@ -289,7 +272,7 @@ TEST_F(JsonFile, missing_file_is_refused) {
 
 TEST_F(JsonFile, directory_is_refused) {
     Variant v = sentinel();
-    EXPECT_FALSE(v.FromJSONFile(dir_));
+    EXPECT_FALSE(v.FromJSONFile(dir_.path()));
     EXPECT_TRUE(v == sentinel());
     EXPECT_EQ(Variant::LastJsonError().message, "is a directory");
 }
@@ -334,7 +317,7 @@ TEST_F(JsonFile, invalid_content_reports_line_and_column) {
 
 TEST_F(JsonFile, refusals_are_reported_to_the_caller_not_logged) {
     const std::string invalid = write("bad.json", "[1,");
-    for (const std::string& file : {path("absent.json"), dir_, invalid}) {
+    for (const std::string& file : {path("absent.json"), dir_.path(), invalid}) {
         SCOPED_TRACE(file);
         dravik::logger::LogCapture capture;
         Variant v;

@@ -1,43 +1,26 @@
 #include "dravik_variant_utils/camerainfo.h"
 
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <cstdio>
-#include <cstdlib>
-#include <fstream>
 #include <string>
-#include <vector>
 
 #include "dravik_logger/log_capture.h"
+#include "dravik_test_support/temp_dir.h"
 
 namespace {
 
+using dravik::testsupport::TempDir;
 using dravik::variant::CameraInfo;
 namespace vt = dravik::variant;
 
 class CameraInfoTest : public ::testing::Test {
 protected:
-    void SetUp() override {
-        std::string pattern = ::testing::TempDir() + "camerainfo_XXXXXX";
-        ASSERT_NE(mkdtemp(pattern.data()), nullptr);
-        dir_ = pattern;
-    }
-    void TearDown() override {
-        for (const std::string& file : files_) {
-            (void)unlink(file.c_str());  // some tests never create theirs
-        }
-        (void)rmdir(dir_.c_str());
+    std::string write(const std::string& name, const std::string& content) const {
+        return dir_.write(name, content);
     }
 
-    std::string write(const std::string& name, const std::string& content) {
-        files_.push_back(dir_ + "/" + name);
-        std::ofstream(files_.back(), std::ios::binary) << content;
-        return files_.back();
-    }
-
-    std::string dir_;
-    std::vector<std::string> files_;
+    TempDir dir_{"camerainfo_"};
 };
 
 TEST_F(CameraInfoTest, reads_an_object_file) {
@@ -57,14 +40,15 @@ TEST_F(CameraInfoTest, sysid_of_any_integer_width) {
 TEST_F(CameraInfoTest, missing_file_fails_and_leaves_null) {
     dravik::logger::LogCapture capture;
     CameraInfo info;
-    EXPECT_FALSE(info.Init(dir_ + "/absent.json"));
+    EXPECT_FALSE(info.Init(dir_.file("absent.json")));
     EXPECT_TRUE(info.IsNull());
-    EXPECT_TRUE(capture.has(3, dir_ + "/absent.json: cannot open file: No such file or directory"));
+    EXPECT_TRUE(
+        capture.has(3, dir_.file("absent.json") + ": cannot open file: No such file or directory"));
 }
 
 TEST_F(CameraInfoTest, directory_fails) {
     CameraInfo info;
-    EXPECT_FALSE(info.Init(dir_));
+    EXPECT_FALSE(info.Init(dir_.path()));
     EXPECT_TRUE(info.IsNull());
 }
 

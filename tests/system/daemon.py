@@ -62,23 +62,23 @@ PERMISSIVE_POLICY = """
 """
 
 
+def bus_config(address, policy):
+    """The private bus's configuration (tests/support/private-bus.conf.in): listening
+    on `address`, with `policy` as its rules."""
+    with open(os.path.join(source_dir(), "tests", "support", "private-bus.conf.in")) as f:
+        template = f.read()
+    return template.replace("@ADDRESS@", address).replace("@POLICY@", policy)
+
+
 class PrivateBus:
     """A dbus-daemon of its own, used as the daemon's system bus; `policy` is the
-    XML inside its <busconfig> after the listening address."""
+    XML that says who may do what: <policy> elements, and <include>s of more."""
 
     def __init__(self, directory, policy=PERMISSIVE_POLICY):
         os.makedirs(directory, exist_ok=True)
         config = os.path.join(directory, "bus.conf")
         with open(config, "w") as f:
-            f.write(f"""<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-BUS Bus Configuration 1.0//EN"
- "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
-<busconfig>
-  <type>system</type>
-  <listen>unix:path={directory}/socket</listen>
-  <auth>EXTERNAL</auth>
-{policy}
-</busconfig>
-""")
+            f.write(bus_config(f"unix:path={directory}/socket", policy))
         read_fd, write_fd = os.pipe()
         self.process = subprocess.Popen(
             ["dbus-daemon", "--config-file", config, "--nofork", "--nopidfile",

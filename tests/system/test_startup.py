@@ -1,4 +1,5 @@
 """Process entry: command line, device properties, configuration search, SIGTERM."""
+import errno
 import json
 import os
 import random
@@ -161,15 +162,44 @@ def test_sigterm_while_animating_shuts_down_gracefully_every_time(daemon):
         assert daemon.stdout() == "SIGTERM received\n"
 
 
-def test_sigterm_right_at_start_has_the_default_effect_or_shuts_down(daemon):
-    # Before the handler is installed SIGTERM kills the process; after, it exits 0.
+def open_fifo_once_read(path, process, timeout=20):
+    """Opens the FIFO `path` for writing as soon as a reader has it open, and
+    returns the descriptor; None when `process` ends or the time runs out first.
+    The reader's open returns with ours, and its reads wait for what we write."""
+    deadline = time.monotonic() + timeout
+    while process.poll() is None and time.monotonic() < deadline:
+        try:
+            return os.open(path, os.O_WRONLY | os.O_NONBLOCK)
+        except OSError as error:
+            if error.errno != errno.ENXIO:  # ENXIO: nobody reads it yet
+                raise
+        time.sleep(0.01)
+    return None
+
+
+def test_sigterm_while_start_up_reads_the_device_properties_kills_the_daemon(daemon):
+    # Start-up's first step reads /etc/dravik/camerainfo.json; made a FIFO, the
+    # file holds the daemon in that read for as long as the test writes nothing,
+    # well before the SIGTERM handler exists, so the signal has its default
+    # effect: the daemon ends by it, without a word of shutting down.
     daemon.install_example()
+    properties = os.path.join(daemon.etc_dravik, "camerainfo.json")
+    os.remove(properties)
+    os.mkfifo(properties)
     daemon.start(wait=False)
-    daemon.process.send_signal(signal.SIGTERM)
+    writer = open_fifo_once_read(properties, daemon.process)
+    assert writer is not None, "the daemon never opened its properties:\n" + daemon.log()
+    try:
+        daemon.process.send_signal(signal.SIGTERM)
+    finally:
+        # A daemon that outlived the signal now reads an empty file and stops.
+        os.close(writer)
     status = daemon.process.wait(20)
-    assert status in (0, -signal.SIGTERM)
-    if status == 0:
-        assert "Gracefully shut down" in daemon.log()
+    assert status == -signal.SIGTERM, daemon.log()
+    assert daemon.stdout() == ""
+    log = daemon.log()
+    assert "Gracefully shut down" not in log
+    assert "Failed to read camera properties" not in log
 
 
 def test_startup_screen_and_brightness_are_shown(daemon):

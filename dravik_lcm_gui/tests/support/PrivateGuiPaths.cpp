@@ -1,7 +1,6 @@
 #include "PrivateGuiPaths.h"
 
 #include <fcntl.h>
-#include <ftw.h>
 #include <sched.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
@@ -10,9 +9,15 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
+#include <stdexcept>
 #include <vector>
 
+#include "dravik_test_support/temp_dir.h"
+
 namespace dravik::lcmgui::testsupport {
+
+using ::dravik::testsupport::TempDir;
 
 namespace {
 
@@ -20,7 +25,7 @@ struct State {
     bool entered = false;
     bool ready = false;
     std::string reason;
-    std::string tempDir;
+    std::unique_ptr<TempDir> tempDir;
     std::vector<std::string> mounts;
 };
 
@@ -85,8 +90,8 @@ bool enterNamespace(std::string& reason) {
 }
 
 bool mountOverlay(State& s, const std::string& target, const std::string& name) {
-    const std::string upper = s.tempDir + "/" + name + "-upper";
-    const std::string work = s.tempDir + "/" + name + "-work";
+    const std::string upper = s.tempDir->file(name + "-upper");
+    const std::string work = s.tempDir->file(name + "-work");
     if (!makeDirs(upper) || !makeDirs(work)) {
         return false;
     }
@@ -129,11 +134,6 @@ bool privateDirectory(State& s, const std::string& root, const std::string& name
     return true;
 }
 
-int removeEntry(const char* path, const struct stat* /*info*/, int /*flag*/, struct FTW* /*ftw*/) {
-    (void)remove(path);  // best effort: the directory is only scratch space
-    return 0;
-}
-
 }  // namespace
 
 PrivateGuiPaths* PrivateGuiPaths::registerEnvironment() {
@@ -148,12 +148,12 @@ void PrivateGuiPaths::SetUp() {
         return;
     }
     s.entered = true;
-    char pattern[] = "/tmp/dravik_gui_paths_XXXXXX";
-    if (mkdtemp(pattern) == nullptr) {
-        s.reason = errorText("mkdtemp");
+    try {
+        s.tempDir = std::make_unique<TempDir>("dravik_gui_paths_");
+    } catch (const std::runtime_error& e) {
+        s.reason = e.what();
         return;
     }
-    s.tempDir = pattern;
     if (!enterNamespace(s.reason)) {
         return;
     }
@@ -168,10 +168,7 @@ void PrivateGuiPaths::TearDown() {
     }
     s.mounts.clear();
     s.ready = false;
-    if (!s.tempDir.empty()) {
-        (void)nftw(s.tempDir.c_str(), removeEntry, 16, FTW_DEPTH | FTW_PHYS);
-        s.tempDir.clear();
-    }
+    s.tempDir.reset();
 }
 
 bool PrivateGuiPaths::ready() {
@@ -183,7 +180,9 @@ const std::string& PrivateGuiPaths::reason() {
 }
 
 const std::string& PrivateGuiPaths::tempDir() {
-    return state().tempDir;
+    static const std::string none;
+    const State& s = state();
+    return s.tempDir ? s.tempDir->path() : none;
 }
 
 }  // namespace dravik::lcmgui::testsupport

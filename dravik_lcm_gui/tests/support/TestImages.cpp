@@ -1,7 +1,6 @@
 #include "TestImages.h"
 
 #include <fstream>
-#include <iterator>
 #include <opencv2/imgcodecs.hpp>
 
 namespace dravik::lcmgui::testsupport {
@@ -17,11 +16,6 @@ std::string writeGuiFile(const std::string& name, const std::string& bytes,
     std::ofstream out(path, std::ios::binary | std::ios::trunc);
     out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
     return out.good() ? path : std::string();
-}
-
-std::string readFile(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
 }
 
 cv::Mat solid(int w, int h, cv::Scalar bgr) {

@@ -13,8 +13,6 @@ std::string writeGuiImage(const std::string& name, const cv::Mat& img,
 // Writes raw bytes as a file under `dir`; returns its path or "".
 std::string writeGuiFile(const std::string& name, const std::string& bytes,
                          const std::string& dir = "/usr/etc/gui");
-// The bytes of a file ("" when unreadable).
-std::string readFile(const std::string& path);
 
 // A BGR image of w x h filled with one colour.
 cv::Mat solid(int w, int h, cv::Scalar bgr);

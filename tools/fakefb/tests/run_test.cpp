@@ -6,14 +6,15 @@
 #include <string>
 #include <vector>
 
+#include "dravik_test_support/temp_dir.h"
 #include "tool_runner.h"
 
 namespace {
 
 namespace fs = std::filesystem;
+using dravik::testsupport::TempDir;
 using fakefb::test::readAll;
 using fakefb::test::runTool;
-using fakefb::test::TempDir;
 using fakefb::test::ToolResult;
 
 constexpr const char* kDevice = "/dev/fakefb-run-test";

@@ -14,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "dravik_test_support/temp_dir.h"
 #include "fakefb/fakefb.h"
 #include "tool_runner.h"
 
@@ -263,7 +264,7 @@ TEST(FakefbSnapshot, short_backing_file_is_an_error) {
 }
 
 TEST(FakefbSnapshot, missing_geometry_is_an_error) {
-    const fakefb::test::TempDir dir;
+    const dravik::testsupport::TempDir dir;
     const auto result = runTool({FAKEFB_SNAPSHOT, dir.path() + "/none.raw", dir.path() + "/x.png"});
     EXPECT_EQ(result.status, 1);
     EXPECT_NE(result.err.find("cannot read geometry " + dir.path() + "/none.raw.geom"),

@@ -4,11 +4,11 @@
 #include <unistd.h>
 
 #include <cstdlib>
-#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <sstream>
-#include <stdexcept>
+
+#include "dravik_test_support/temp_dir.h"
 
 namespace fakefb::test {
 namespace {
@@ -51,22 +51,9 @@ std::string readAll(const std::string& path) {
     return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
 }
 
-TempDir::TempDir() {
-    std::string pattern = (std::filesystem::temp_directory_path() / "fakefb-test-XXXXXX").string();
-    if (mkdtemp(pattern.data()) == nullptr) {
-        throw std::runtime_error("cannot create a temporary directory");
-    }
-    path_ = pattern;
-}
-
-TempDir::~TempDir() {
-    std::error_code ignored;  // leftovers in /tmp are harmless
-    std::filesystem::remove_all(path_, ignored);
-}
-
 ToolResult runTool(const std::vector<std::string>& args,
                    const std::vector<std::pair<std::string, std::string>>& env) {
-    const TempDir dir;
+    const dravik::testsupport::TempDir dir("fakefb-test-");
     const std::string outPath = dir.path() + "/out";
     const std::string errPath = dir.path() + "/err";
     const pid_t pid = fork();

@@ -20,17 +20,4 @@ std::string readAll(const std::string& path);
 ToolResult runTool(const std::vector<std::string>& args,
                    const std::vector<std::pair<std::string, std::string>>& env = {});
 
-// Removes a directory tree made with makeTempDir() when it goes out of scope.
-class TempDir {
-public:
-    TempDir();
-    ~TempDir();
-    TempDir(const TempDir&) = delete;
-    TempDir& operator=(const TempDir&) = delete;
-    const std::string& path() const { return path_; }
-
-private:
-    std::string path_;
-};
-
 }  // namespace fakefb::test

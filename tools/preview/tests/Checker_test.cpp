@@ -5,14 +5,12 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
-#include <filesystem>
+#include <memory>
 #include <string>
 #include <vector>
 
 namespace dravik::preview {
 namespace {
-
-namespace fs = std::filesystem;
 
 // A device's image directory below a temporary root, with one picture for each
 // kind of image problem.
@@ -20,22 +18,22 @@ class CheckerTest : public ::testing::Test {
 protected:
     static void SetUpTestSuite() {
         root_ = testsupport::makeMistakesRoot();
-        ASSERT_FALSE(root_.empty());
+        ASSERT_NE(root_, nullptr);
     }
-    static void TearDownTestSuite() { fs::remove_all(root_); }
+    static void TearDownTestSuite() { root_.reset(); }
 
     static std::vector<Finding> check(const std::string& file, const std::string& panel) {
         CheckOptions options;
         std::string error;
         EXPECT_TRUE(parsePanel(panel, options.panel, error)) << error;
-        options.root = root_;
+        options.root = root_->path();
         return checkScreensFile(std::string(PREVIEW_TESTS_DIR) + "/data/" + file, options);
     }
 
-    static std::string root_;
+    static std::unique_ptr<dravik::testsupport::TempDir> root_;
 };
 
-std::string CheckerTest::root_;
+std::unique_ptr<dravik::testsupport::TempDir> CheckerTest::root_;
 
 struct Expected {
     size_t line;

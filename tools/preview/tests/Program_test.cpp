@@ -5,6 +5,7 @@
 
 #include <cstdio>
 #include <filesystem>
+#include <memory>
 #include <nlohmann/json.hpp>
 #include <opencv2/imgcodecs.hpp>
 #include <string>
@@ -14,6 +15,7 @@
 namespace {
 
 namespace fs = std::filesystem;
+using dravik::testsupport::TempDir;
 
 struct Outcome {
     int status = -1;
@@ -50,31 +52,30 @@ std::string data(const char* name) {
 class ProgramTest : public ::testing::Test {
 protected:
     static void SetUpTestSuite() {
-        char pattern[] = "/tmp/preview-program-XXXXXX";
-        ASSERT_NE(mkdtemp(pattern), nullptr);
-        dir_ = pattern;
-        const fs::path images = fs::path(dir_) / "root/etc/gui/images";
+        dir_ = std::make_unique<TempDir>("preview-program-");
+        const fs::path images = fs::path(dir_->path()) / "root/etc/gui/images";
         fs::create_directories(images);
         const std::string make =
             emulator() + EXAMPLE_IMAGES_PROGRAM + " " + images.string() + " > /dev/null";
         ASSERT_EQ(std::system(make.c_str()), 0);
         mistakesRoot_ = dravik::preview::testsupport::makeMistakesRoot();
-        ASSERT_FALSE(mistakesRoot_.empty());
+        ASSERT_NE(mistakesRoot_, nullptr);
     }
     static void TearDownTestSuite() {
-        fs::remove_all(dir_);
-        fs::remove_all(mistakesRoot_);
+        dir_.reset();
+        mistakesRoot_.reset();
     }
 
     static std::string examples() { return std::string(EXAMPLES_DIR) + "/dravik_lcm_gui.json"; }
-    static std::string root() { return dir_ + "/root"; }
+    static std::string root() { return dir_->file("root"); }
+    static std::string mistakesRoot() { return mistakesRoot_->path(); }
 
-    static std::string dir_;
-    static std::string mistakesRoot_;
+    static std::unique_ptr<TempDir> dir_;
+    static std::unique_ptr<TempDir> mistakesRoot_;
 };
 
-std::string ProgramTest::dir_;
-std::string ProgramTest::mistakesRoot_;
+std::unique_ptr<TempDir> ProgramTest::dir_;
+std::unique_ptr<TempDir> ProgramTest::mistakesRoot_;
 
 TEST_F(ProgramTest, help_reads_like_a_manual_page) {
     const Outcome r = run("--help");
@@ -124,10 +125,10 @@ TEST_F(ProgramTest, check_exits_1_with_warnings_only) {
 
 TEST_F(ProgramTest, check_exits_2_with_errors_and_prints_json_on_request) {
     EXPECT_EQ(
-        run("--check --panel 240x100x16 --root " + mistakesRoot_ + " " + data("mistakes.json"))
+        run("--check --panel 240x100x16 --root " + mistakesRoot() + " " + data("mistakes.json"))
             .status,
         2);
-    const Outcome r = run("--check --json --panel 240x100x16 --root " + mistakesRoot_ + " " +
+    const Outcome r = run("--check --json --panel 240x100x16 --root " + mistakesRoot() + " " +
                           data("mistakes.json"));
     EXPECT_EQ(r.status, 2);
     const auto list = nlohmann::json::parse(r.out);
@@ -139,7 +140,7 @@ TEST_F(ProgramTest, check_exits_2_with_errors_and_prints_json_on_request) {
 }
 
 TEST_F(ProgramTest, pictures_every_screen_of_the_examples) {
-    const std::string out = dir_ + "/all";
+    const std::string out = dir_->file("all");
     const Outcome r = run("--root " + root() + " --out " + out + " " + examples());
     ASSERT_EQ(r.status, 0) << r.out;
     for (const char* name : {"hello", "logo", "spinner", "standby", "update", "boot"}) {
@@ -154,7 +155,7 @@ TEST_F(ProgramTest, pictures_every_screen_of_the_examples) {
 }
 
 TEST_F(ProgramTest, at_writes_one_picture_per_time_and_scale_enlarges_it) {
-    const std::string out = dir_ + "/at";
+    const std::string out = dir_->file("at");
     const Outcome r =
         run("--root " + root() + " --screen spinner --at 0 --at 150 --scale 2 --out " + out + " " +
             examples());
@@ -169,8 +170,10 @@ TEST_F(ProgramTest, at_writes_one_picture_per_time_and_scale_enlarges_it) {
 
 TEST_F(ProgramTest, an_unknown_screen_or_refused_file_fails) {
     EXPECT_EQ(
-        run("--root " + root() + " --screen nosuch --out " + dir_ + "/x " + examples()).status, 1);
-    const Outcome r = run("--out " + dir_ + "/y " + data("mistakes.json"));
+        run("--root " + root() + " --screen nosuch --out " + dir_->file("x") + " " + examples())
+            .status,
+        1);
+    const Outcome r = run("--out " + dir_->file("y") + " " + data("mistakes.json"));
     EXPECT_EQ(r.status, 2);
     EXPECT_NE(r.out.find("the daemon refuses this file"), std::string::npos) << r.out;
 }

@@ -5,6 +5,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <memory>
 #include <nlohmann/json.hpp>
 #include <opencv2/imgcodecs.hpp>
 #include <set>
@@ -21,10 +22,8 @@ using lcmgui::GuiScreenDesc;
 class RendererTest : public ::testing::Test {
 protected:
     static void SetUpTestSuite() {
-        char pattern[] = "/tmp/preview-render-XXXXXX";
-        ASSERT_NE(mkdtemp(pattern), nullptr);
-        root_ = pattern;
-        const fs::path images = fs::path(root_) / "etc/gui/images";
+        root_ = std::make_unique<dravik::testsupport::TempDir>("preview-render-");
+        const fs::path images = fs::path(root_->path()) / "etc/gui/images";
         fs::create_directories(images);
         // Four slides of 10x10, each a different grey; a progress bar 20 wide.
         cv::Mat strip(10, 40, CV_8UC3);
@@ -38,14 +37,14 @@ protected:
         ASSERT_TRUE(cv::imwrite((images / "grey.png").string(),
                                 cv::Mat(10, 10, CV_8UC3, cv::Scalar(100, 150, 200))));
     }
-    static void TearDownTestSuite() { fs::remove_all(root_); }
+    static void TearDownTestSuite() { root_.reset(); }
 
     void SetUp() override {
         std::ofstream(path_) << R"({"imgPath": "/etc/gui/images", "screens": [{"name": "x"}]})";
         ASSERT_TRUE(config_.fromJSONFile(path_));
         std::string error;
         ASSERT_TRUE(parsePanel("64x32x16", format_, error));
-        ASSERT_TRUE(renderer_.start(format_, root_, error)) << error;
+        ASSERT_TRUE(renderer_.start(format_, root_->path(), error)) << error;
     }
     void TearDown() override { fs::remove(path_); }
 
@@ -67,14 +66,14 @@ protected:
         return picture;
     }
 
-    static std::string root_;
+    static std::unique_ptr<dravik::testsupport::TempDir> root_;
     std::string path_ = fs::temp_directory_path() / ("preview-render-" + std::to_string(getpid()));
     lcmgui::GuiConfig config_;
     PanelFormat format_;
     Renderer renderer_{config_};
 };
 
-std::string RendererTest::root_;
+std::unique_ptr<dravik::testsupport::TempDir> RendererTest::root_;
 
 bool same(const cv::Mat& a, const cv::Mat& b) {
     return a.size() == b.size() && cv::norm(a, b, cv::NORM_INF) == 0;
@@ -177,13 +176,13 @@ TEST_F(RendererTest, a_contact_sheet_holds_every_frame_enlarged) {
 TEST_F(RendererTest, the_checker_reports_a_refusal_where_the_engine_logs_one) {
     std::ifstream in(std::string(PREVIEW_TESTS_DIR) + "/data/mistakes.json");
     const auto mistakes = nlohmann::json::parse(in);
-    const std::string root = testsupport::makeMistakesRoot();
-    ASSERT_FALSE(root.empty());
+    const auto root = testsupport::makeMistakesRoot();
+    ASSERT_NE(root, nullptr);
     std::string error;
     ASSERT_TRUE(parsePanel("240x100x16", format_, error));
     lcmgui::GuiConfig config;
     Renderer renderer(config);
-    ASSERT_TRUE(renderer.start(format_, root, error));
+    ASSERT_TRUE(renderer.start(format_, root->path(), error));
     const char* const kRefusals[] = {"leaves the text out", "does not show", "does not draw",
                                      "does not read it",    "is not found",  "cannot be decoded",
                                      "refuses this screen"};
@@ -206,7 +205,7 @@ TEST_F(RendererTest, the_checker_reports_a_refusal_where_the_engine_logs_one) {
         const bool shown = renderer.render(desc, 0, picture, messages);
         const bool engineRefused = !shown || !messages.empty();
 
-        CheckOptions options{format_, root};
+        CheckOptions options{format_, root->path()};
         bool checkerRefused = false;
         for (const Finding& f : checkScreensFile(path_, options)) {
             for (const char* phrase : kRefusals) {
@@ -217,7 +216,6 @@ TEST_F(RendererTest, the_checker_reports_a_refusal_where_the_engine_logs_one) {
             << (messages.empty() ? std::string("engine: nothing") : "engine: " + messages[0]);
         ++compared;
     }
-    fs::remove_all(root);
     EXPECT_GE(compared, 20u);
 }
 

@@ -1,20 +1,15 @@
 #include "MistakesRoot.h"
 
-#include <stdlib.h>
-
 #include <filesystem>
 #include <fstream>
 #include <opencv2/imgcodecs.hpp>
 
 namespace dravik::preview::testsupport {
 
-std::string makeMistakesRoot() {
+std::unique_ptr<dravik::testsupport::TempDir> makeMistakesRoot() {
     namespace fs = std::filesystem;
-    char pattern[] = "/tmp/preview-mistakes-XXXXXX";
-    if (mkdtemp(pattern) == nullptr) {
-        return "";
-    }
-    const fs::path images = fs::path(pattern) / "etc/gui/images";
+    auto root = std::make_unique<dravik::testsupport::TempDir>("preview-mistakes-");
+    const fs::path images = fs::path(root->path()) / "etc/gui/images";
     fs::create_directories(images);
     const struct {
         const char* name;
@@ -28,11 +23,11 @@ std::string makeMistakesRoot() {
     };
     for (const auto& picture : pictures) {
         if (!cv::imwrite((images / picture.name).string(), picture.image)) {
-            return "";
+            return nullptr;
         }
     }
     std::ofstream(images / "broken.png") << "not a picture";
-    return pattern;
+    return root;
 }
 
 }  // namespace dravik::preview::testsupport

@@ -2,15 +2,25 @@
 
 #include <sys/types.h>
 
+#include <memory>
 #include <string>
 
+namespace dravik::testsupport {
+
+class TempDir;
+
+// The policy of a bus on which anyone may own every name and send and receive
+// everything.
+extern const char* const kOpenBusPolicy;
+
 // A dbus-daemon of the test's own, listening on a socket in a temporary
-// directory. Start() points DBUS_SYSTEM_BUS_ADDRESS and DBUS_SESSION_BUS_ADDRESS
-// at it; the destructor stops it and removes the directory.
-// Its policy lets everyone own every name and send and receive everything.
+// directory, configured from tests/support/private-bus.conf.in with `policy`
+// (the <policy> elements). Start() points DBUS_SYSTEM_BUS_ADDRESS and
+// DBUS_SESSION_BUS_ADDRESS at it; the destructor stops it and removes the
+// directory.
 class PrivateBus {
 public:
-    PrivateBus() = default;
+    explicit PrivateBus(std::string policy = kOpenBusPolicy);
     ~PrivateBus();
     PrivateBus(const PrivateBus&) = delete;
     PrivateBus& operator=(const PrivateBus&) = delete;
@@ -29,8 +39,11 @@ private:
     bool spawn(std::string& why);
     bool readAddress(int fd, std::string& why);
 
-    std::string dir_;
+    std::string policy_;
+    std::unique_ptr<TempDir> dir_;
     std::string config_;
     std::string address_;
     pid_t pid_ = -1;
 };
+
+}  // namespace dravik::testsupport

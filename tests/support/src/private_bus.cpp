@@ -1,4 +1,4 @@
-#include "private_bus.h"
+#include "dravik_test_support/private_bus.h"
 
 #include <fcntl.h>
 #include <poll.h>
@@ -10,6 +10,14 @@
 #include <cerrno>
 #include <cstring>
 #include <fstream>
+#include <iterator>
+#include <memory>
+#include <stdexcept>
+#include <utility>
+
+#include "dravik_test_support/temp_dir.h"
+
+namespace dravik::testsupport {
 
 namespace {
 
@@ -17,34 +25,32 @@ constexpr const char* kDaemon = "/usr/bin/dbus-daemon";
 constexpr int kAddressFd = 3;
 constexpr int kStartTimeoutMs = 10000;
 
-const char* kConfigTemplate =
-    R"(<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN"
- "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
-<busconfig>
-  <type>session</type>
-  <listen>unix:path=@DIR@/bus</listen>
-  <auth>EXTERNAL</auth>
-  <policy context="default">
+// Replaces the one `placeholder` of `text` with `value`; false when it is missing.
+bool fillIn(std::string& text, const std::string& placeholder, const std::string& value) {
+    const size_t at = text.find(placeholder);
+    if (at == std::string::npos) {
+        return false;
+    }
+    text.replace(at, placeholder.size(), value);
+    return true;
+}
+
+}  // namespace
+
+const char* const kOpenBusPolicy = R"(  <policy context="default">
     <allow own="*"/>
     <allow send_destination="*"/>
     <allow receive_sender="*"/>
-  </policy>
-</busconfig>
-)";
+  </policy>)";
 
-}  // namespace
+PrivateBus::PrivateBus(std::string policy) : policy_(std::move(policy)) {}
 
 bool PrivateBus::DaemonInstalled() {
     return access(kDaemon, X_OK) == 0;
 }
 
 PrivateBus::~PrivateBus() {
-    Kill();
-    if (!dir_.empty()) {
-        (void)unlink((dir_ + "/bus").c_str());
-        (void)unlink(config_.c_str());
-        (void)rmdir(dir_.c_str());
-    }
+    Kill();  // before the directory with its socket goes
 }
 
 void PrivateBus::Kill() {
@@ -62,12 +68,12 @@ bool PrivateBus::Start(std::string& why) {
         why = std::string(kDaemon) + " is not installed";
         return false;
     }
-    char pattern[] = "/tmp/dravik-ipc-test-XXXXXX";
-    if (mkdtemp(pattern) == nullptr) {
-        why = std::string("mkdtemp: ") + strerror(errno);
+    try {
+        dir_ = std::make_unique<TempDir>("dravik-ipc-test-");
+    } catch (const std::runtime_error& e) {
+        why = e.what();
         return false;
     }
-    dir_ = pattern;
     if (!writeConfig(why) || !spawn(why)) {
         return false;
     }
@@ -77,14 +83,17 @@ bool PrivateBus::Start(std::string& why) {
 }
 
 bool PrivateBus::writeConfig(std::string& why) {
-    std::string text = kConfigTemplate;
-    text.replace(text.find("@DIR@"), 5, dir_);
-    config_ = dir_ + "/bus.conf";
-    std::ofstream file(config_);
-    file << text;
-    file.close();
-    if (!file) {
-        why = "cannot write " + config_;
+    std::ifstream in(DRAVIK_PRIVATE_BUS_TEMPLATE);
+    std::string text{std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+    if (!fillIn(text, "@ADDRESS@", "unix:path=" + dir_->file("bus")) ||
+        !fillIn(text, "@POLICY@", policy_)) {
+        why = std::string("cannot read the bus configuration ") + DRAVIK_PRIVATE_BUS_TEMPLATE;
+        return false;
+    }
+    try {
+        config_ = dir_->write("bus.conf", text);
+    } catch (const std::runtime_error& e) {
+        why = e.what();
         return false;
     }
     return true;
@@ -141,3 +150,5 @@ bool PrivateBus::readAddress(int fd, std::string& why) {
     address_ = line;
     return !address_.empty();
 }
+
+}  // namespace dravik::testsupport
