@@ -96,6 +96,17 @@ protected:
         return back;
     }
 
+    // The object as ReadObjectBody reads it back from a message body.
+    Variant objectRoundTrip(const Variant& value) {
+        MessageHandle message = newMessage();
+        std::string error;
+        EXPECT_TRUE(AppendObject(message.get(), value, error)) << error;
+        seal(message.get());
+        Variant back;
+        EXPECT_TRUE(ReadObjectBody(message.get(), back, error)) << error;
+        return back;
+    }
+
     std::string variantSignature(const Variant& value) {
         MessageHandle message = newMessage();
         std::string error;
@@ -179,12 +190,8 @@ TEST_F(DbusValue, null_members_are_left_out_and_null_elements_kept) {
     value["list"][int64_t{0}] = 1;
     value["list"][int64_t{1}];
     value["list"][int64_t{2}] = 3;
-    MessageHandle message = newMessage();
-    std::string error;
-    ASSERT_TRUE(AppendObject(message.get(), value, error)) << error;
-    seal(message.get());
-    Variant back;
-    ASSERT_TRUE(ReadObjectBody(message.get(), back, error)) << error;
+    Variant back = objectRoundTrip(value);
+    ASSERT_FALSE(HasFailure());
     EXPECT_EQ(back.Find("absent"), nullptr);
     ASSERT_NE(back.Find("list"), nullptr);
     ASSERT_EQ(back["list"].NumericKeysCount(), 3u);
@@ -196,12 +203,8 @@ TEST_F(DbusValue, integer_keys_of_an_object_travel_as_decimal_strings) {
     Variant value = object();
     value["name"] = "n";
     value[int64_t{7}] = "seven";
-    MessageHandle message = newMessage();
-    std::string error;
-    ASSERT_TRUE(AppendObject(message.get(), value, error)) << error;
-    seal(message.get());
-    Variant back;
-    ASSERT_TRUE(ReadObjectBody(message.get(), back, error)) << error;
+    Variant back = objectRoundTrip(value);
+    ASSERT_FALSE(HasFailure());
     ASSERT_NE(back.Find("7"), nullptr);
     EXPECT_EQ(back["7"].AsString(), "seven");
 }

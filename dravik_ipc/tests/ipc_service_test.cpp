@@ -14,6 +14,28 @@ using namespace dravik::ipc::test;
 
 // ---- Service ---------------------------------------------------------------------------------
 
+// Sends `count` calls of "Quiet" that expect no reply from a client of its
+// own, and returns once the bus has passed them all on: the bus answers GetId
+// only after every message the client sent before it.
+void sendQuietCalls(size_t count) {
+    std::thread client([count] {
+        Reply reply;
+        BusHandle bus = connect(reply);
+        for (size_t i = 0; i < count; ++i) {
+            MessageHandle quiet = newCall(bus.get(), "Quiet", Ipc::kInterface);
+            (void)emptyObjectBody()(quiet.get());
+            (void)sd_bus_message_set_expect_reply(quiet.get(), 0);
+            (void)sd_bus_send(bus.get(), quiet.get(), nullptr);
+        }
+        BusError error;
+        sd_bus_message* raw = nullptr;
+        (void)sd_bus_call_method(bus.get(), "org.freedesktop.DBus", "/org/freedesktop/DBus",
+                                 "org.freedesktop.DBus", "GetId", error.get(), &raw, "");
+        MessageHandle answer(raw);
+    });
+    client.join();
+}
+
 TEST_F(IpcEndpoint, service_returns_true_without_dispatching_when_idle) {
     Ipc* ipc = initEndpoint();
     RecordingHandler handler(echo);
@@ -45,20 +67,7 @@ TEST_F(IpcEndpoint, service_returns_right_after_dispatching_what_has_arrived) {
     ipc->AddHandler("Quiet", &handler);
     // The bus answers GetId only after it has passed on the caller's earlier
     // message, so the call is waiting in the endpoint's socket afterwards.
-    std::thread client([] {
-        Reply reply;
-        BusHandle bus = connect(reply);
-        MessageHandle quiet = newCall(bus.get(), "Quiet", Ipc::kInterface);
-        (void)emptyObjectBody()(quiet.get());
-        (void)sd_bus_message_set_expect_reply(quiet.get(), 0);
-        (void)sd_bus_send(bus.get(), quiet.get(), nullptr);
-        BusError error;
-        sd_bus_message* raw = nullptr;
-        (void)sd_bus_call_method(bus.get(), "org.freedesktop.DBus", "/org/freedesktop/DBus",
-                                 "org.freedesktop.DBus", "GetId", error.get(), &raw, "");
-        MessageHandle answer(raw);
-    });
-    client.join();
+    sendQuietCalls(1);
     // A generous bound: an endpoint that waited out its time after
     // dispatching would take the whole minute.
     const auto start = std::chrono::steady_clock::now();
@@ -72,23 +81,7 @@ TEST_F(IpcEndpoint, service_serves_a_burst_longer_than_one_drain_without_waiting
     RecordingHandler handler(echo);
     ipc->AddHandler("Quiet", &handler);
     constexpr size_t kBurst = 300;  // more than one call of Service takes in
-    std::thread client([] {
-        Reply reply;
-        BusHandle bus = connect(reply);
-        for (size_t i = 0; i < kBurst; ++i) {
-            MessageHandle quiet = newCall(bus.get(), "Quiet", Ipc::kInterface);
-            (void)emptyObjectBody()(quiet.get());
-            (void)sd_bus_message_set_expect_reply(quiet.get(), 0);
-            (void)sd_bus_send(bus.get(), quiet.get(), nullptr);
-        }
-        // Answered only after the bus has passed on every call before it.
-        BusError error;
-        sd_bus_message* raw = nullptr;
-        (void)sd_bus_call_method(bus.get(), "org.freedesktop.DBus", "/org/freedesktop/DBus",
-                                 "org.freedesktop.DBus", "GetId", error.get(), &raw, "");
-        MessageHandle answer(raw);
-    });
-    client.join();
+    sendQuietCalls(kBurst);
     // Every call is waiting, in the socket or already read: no call of
     // Service may wait out its minute while any is left.
     const auto start = std::chrono::steady_clock::now();

@@ -6,9 +6,11 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <iterator>
 #include <string>
 #include <vector>
 
+#include "../tests/message_keys.h"
 #include "FuzzBytes.h"
 #include "dravik_ipc_messages/messages.h"
 #include "dravik_variant/variant.h"
@@ -34,34 +36,10 @@ std::string wordOrText(Bytes& in) {
     return in.text(15);
 }
 
-// Every key any message class declares, so that generated objects hit them.
-const char* const kKeys[] = {"id",
-                             "timeStamp",
-                             "from",
-                             "to",
-                             "functionName",
-                             "queueIfDestUnavailable",
-                             "responseExpected",
-                             "transactionId",
-                             "isBroadcast",
-                             "requestId",
-                             "statusCode",
-                             "payload",
-                             "brightness",
-                             "guiId",
-                             "text",
-                             "img",
-                             "x",
-                             "y",
-                             "alignHor",
-                             "alignVert",
-                             "file",
-                             "animation",
-                             "duration",
-                             "count",
-                             "size",
-                             "str",
-                             "other"};
+// Every key any message class declares, so that generated objects hit them,
+// and one that none declares.
+const char* const kExtraKeys[] = {"other"};
+constexpr size_t kKeyCount = std::size(test::kMessageKeys) + std::size(kExtraKeys);
 
 Variant makeValue(Bytes& in, int depth) {
     switch (in.byte() % (depth > 0 ? 17 : 15)) {
@@ -106,7 +84,8 @@ Variant makeValue(Bytes& in, int depth) {
                 if (k % 5 == 0) {
                     container[static_cast<int64_t>(k % 3)] = makeValue(in, depth - 1);
                 } else {
-                    container[kKeys[k % (sizeof kKeys / sizeof *kKeys)]] = makeValue(in, depth - 1);
+                    container[test::messageKeyOrExtra(k % kKeyCount, kExtraKeys)] =
+                        makeValue(in, depth - 1);
                 }
             }
             return container;

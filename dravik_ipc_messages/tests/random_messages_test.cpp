@@ -10,6 +10,7 @@
 #include "dravik_ipc_messages/messages.h"
 #include "dravik_utils/utils.h"
 #include "message_expectations.h"
+#include "message_keys.h"
 
 namespace {
 
@@ -59,9 +60,9 @@ public:
         }
         Variant message =
             Variant::MakeContainer(Chance(5) ? dravik::variant::kArray : dravik::variant::kObject);
-        for (const char* key : kKeys) {
+        for (size_t i = 0; i < kKeyCount; ++i) {
             if (Chance(50)) {
-                message[key] = Any(2);
+                message[messageKeyOrExtra(i, kExtraKeys)] = Any(2);
             }
         }
         if (Chance(30)) {
@@ -171,40 +172,15 @@ private:
             if (type == dravik::variant::kArray) {
                 container[static_cast<int64_t>(i)] = Any(depth);
             } else {
-                container[kKeys[Below(std::size(kKeys))]] = Any(depth);
+                container[messageKeyOrExtra(Below(kKeyCount), kExtraKeys)] = Any(depth);
             }
         }
         return container;
     }
 
-    static constexpr const char* kKeys[] = {"id",
-                                            "timeStamp",
-                                            "from",
-                                            "to",
-                                            "functionName",
-                                            "queueIfDestUnavailable",
-                                            "responseExpected",
-                                            "transactionId",
-                                            "isBroadcast",
-                                            "requestId",
-                                            "statusCode",
-                                            "payload",
-                                            "brightness",
-                                            "guiId",
-                                            "text",
-                                            "img",
-                                            "x",
-                                            "y",
-                                            "alignHor",
-                                            "alignVert",
-                                            "file",
-                                            "animation",
-                                            "duration",
-                                            "count",
-                                            "size",
-                                            "str",
-                                            "junk",
-                                            ""};
+    // The declared keys and two that no class declares.
+    static constexpr const char* kExtraKeys[] = {"junk", ""};
+    static constexpr size_t kKeyCount = std::size(kMessageKeys) + std::size(kExtraKeys);
 
     std::mt19937_64 rng_;
 };
