@@ -214,7 +214,7 @@ private:
 
     // 8 x 8 ordered-dither thresholds, row by row, shared by every engine, and
     // a count of its changes.
-    static std::array<int32_t, kDitherSize * kDitherSize> ditherMatrix;
+    static std::array<int32_t, std::size_t{kDitherSize} * kDitherSize> ditherMatrix;
     static uint32_t ditherMatrixVersion;
 };
 

@@ -57,7 +57,7 @@ cv::Mat Checks::readImage(const JsonNode& img, const std::string& path) {
         return cv::Mat();
     }
     const cv::Mat stored = lcmgui::decodeImageFileAsStored(resolved);
-    const cv::Mat colour = stored.empty() ? cv::Mat() : lcmgui::decodeImageFile(resolved);
+    cv::Mat colour = stored.empty() ? cv::Mat() : lcmgui::decodeImageFile(resolved);
     if (stored.empty() || colour.empty()) {
         warning(fileAt, "image " + quoted(path) + " cannot be decoded",
                 "The daemon reads what OpenCV reads (PNG, JPEG, BMP, ...), up to about 100 "
