@@ -15,9 +15,10 @@
 #include <cstdio>
 #include <cstring>
 #include <memory>
-#include <opencv2/imgcodecs.hpp>
+#include <opencv2/core.hpp>
 #include <string>
 #include <vector>
+#include "dravik_image/image_file.h"
 
 #include "GuiConfig.h"
 #include "LcmGui.h"
@@ -241,7 +242,7 @@ void preparePrivatePaths() {
     }
     const std::string dir = kImageDir;
     if (mkdir(dir.c_str(), 0755) != 0 ||
-        !cv::imwrite(dir + "/" + kBreathingFile, pattern(120, 120))) {
+        !dravik::image::writePng(dir + "/" + kBreathingFile, pattern(120, 120))) {
         std::fprintf(stderr, "cannot write the breathing picture under %s\n", kImageDir);
     }
 }

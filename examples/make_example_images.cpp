@@ -1,8 +1,8 @@
 // Draws the images that the example screens file names, so the repository holds
 // no binary pictures: make_example_images OUTPUT_DIR
 #include <opencv2/core.hpp>
-#include <opencv2/imgcodecs.hpp>
 #include <opencv2/imgproc.hpp>
+#include "dravik_image/image_file.h"
 
 #include <cmath>
 #include <cstdio>
@@ -63,19 +63,23 @@ cv::Mat progress() {
 
 int main(int argc, char** argv) {
     if (argc != 2 || std::string(argv[1]) == "--help") {
-        std::fprintf(stderr, "Usage: %s OUTPUT_DIR\nWrites logo.png, spinner.png, heart.png and "
-                             "progress.png for the example screens file.\n", argv[0]);
+        std::fprintf(stderr,
+                     "Usage: %s OUTPUT_DIR\nWrites logo.png, spinner.png, heart.png and "
+                     "progress.png for the example screens file.\n",
+                     argv[0]);
         return argc == 2 ? 0 : 2;
     }
     const std::string dir = argv[1];
     const struct {
         const char* name;
         cv::Mat image;
-    } images[] = {{"logo.png", logo()}, {"spinner.png", spinner()}, {"heart.png", heart()},
+    } images[] = {{"logo.png", logo()},
+                  {"spinner.png", spinner()},
+                  {"heart.png", heart()},
                   {"progress.png", progress()}};
     for (const auto& entry : images) {
         const std::string path = dir + "/" + entry.name;
-        if (!cv::imwrite(path, entry.image)) {
+        if (!dravik::image::writePng(path, entry.image)) {
             std::fprintf(stderr, "cannot write %s\n", path.c_str());
             return 1;
         }

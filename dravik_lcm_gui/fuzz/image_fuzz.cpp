@@ -13,9 +13,9 @@
 #include <string>
 
 #include "GuiConfig.h"
-#include "ImageCodecs.h"
 #include "LcmGui.h"
 #include "LcmGuiTestAccess.h"
+#include "dravik_image/image_file.h"
 
 using namespace dravik::lcmgui;
 
@@ -52,7 +52,7 @@ GuiImgConf conf(AnimType type, uint16_t count, uint8_t where) {
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    if (!setImagePixelLimit(uint64_t{100} * kSide * kSide)) {
+    if (!dravik::image::setPixelLimit(uint64_t{100} * kSide * kSide)) {
         fprintf(stderr, "the image codecs were loaded before the pixel bound was set\n");
         abort();
     }

@@ -9,9 +9,9 @@
 #include <iterator>
 
 #include "GuiLimits.h"
-#include "ImageCodecs.h"
 #include "LcmGui.h"
 #include "PixelKernels.h"
+#include "dravik_image/image_file.h"
 #include "dravik_ipc_messages/messages.h"
 #include "dravik_logger/logger.h"
 #include "dravik_utils/utils.h"
@@ -187,9 +187,10 @@ void LcmGui::boundImageSize() {
     const uint64_t area = uint64_t{fbVar.xres} * fbVar.yres;
     const uint64_t maxPixels =
         std::max(area * kMaxSlides, uint64_t{fbVar.xres} * (2 * uint64_t{fbVar.yres} + 1));
-    // Only a process that links the codecs itself (a test program) keeps their
-    // default bound; the daemon loads them on its first decode.
-    (void)setImagePixelLimit(maxPixels);
+    // False only where the process links the image library's codecs itself (a
+    // test program): their own bound then stays, the PNG and JPEG decoders take
+    // this one all the same.
+    (void)image::setPixelLimit(maxPixels);
 }
 
 bool LcmGui::openDevice() {

@@ -2,9 +2,9 @@
 #include <array>
 
 #include "GuiPaths.h"
-#include "ImageCodecs.h"
 #include "LcmGui.h"
 #include "PixelKernels.h"
+#include "dravik_image/image_file.h"
 #include "dravik_logger/logger.h"
 #include "dravik_utils/utils.h"
 
@@ -205,7 +205,7 @@ bool LcmGui::loadImage(const std::string& path, cv::Mat& img, const GuiImgConf& 
         DRAVIK_LOG(logger::kWarning, 0, "Image '%s' not found", path.c_str());
         return false;
     }
-    img = decodeImageFile(resolved);
+    img = image::readImage(resolved);
     if (!isUsableImage(img)) {
         DRAVIK_LOG(logger::kWarning, 0, "Failed to read UI image from %s", path.c_str());
         img.release();

@@ -9,9 +9,10 @@
 #include <filesystem>
 #include <fstream>
 #include <memory>
-#include <opencv2/imgcodecs.hpp>
+#include <opencv2/core.hpp>
 #include <string>
 #include <vector>
+#include "dravik_image/image_file.h"
 
 #include "LcmGui.h"
 #include "LcmGuiTestAccess.h"
@@ -218,11 +219,11 @@ protected:
         bar(cv::Rect(0, 0, 1, 3)).setTo(cv::Scalar(255, 255, 255));
         bar(cv::Rect(39, 0, 1, 3)).setTo(cv::Scalar(255, 255, 255));
         bar(cv::Rect(0, 3, 40, 3)).setTo(cv::Scalar(60, 60, 60));
-        ASSERT_TRUE(cv::imwrite((images / "tile.png").string(), tile));
-        ASSERT_TRUE(cv::imwrite((images / "strip.png").string(), strip));
-        ASSERT_TRUE(cv::imwrite((images / "bar.png").string(), bar));
-        ASSERT_TRUE(cv::imwrite((images / "block.png").string(),
-                                cv::Mat(30, 40, CV_8UC3, cv::Scalar(200, 200, 200))));
+        ASSERT_TRUE(dravik::image::writePng((images / "tile.png").string(), tile));
+        ASSERT_TRUE(dravik::image::writePng((images / "strip.png").string(), strip));
+        ASSERT_TRUE(dravik::image::writePng((images / "bar.png").string(), bar));
+        ASSERT_TRUE(dravik::image::writePng((images / "block.png").string(),
+                                            cv::Mat(30, 40, CV_8UC3, cv::Scalar(200, 200, 200))));
         clock_ = std::make_unique<ClockGuard>(testClock);
         fs::remove_all(GOLDEN_FAILURE_DIR);  // only this run's differences stay there
     }
@@ -277,11 +278,11 @@ void GoldenTest::expectGolden(const std::string& name, const cv::Mat& actual) {
     const std::string reference = std::string(GOLDEN_DIR) + "/" + name + ".png";
     const char* update = getenv("DRAVIK_UPDATE_GOLDEN");
     if (update != nullptr && std::string(update) == "1") {
-        ASSERT_TRUE(cv::imwrite(reference, actual)) << reference;
+        ASSERT_TRUE(dravik::image::writePng(reference, actual)) << reference;
         std::cout << "wrote " << reference << "\n";
         return;
     }
-    const cv::Mat expected = cv::imread(reference, cv::IMREAD_COLOR);
+    const cv::Mat expected = dravik::image::readImage(reference);
     const fs::path failures = fs::path(GOLDEN_FAILURE_DIR);
     const std::string actualPath = (failures / (name + "-actual.png")).string();
     const std::string diffPath = (failures / (name + "-diff.png")).string();
@@ -291,14 +292,14 @@ void GoldenTest::expectGolden(const std::string& name, const cv::Mat& actual) {
         return;
     }
     fs::create_directories(failures);
-    (void)cv::imwrite(actualPath, actual);
+    (void)dravik::image::writePng(actualPath, actual);
     if (expected.empty()) {
         ADD_FAILURE() << "no reference " << reference << "; the picture drawn is " << actualPath
                       << " (scripts/update-golden writes the references)";
         return;
     }
     if (expected.size() == actual.size()) {
-        (void)cv::imwrite(diffPath, difference(expected, actual));
+        (void)dravik::image::writePng(diffPath, difference(expected, actual));
     }
     ADD_FAILURE() << name << " differs from " << reference << ": drawn " << actualPath
                   << ", difference (red) " << diffPath;

@@ -3,8 +3,9 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
-#include <opencv2/imgcodecs.hpp>
+#include <opencv2/core.hpp>
 #include <string>
+#include "dravik_image/image_file.h"
 
 namespace dravik::fontrenderer::testing {
 
@@ -50,25 +51,26 @@ cv::Mat differencePicture(const cv::Mat& expected, const cv::Mat& actual) {
 ::testing::AssertionResult matchesGolden(const std::string& name, const cv::Mat& actual) {
     const std::string reference = referencePath(name);
     if (updating()) {
-        if (!cv::imwrite(reference, actual)) {
+        if (!dravik::image::writePng(reference, actual)) {
             return ::testing::AssertionFailure() << "cannot write " << reference;
         }
         return ::testing::AssertionSuccess() << "wrote " << reference;
     }
-    const cv::Mat expected = cv::imread(reference, cv::IMREAD_UNCHANGED);
+    const cv::Mat expected =
+        dravik::image::readImage(reference, dravik::image::ReadMode::kAsStored);
     const bool comparable = !expected.empty() && expected.type() == CV_8UC1;
     if (comparable && expected.size() == actual.size() &&
         cv::countNonZero(expected != actual) == 0) {
         return ::testing::AssertionSuccess();
     }
     const std::string actualPath = failurePath(name + ".actual.png");
-    (void)cv::imwrite(actualPath, actual);  // the message names it either way
+    (void)dravik::image::writePng(actualPath, actual);  // the message names it either way
     auto failure = ::testing::AssertionFailure();
     if (!comparable) {
         failure << "no 8-bit grey reference picture " << reference;
     } else {
         const std::string diffPath = failurePath(name + ".diff.png");
-        (void)cv::imwrite(diffPath, differencePicture(expected, actual));
+        (void)dravik::image::writePng(diffPath, differencePicture(expected, actual));
         failure << name << ": the picture differs from " << reference << " (reference "
                 << expected.cols << "x" << expected.rows << ", actual " << actual.cols << "x"
                 << actual.rows;

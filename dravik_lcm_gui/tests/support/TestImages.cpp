@@ -1,13 +1,14 @@
 #include "TestImages.h"
 
 #include <fstream>
-#include <opencv2/imgcodecs.hpp>
+#include <opencv2/core.hpp>
+#include "dravik_image/image_file.h"
 
 namespace dravik::lcmgui::testsupport {
 
 std::string writeGuiImage(const std::string& name, const cv::Mat& img, const std::string& dir) {
     const std::string path = dir + "/" + name;
-    return cv::imwrite(path, img) ? path : std::string();
+    return dravik::image::writePng(path, img) ? path : std::string();
 }
 
 std::string writeGuiFile(const std::string& name, const std::string& bytes,

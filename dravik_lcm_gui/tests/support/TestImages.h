@@ -5,9 +5,9 @@
 
 namespace dravik::lcmgui::testsupport {
 
-// Writes `img` with cv::imwrite under `dir` (default /usr/etc/gui) and returns
-// its path; an empty string when it could not be written. Only for use inside
-// the private mount namespace (PrivateGuiPaths).
+// Writes `img` as a PNG file (whatever the name says) under `dir` (default /usr/etc/gui) and
+// returns its path; an empty string when it could not be written. Only for use inside the private
+// mount namespace (PrivateGuiPaths).
 std::string writeGuiImage(const std::string& name, const cv::Mat& img,
                           const std::string& dir = "/usr/etc/gui");
 // Writes raw bytes as a file under `dir`; returns its path or "".

@@ -6,10 +6,10 @@
 #include <cstdlib>
 #include <cstring>
 #include <opencv2/core.hpp>
-#include <opencv2/imgcodecs.hpp>
 #include <opencv2/imgproc.hpp>
 #include <string>
 #include <vector>
+#include "dravik_image/image_file.h"
 
 #include "dravik_utils/getopt_table.h"
 #include "panel_files.h"
@@ -215,7 +215,7 @@ int snapshot(const Options& options) {
         cv::resize(image, large, cv::Size(), options.scale, options.scale, cv::INTER_NEAREST);
         image = large;
     }
-    if (!cv::imwrite(options.output, image)) {
+    if (!dravik::image::writePng(options.output, image)) {
         throw Failure{kFailure, "cannot write " + options.output};
     }
     return 0;

@@ -10,9 +10,9 @@
 #include <cstring>
 #include <fstream>
 #include <opencv2/core.hpp>
-#include <opencv2/imgcodecs.hpp>
 #include <string>
 #include <vector>
+#include "dravik_image/image_file.h"
 
 #include "dravik_test_support/temp_dir.h"
 #include "fakefb/fakefb.h"
@@ -208,7 +208,7 @@ TEST(FakefbSnapshot, decodes_written_pixels_at_every_depth) {
         const std::string png = panel.backingFile() + ".png";
         const auto result = runTool({FAKEFB_SNAPSHOT, panel.backingFile(), png});
         ASSERT_EQ(result.status, 0) << result.err;
-        const cv::Mat image = cv::imread(png, cv::IMREAD_COLOR);
+        const cv::Mat image = dravik::image::readImage(png);
         ASSERT_EQ(image.cols, static_cast<int>(kWidth));
         ASSERT_EQ(image.rows, static_cast<int>(kHeight));
         for (const auto& p : row.pixels) {
@@ -230,7 +230,7 @@ TEST(FakefbSnapshot, scale_enlarges_every_pixel) {
     const std::string png = panel.backingFile() + ".png";
     const auto result = runTool({FAKEFB_SNAPSHOT, "--scale", "3", panel.backingFile(), png});
     ASSERT_EQ(result.status, 0) << result.err;
-    const cv::Mat image = cv::imread(png, cv::IMREAD_COLOR);
+    const cv::Mat image = dravik::image::readImage(png);
     ASSERT_EQ(image.cols, 15);
     ASSERT_EQ(image.rows, 9);
     for (uint32_t dy = 0; dy < 3; ++dy) {

@@ -18,7 +18,6 @@
 #include "GuiConfig.h"
 #include "GuiLimits.h"
 #include "GuiPaths.h"
-#include "ImageCodecs.h"
 #include "LcmGui.h"
 #include "dravik_fontrenderer/FontRenderer.h"
 #include "dravik_utils/utils.h"

@@ -4,7 +4,7 @@
 #include "Checks.h"
 #include "GuiLimits.h"
 #include "GuiPaths.h"
-#include "ImageCodecs.h"
+#include "dravik_image/image_file.h"
 #include "dravik_utils/utils.h"
 
 // Where a screen's elements land on the panel: the image's file, size and
@@ -56,8 +56,8 @@ cv::Mat Checks::readImage(const JsonNode& img, const std::string& path) {
                 "File names are case-sensitive. " + std::string(kShownWithout));
         return cv::Mat();
     }
-    const cv::Mat stored = lcmgui::decodeImageFileAsStored(resolved);
-    cv::Mat colour = stored.empty() ? cv::Mat() : lcmgui::decodeImageFile(resolved);
+    const cv::Mat stored = image::readImage(resolved, image::ReadMode::kAsStored);
+    cv::Mat colour = stored.empty() ? cv::Mat() : image::readImage(resolved);
     if (stored.empty() || colour.empty()) {
         warning(fileAt, "image " + quoted(path) + " cannot be decoded",
                 "The daemon reads what OpenCV reads (PNG, JPEG, BMP, ...), up to about 100 "

@@ -12,7 +12,7 @@
 #include <vector>
 
 #include "GuiConfig.h"
-#include "ImageCodecs.h"
+#include "dravik_image/image_file.h"
 #include "dravik_utils/getopt_table.h"
 #include "preview/Checker.h"
 #include "preview/Panel.h"
@@ -260,7 +260,7 @@ std::string fileName(const std::string& screen) {
 }
 
 bool write(const std::string& path, const cv::Mat& picture) {
-    if (!dravik::lcmgui::encodeImageFile(path, picture)) {
+    if (!dravik::image::writePng(path, picture)) {
         std::fprintf(stderr, "cannot write %s\n", path.c_str());
         return false;
     }

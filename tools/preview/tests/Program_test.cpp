@@ -7,8 +7,9 @@
 #include <filesystem>
 #include <memory>
 #include <nlohmann/json.hpp>
-#include <opencv2/imgcodecs.hpp>
+#include <opencv2/core.hpp>
 #include <string>
+#include "dravik_image/image_file.h"
 
 #include "MistakesRoot.h"
 
@@ -145,13 +146,14 @@ TEST_F(ProgramTest, pictures_every_screen_of_the_examples) {
     ASSERT_EQ(r.status, 0) << r.out;
     for (const char* name : {"hello", "logo", "spinner", "standby", "update", "boot"}) {
         SCOPED_TRACE(name);
-        const cv::Mat picture = cv::imread(out + "/" + name + ".png", cv::IMREAD_UNCHANGED);
+        const cv::Mat picture =
+            dravik::image::readImage(out + "/" + name + ".png", dravik::image::ReadMode::kAsStored);
         ASSERT_FALSE(picture.empty());
         EXPECT_GT(cv::countNonZero(picture.reshape(1)), 0);
     }
     // Still screens are one panel; animated ones a sheet of frames side by side.
-    EXPECT_EQ(cv::imread(out + "/logo.png").size(), cv::Size(240, 240));
-    EXPECT_GT(cv::imread(out + "/spinner.png").cols, 8 * 240);
+    EXPECT_EQ(dravik::image::readImage(out + "/logo.png").size(), cv::Size(240, 240));
+    EXPECT_GT(dravik::image::readImage(out + "/spinner.png").cols, 8 * 240);
 }
 
 TEST_F(ProgramTest, at_writes_one_picture_per_time_and_scale_enlarges_it) {
@@ -160,8 +162,8 @@ TEST_F(ProgramTest, at_writes_one_picture_per_time_and_scale_enlarges_it) {
         run("--root " + root() + " --screen spinner --at 0 --at 150 --scale 2 --out " + out + " " +
             examples());
     ASSERT_EQ(r.status, 0) << r.out;
-    const cv::Mat first = cv::imread(out + "/spinner@0.png");
-    const cv::Mat second = cv::imread(out + "/spinner@150.png");
+    const cv::Mat first = dravik::image::readImage(out + "/spinner@0.png");
+    const cv::Mat second = dravik::image::readImage(out + "/spinner@150.png");
     ASSERT_EQ(first.size(), cv::Size(480, 480));
     ASSERT_EQ(second.size(), cv::Size(480, 480));
     EXPECT_GT(cv::norm(first, second, cv::NORM_INF), 0) << "two slides look alike";

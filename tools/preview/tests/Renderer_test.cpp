@@ -7,8 +7,9 @@
 #include <fstream>
 #include <memory>
 #include <nlohmann/json.hpp>
-#include <opencv2/imgcodecs.hpp>
+#include <opencv2/core.hpp>
 #include <set>
+#include "dravik_image/image_file.h"
 
 #include "MistakesRoot.h"
 #include "preview/Checker.h"
@@ -30,12 +31,12 @@ protected:
         for (int i = 0; i < 4; ++i) {
             strip(cv::Rect(i * 10, 0, 10, 10)).setTo(cv::Scalar::all(60 * (i + 1)));
         }
-        ASSERT_TRUE(cv::imwrite((images / "strip.png").string(), strip));
+        ASSERT_TRUE(dravik::image::writePng((images / "strip.png").string(), strip));
         cv::Mat bar(8, 20, CV_8UC3, cv::Scalar(0, 0, 0));
         bar(cv::Rect(0, 0, 20, 4)).setTo(cv::Scalar(0, 200, 255));
-        ASSERT_TRUE(cv::imwrite((images / "bar.png").string(), bar));
-        ASSERT_TRUE(cv::imwrite((images / "grey.png").string(),
-                                cv::Mat(10, 10, CV_8UC3, cv::Scalar(100, 150, 200))));
+        ASSERT_TRUE(dravik::image::writePng((images / "bar.png").string(), bar));
+        ASSERT_TRUE(dravik::image::writePng((images / "grey.png").string(),
+                                            cv::Mat(10, 10, CV_8UC3, cv::Scalar(100, 150, 200))));
     }
     static void TearDownTestSuite() { root_.reset(); }
 

@@ -2,7 +2,8 @@
 
 #include <filesystem>
 #include <fstream>
-#include <opencv2/imgcodecs.hpp>
+#include <opencv2/core.hpp>
+#include "dravik_image/image_file.h"
 
 namespace dravik::preview::testsupport {
 
@@ -22,7 +23,7 @@ std::unique_ptr<dravik::testsupport::TempDir> makeMistakesRoot() {
         {"strip.png", cv::Mat(10, 4, CV_8UC3, cv::Scalar(255, 255, 255))},
     };
     for (const auto& picture : pictures) {
-        if (!cv::imwrite((images / picture.name).string(), picture.image)) {
+        if (!dravik::image::writePng((images / picture.name).string(), picture.image)) {
             return nullptr;
         }
     }

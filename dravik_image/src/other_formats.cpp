@@ -1,5 +1,4 @@
-#include "ImageCodecs.h"
-
+// The other-formats module: found, loaded once, and asked to decode.
 #include <dlfcn.h>
 #include <limits.h>
 #include <link.h>
@@ -8,22 +7,21 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "decoders.h"
 #include "dravik_logger/logger.h"
 
-namespace dravik::lcmgui {
+namespace dravik::image::detail {
 namespace {
 
-constexpr char kModule[] = "libdravik_lcm_gui_imgcodecs.so";
+constexpr char kModule[] = "libdravik_image_other_formats.so";
 constexpr char kCodecsLibrary[] = "libopencv_imgcodecs";
 
 using ReadFunction = bool (*)(const char*, cv::Mat*) noexcept;
-using WriteFunction = bool (*)(const char*, const cv::Mat*) noexcept;
 
 // The module's entry points, resolved once.
-struct Codecs {
+struct Module {
     ReadFunction read = nullptr;
     ReadFunction readUnchanged = nullptr;
-    WriteFunction write = nullptr;
 };
 
 // The directory of the running program.
@@ -64,37 +62,36 @@ void* openModule(std::string& errors) {
     return nullptr;
 }
 
-// Loaded once; the module stays for the life of the process.
-Codecs loadCodecs() {
+bool gLoaded = false;
+
+// Loaded once; the module stays for the life of the process. A device without
+// it (its package is not installed) reads PNG and JPEG only, and says so once.
+Module loadModule() {
+    gLoaded = true;
     std::string errors;
     void* module = openModule(errors);
     if (module == nullptr) {
-        DRAVIK_LOG(logger::kError, 0, "Failed to load the image codecs: %s", errors.c_str());
+        DRAVIK_LOG(logger::kError, 0,
+                   "Failed to load the image codecs for formats other than PNG and JPEG: %s",
+                   errors.c_str());
         return {};
     }
-    Codecs codecs;
-    codecs.read = reinterpret_cast<ReadFunction>(dlsym(module, "dravik_lcm_gui_imread"));
-    codecs.readUnchanged =
-        reinterpret_cast<ReadFunction>(dlsym(module, "dravik_lcm_gui_imread_unchanged"));
-    codecs.write = reinterpret_cast<WriteFunction>(dlsym(module, "dravik_lcm_gui_imwrite"));
-    if (codecs.read == nullptr || codecs.readUnchanged == nullptr || codecs.write == nullptr) {
-        DRAVIK_LOG(logger::kError, 0, "Failed to load the image codecs: %s", dlerror());
+    Module loaded;
+    loaded.read = reinterpret_cast<ReadFunction>(dlsym(module, "dravik_image_imread"));
+    loaded.readUnchanged =
+        reinterpret_cast<ReadFunction>(dlsym(module, "dravik_image_imread_unchanged"));
+    if (loaded.read == nullptr || loaded.readUnchanged == nullptr) {
+        DRAVIK_LOG(logger::kError, 0,
+                   "Failed to load the image codecs for formats other than PNG and JPEG: %s",
+                   dlerror());
         return {};
     }
-    return codecs;
-}
-
-const Codecs& codecs() {
-    static const Codecs loaded = loadCodecs();
     return loaded;
 }
 
-cv::Mat decodeWith(ReadFunction read, const std::string& path) {
-    cv::Mat img;
-    if (read == nullptr || !read(path.c_str(), &img)) {
-        img.release();
-    }
-    return img;
+const Module& module() {
+    static const Module loaded = loadModule();
+    return loaded;
 }
 
 bool codecsInProcess() {
@@ -110,23 +107,29 @@ bool codecsInProcess() {
 
 }  // namespace
 
-bool setImagePixelLimit(uint64_t maxPixels) {
+bool setOtherFormatsPixelLimit(uint64_t maxPixels) {
     if (codecsInProcess()) {
         return false;
     }
     return setenv("OPENCV_IO_MAX_IMAGE_PIXELS", std::to_string(maxPixels).c_str(), 1) == 0;
 }
 
-cv::Mat decodeImageFile(const std::string& path) {
-    return decodeWith(codecs().read, path);
+cv::Mat readOther(const std::string& path, ReadMode mode) {
+    const Module& m = module();
+    const ReadFunction read = mode == ReadMode::kColour ? m.read : m.readUnchanged;
+    cv::Mat img;
+    if (read == nullptr || !read(path.c_str(), &img)) {
+        img.release();
+    }
+    return img;
 }
 
-cv::Mat decodeImageFileAsStored(const std::string& path) {
-    return decodeWith(codecs().readUnchanged, path);
+}  // namespace dravik::image::detail
+
+namespace dravik::image {
+
+bool otherFormatsLoaded() {
+    return detail::gLoaded;
 }
 
-bool encodeImageFile(const std::string& path, const cv::Mat& img) {
-    return codecs().write != nullptr && codecs().write(path.c_str(), &img);
-}
-
-}  // namespace dravik::lcmgui
+}  // namespace dravik::image
