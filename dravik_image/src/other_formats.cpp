@@ -1,11 +1,11 @@
 // The other-formats module: found, loaded once, and asked to decode.
 #include <dlfcn.h>
-#include <limits.h>
 #include <link.h>
-#include <unistd.h>
 
 #include <cstdlib>
 #include <cstring>
+#include <string>
+#include <vector>
 
 #include "decoders.h"
 #include "dravik_logger/logger.h"
@@ -24,33 +24,31 @@ struct Module {
     ReadFunction readUnchanged = nullptr;
 };
 
-// The directory of the running program.
-std::string programDirectory() {
-    char buffer[PATH_MAX];
-    const ssize_t length = readlink("/proc/self/exe", buffer, sizeof(buffer) - 1);
-    if (length <= 0) {
+// The directory this library was loaded from: the module is installed beside
+// it (the library directory), and built beside it (the build tree's lib/).
+std::string libraryDirectory() {
+    Dl_info info{};
+    if (dladdr(reinterpret_cast<void*>(&libraryDirectory), &info) == 0 ||
+        info.dli_fname == nullptr) {
         return {};
     }
-    std::string path(buffer, static_cast<size_t>(length));
-    return path.substr(0, path.find_last_of('/') + 1);
+    const std::string path = info.dli_fname;
+    const size_t slash = path.find_last_of('/');
+    return slash == std::string::npos ? std::string() : path.substr(0, slash + 1);
 }
 
-// Where the module is looked for, in order: the library directory next to the
-// program (installed: bin/ and DRAVIK_LIBDIR; build tree: bin/ and lib/); the
-// installed library directory; the build tree's; then the loader's own search
-// (LD_LIBRARY_PATH, the system directories). The program's run path cannot be
-// relied on: under a sanitizer's dlopen wrapper the caller is the sanitizer's
-// library, not the program. Nor can /proc/self/exe alone: in a chroot that
-// enters a new mount namespace it may name the program by its path outside.
+// Beside this library first; then the loader's own search (LD_LIBRARY_PATH,
+// the system directories) for a module installed elsewhere. Neither the
+// program's path (/proc/self/exe names it by its path outside a chroot that
+// entered a mount namespace) nor a directory fixed at build time is used: a
+// device never looks into a build tree.
 void* openModule(std::string& errors) {
-    const std::string dir = programDirectory();
-    const std::string candidates[] = {
-        dir + "../" DRAVIK_LIBDIR "/" + kModule,
-        dir + "../lib/" + kModule,
-        std::string(DRAVIK_INSTALL_FULL_LIBDIR "/") + kModule,
-        std::string(DRAVIK_BUILD_LIBDIR "/") + kModule,
-        kModule,
-    };
+    const std::string dir = libraryDirectory();
+    std::vector<std::string> candidates;
+    if (!dir.empty()) {
+        candidates.push_back(dir + kModule);
+    }
+    candidates.push_back(kModule);
     for (const std::string& candidate : candidates) {
         if (void* module = dlopen(candidate.c_str(), RTLD_NOW | RTLD_LOCAL)) {
             return module;
