@@ -168,10 +168,32 @@ std::string systemError(const char* what, int errnum) {
     return std::string(what) + ": " + std::strerror(errnum);
 }
 
-// Reads the whole file into `text`, refusing directories and anything larger
-// than the limit before reading it. On failure `message` says why.
+// What a file that is not a regular file is, for the refusal's message.
+const char* kindOf(mode_t mode) {
+    struct Kind {
+        mode_t type;
+        const char* what;
+    };
+    static const Kind kKinds[] = {
+        {S_IFDIR, "is a directory"},    {S_IFIFO, "is a FIFO"},
+        {S_IFSOCK, "is a socket"},      {S_IFCHR, "is a character device"},
+        {S_IFBLK, "is a block device"},
+    };
+    for (const Kind& kind : kKinds) {
+        if ((mode & S_IFMT) == kind.type) {
+            return kind.what;
+        }
+    }
+    return "is not a regular file";
+}
+
+// Reads the whole file into `text`, refusing anything larger than the limit
+// before reading it. Only a regular file is read: the file is opened without
+// blocking, so that a FIFO under the name (whose open would wait for a
+// writer) or a device is refused at once instead of holding the caller. On
+// failure `message` says why.
 bool readBounded(const std::string& path, size_t limit, std::string& text, std::string& message) {
-    FileDescriptor fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    FileDescriptor fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
     if (fd.get() < 0) {
         message = systemError("cannot open file", errno);
         return false;
@@ -181,16 +203,16 @@ bool readBounded(const std::string& path, size_t limit, std::string& text, std::
         message = systemError("cannot read file status", errno);
         return false;
     }
-    if (S_ISDIR(info.st_mode)) {
-        message = "is a directory";
+    if (!S_ISREG(info.st_mode)) {
+        message = kindOf(info.st_mode);
         return false;
     }
     const std::string tooLarge = "file is larger than " + std::to_string(limit) + " bytes";
-    if (S_ISREG(info.st_mode) && static_cast<uint64_t>(info.st_size) > limit) {
+    if (static_cast<uint64_t>(info.st_size) > limit) {
         message = tooLarge;
         return false;
     }
-    // Pipes and devices report no size: the limit is enforced while reading.
+    // A file that grows while it is read is still held to the limit.
     std::vector<char> buffer(size_t{64} * 1024);
     text.clear();
     for (;;) {

@@ -133,3 +133,34 @@ def test_the_largest_legal_pictures_still_load(daemon):
     log = daemon.log()
     for name in ("strip.png", "bar.png"):
         assert "Failed to read UI image from /etc/gui/images/" + name not in log
+
+
+@pytest.mark.parametrize("kind", ["fifo", "directory", "device", "socket"])
+def test_an_image_that_is_not_a_regular_file_is_refused_without_holding_the_daemon(
+        daemon, tmp_path, kind):
+    # A FIFO named like an image would hold a reader until some writer came:
+    # the daemon refuses it at once, and other clients are answered as usual.
+    started(daemon)
+    special = os.path.join(daemon.etc_gui, "images", "special.png")
+    listener = None
+    if kind == "fifo":
+        os.mkfifo(special)
+    elif kind == "directory":
+        os.mkdir(special)
+    elif kind == "device":
+        os.symlink("/dev/zero", special)
+    else:
+        import socket
+        listener = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
+        listener.bind(special)
+    try:
+        reply = daemon.call("ShowSimpleScreen", image_screen("special.png"))
+        assert reply["statusCode"] == 0
+        line = "Failed to read UI image from /etc/gui/images/special.png"
+        assert wait_for(lambda: line in daemon.log(), timeout=5), daemon.log()
+        asked = time.monotonic()
+        assert daemon.call("ShowGui", {"guiId": "hello"}, timeout=1)["statusCode"] == 0
+        assert time.monotonic() - asked < 1
+    finally:
+        if listener is not None:
+            listener.close()

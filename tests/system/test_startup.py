@@ -7,6 +7,8 @@ import signal
 import subprocess
 import time
 
+import pytest
+
 from daemon import bin_dir, wait_for, emulator
 
 GENERIC = "dravik_lcm_gui.json"
@@ -177,18 +179,21 @@ def open_fifo_once_read(path, process, timeout=20):
     return None
 
 
-def test_sigterm_while_start_up_reads_the_device_properties_kills_the_daemon(daemon):
-    # Start-up's first step reads /etc/dravik/camerainfo.json; made a FIFO, the
-    # file holds the daemon in that read for as long as the test writes nothing,
-    # well before the SIGTERM handler exists, so the signal has its default
-    # effect: the daemon ends by it, without a word of shutting down.
+def test_sigterm_while_start_up_reads_the_backlight_kills_the_daemon(daemon):
+    # The engine's set-up reads the backlight's max_brightness before the
+    # SIGTERM handler exists; made a FIFO, that file holds the daemon in its open
+    # for as long as the test writes nothing, so the signal has its default
+    # effect: the daemon ends by it, without a word of shutting down. (The
+    # backlight's files are the kernel's; the files whose names others control,
+    # images, screens files and the device properties, are refused when they
+    # are not regular files.)
     daemon.install_example()
-    properties = os.path.join(daemon.etc_dravik, "camerainfo.json")
-    os.remove(properties)
-    os.mkfifo(properties)
+    max_brightness = os.path.join(daemon.backlight, "max_brightness")
+    os.remove(max_brightness)
+    os.mkfifo(max_brightness)
     daemon.start(wait=False)
-    writer = open_fifo_once_read(properties, daemon.process)
-    assert writer is not None, "the daemon never opened its properties:\n" + daemon.log()
+    writer = open_fifo_once_read(max_brightness, daemon.process)
+    assert writer is not None, "the daemon never opened its backlight:\n" + daemon.log()
     try:
         daemon.process.send_signal(signal.SIGTERM)
     finally:
@@ -199,7 +204,45 @@ def test_sigterm_while_start_up_reads_the_device_properties_kills_the_daemon(dae
     assert daemon.stdout() == ""
     log = daemon.log()
     assert "Gracefully shut down" not in log
-    assert "Failed to read camera properties" not in log
+    assert "Failed to initialize lcmGui" not in log
+
+
+@pytest.mark.parametrize("kind", ["fifo", "directory", "device"])
+def test_device_properties_that_are_not_a_regular_file_are_refused_at_once(daemon, kind):
+    daemon.install_example()
+    properties = os.path.join(daemon.etc_dravik, "camerainfo.json")
+    os.remove(properties)
+    if kind == "fifo":
+        os.mkfifo(properties)
+    elif kind == "directory":
+        os.mkdir(properties)
+    else:
+        os.symlink("/dev/zero", properties)
+    started = time.monotonic()
+    # Unreadable device properties end the daemon with status 0, on purpose.
+    assert daemon.run(timeout=10) == 0, daemon.log()
+    assert time.monotonic() - started < 5
+    assert "Failed to read camera properties" in daemon.log()
+
+
+@pytest.mark.parametrize("kind", ["fifo", "directory", "device"])
+def test_a_screens_file_candidate_that_is_not_a_regular_file_is_passed_over(daemon, kind):
+    # The device's own screens file is tried first; made a special file, it is
+    # refused at once and the general one is used.
+    daemon.install_example()
+    special = os.path.join(daemon.etc_gui, "dravik_lcm_gui_sysid_01a2.json")
+    if kind == "fifo":
+        os.mkfifo(special)
+    elif kind == "directory":
+        os.mkdir(special)
+    else:
+        os.symlink("/dev/zero", special)
+    daemon.start("-s", "hello")
+    assert wait_for(lambda: daemon.lit_pixels() > 50), daemon.log()
+    log = daemon.log()
+    assert "Could not read configuration from file '/etc/gui/dravik_lcm_gui_sysid_01a2.json'" in log
+    assert "Using the following config file: `/etc/gui/dravik_lcm_gui.json`" in log
+    daemon.stop()
 
 
 def test_startup_screen_and_brightness_are_shown(daemon):
