@@ -1,5 +1,6 @@
 // dravik_lcm_gui: the LCD panel daemon's process entry and main loop.
 #include <signal.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <cstdio>
@@ -11,6 +12,7 @@
 #include "GuiPaths.h"
 #include "LcmGui.h"
 #include "LcmGuiHandler.h"
+#include "Watchdog.h"
 #include "dravik_ipc/ipc.h"
 #include "dravik_logger/logger.h"
 #include "dravik_utils/utils.h"
@@ -108,6 +110,30 @@ bool installQuitSignal() {
     return sigemptyset(&action.sa_mask) == 0 && sigaction(SIGTERM, &action, nullptr) == 0;
 }
 
+#ifdef DRAVIK_LOOP_STALL_HOOK
+// Built into the tests' copy of the daemon only, never installed: SIGUSR1
+// stalls the main loop for good, as a hang would, so that a test can see the
+// watchdog's pings stop and the daemon restarted.
+volatile sig_atomic_t gStall = 0;
+
+void stallSignal(int /*signal*/) {
+    gStall = 1;
+}
+
+void stallWhenAsked() {
+    static const bool installed = [] {
+        struct sigaction action {};
+        action.sa_handler = stallSignal;
+        return sigemptyset(&action.sa_mask) == 0 && sigaction(SIGUSR1, &action, nullptr) == 0;
+    }();
+    while (installed && gStall != 0) {
+        pause();
+    }
+}
+#else
+void stallWhenAsked() {}
+#endif
+
 // Frees the IPC singleton when main's scope unwinds past it.
 struct IpcInstance {
     Ipc* ipc = Ipc::GetInstance();
@@ -154,9 +180,10 @@ void registerHandlers(Ipc& ipc, LcmGuiHandler& handler, CatchAllHandlerRejector&
     (void)ipc.AddHandler("", &rejector);
 }
 
-// The main loop: the bus, then the panel, until SIGTERM or a failure. Returns
-// the exit status.
+// The main loop: the bus, then the panel, until SIGTERM or a failure; each
+// turn that gets this far keeps the watchdog. Returns the exit status.
 int serve(Ipc& ipc, LcmGui& gui) {
+    dravik::lcmgui::Watchdog watchdog;
     for (;;) {
         if (gStop) {
             MAIN_LOG(dravik::logger::kInfo, "Gracefully shut down");
@@ -170,6 +197,8 @@ int serve(Ipc& ipc, LcmGui& gui) {
             MAIN_LOG(dravik::logger::kError, "Failed to service LcmGui");
             return -1;
         }
+        watchdog.kick();
+        stallWhenAsked();
     }
 }
 

@@ -33,7 +33,7 @@ def program(name):
 def is_daemon_process(pid):
     """Whether process `pid` is the daemon (under emulation: its emulator)."""
     exe = os.path.basename(os.readlink(f"/proc/{pid}/exe"))
-    return exe == "dravik_lcm_gui" or (emulator() and exe == os.path.basename(emulator()[0]))
+    return exe in ("dravik_lcm_gui", "dravik_lcm_gui_stallable") or (emulator() and exe == os.path.basename(emulator()[0]))
 
 
 def source_dir():
@@ -127,6 +127,8 @@ class Daemon:
         self.stdout_path = os.path.join(self.root, "stdout.log")
         self.stderr_path = os.path.join(self.root, "stderr.log")
         self.process = None
+        # The tests' copy "dravik_lcm_gui_stallable" also stalls its loop on SIGUSR1.
+        self.program = "dravik_lcm_gui"
         with open(os.path.join(self.backlight, "max_brightness"), "w") as f:
             f.write("255\n")
 
@@ -168,11 +170,12 @@ class Daemon:
         return [os.path.join(source_dir(), "scripts", "sandbox"), "--root", self.root, "--",
                 *program("fakefb-run"), "--device", self.panel_device,
                 "--size", f"{WIDTH}x{HEIGHT}", "--bpp", str(self.bpp), "--file", self.panel, "--",
-                os.path.join(bin_dir(), "dravik_lcm_gui")] + list(args)
+                os.path.join(bin_dir(), self.program)] + list(args)
 
-    def start(self, *args, wait=True, bus=True):
+    def start(self, *args, wait=True, bus=True, env_extra=None):
         env = dict(os.environ)
         env.pop("DBUS_SYSTEM_BUS_ADDRESS", None)
+        env.update(env_extra or {})
         if bus:
             env["DBUS_SYSTEM_BUS_ADDRESS"] = self.bus.address
         self.process = subprocess.Popen(self.command(args), env=env,
