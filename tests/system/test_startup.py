@@ -207,17 +207,22 @@ def test_sigterm_while_start_up_reads_the_backlight_kills_the_daemon(daemon):
     assert "Failed to initialize lcmGui" not in log
 
 
+def make_special_file(path, kind):
+    """A FIFO, a directory or a device (a link to /dev/zero) at `path`."""
+    if kind == "fifo":
+        os.mkfifo(path)
+    elif kind == "directory":
+        os.mkdir(path)
+    else:
+        os.symlink("/dev/zero", path)
+
+
 @pytest.mark.parametrize("kind", ["fifo", "directory", "device"])
 def test_device_properties_that_are_not_a_regular_file_are_refused_at_once(daemon, kind):
     daemon.install_example()
     properties = os.path.join(daemon.etc_dravik, "camerainfo.json")
     os.remove(properties)
-    if kind == "fifo":
-        os.mkfifo(properties)
-    elif kind == "directory":
-        os.mkdir(properties)
-    else:
-        os.symlink("/dev/zero", properties)
+    make_special_file(properties, kind)
     started = time.monotonic()
     # Unreadable device properties end the daemon with status 0, on purpose.
     assert daemon.run(timeout=10) == 0, daemon.log()
@@ -231,12 +236,7 @@ def test_a_screens_file_candidate_that_is_not_a_regular_file_is_passed_over(daem
     # refused at once and the general one is used.
     daemon.install_example()
     special = os.path.join(daemon.etc_gui, "dravik_lcm_gui_sysid_01a2.json")
-    if kind == "fifo":
-        os.mkfifo(special)
-    elif kind == "directory":
-        os.mkdir(special)
-    else:
-        os.symlink("/dev/zero", special)
+    make_special_file(special, kind)
     daemon.start("-s", "hello")
     assert wait_for(lambda: daemon.lit_pixels() > 50), daemon.log()
     log = daemon.log()
