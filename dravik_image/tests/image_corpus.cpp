@@ -226,7 +226,7 @@ Bytes iccpChunk(const std::string& name, const Bytes& profile) {
 
 // ---- PNG -------------------------------------------------------------------
 
-struct PngSpec {
+struct PngRecipe {
     int width = kWidth;
     int height = kHeight;
     int colourType = PNG_COLOR_TYPE_RGB;
@@ -260,7 +260,7 @@ int pngChannels(int colourType) {
     }
 }
 
-int paletteSize(const PngSpec& s) {
+int paletteSize(const PngRecipe& s) {
     return s.paletteSize > 0 ? s.paletteSize : 1 << s.depth;
 }
 
@@ -274,7 +274,7 @@ png_byte paletteAlpha(int i) {
     return i == 0 ? 0 : i == 1 ? 255 : static_cast<png_byte>(i * 97 + 31);
 }
 
-uint32_t pngSample(const PngSpec& s, int x, int y, int c) {
+uint32_t pngSample(const PngRecipe& s, int x, int y, int c) {
     if (s.colourType != PNG_COLOR_TYPE_PALETTE) {
         return sample(x, y, c, (1u << s.depth) - 1);
     }
@@ -283,7 +283,7 @@ uint32_t pngSample(const PngSpec& s, int x, int y, int c) {
 }
 
 // A row as PNG stores it: samples packed from the high bit, 16-bit big-endian.
-Bytes pngRow(const PngSpec& s, int y) {
+Bytes pngRow(const PngRecipe& s, int y) {
     const int channels = pngChannels(s.colourType);
     const size_t bits = static_cast<size_t>(s.width) * channels * s.depth;
     Bytes row((bits + 7) / 8, '\0');
@@ -348,7 +348,7 @@ void prepareTexts(PngData& d) {
     d.endTexts.push_back(textChunk(d.strings, PNG_TEXT_COMPRESSION_NONE, 8));
 }
 
-void preparePngData(const PngSpec& s, PngData& d) {
+void preparePngData(const PngRecipe& s, PngData& d) {
     for (int y = 0; y < s.height; ++y) {
         d.rows.push_back(pngRow(s, y));
     }
@@ -409,7 +409,7 @@ void appendPngOutput(png_structp png, png_bytep data, size_t length) {
 
 void flushNothing(png_structp) {}
 
-void setPngTransparency(const PngWriter& w, const PngSpec& s, PngData& d) {
+void setPngTransparency(const PngWriter& w, const PngRecipe& s, PngData& d) {
     if (s.colourType == PNG_COLOR_TYPE_PALETTE) {
         png_set_PLTE(w.png, w.info, d.palette.data(), static_cast<int>(d.palette.size()));
         if (s.transparent > 0) {
@@ -420,7 +420,7 @@ void setPngTransparency(const PngWriter& w, const PngSpec& s, PngData& d) {
     }
 }
 
-void setPngColourChunks(const PngWriter& w, const PngSpec& s) {
+void setPngColourChunks(const PngWriter& w, const PngRecipe& s) {
     if (s.srgb) {
         png_set_sRGB_gAMA_and_cHRM(w.png, w.info, PNG_sRGB_INTENT_PERCEPTUAL);
     }
@@ -438,7 +438,7 @@ void setPngColourChunks(const PngWriter& w, const PngSpec& s) {
     }
 }
 
-void setPngOtherChunks(const PngWriter& w, const PngSpec& s, PngData& d) {
+void setPngOtherChunks(const PngWriter& w, const PngRecipe& s, PngData& d) {
     if (!d.texts.empty()) {
         png_set_text(w.png, w.info, d.texts.data(), static_cast<int>(d.texts.size()));
         png_set_text(w.png, w.endInfo, d.endTexts.data(), static_cast<int>(d.endTexts.size()));
@@ -458,7 +458,7 @@ void setPngOtherChunks(const PngWriter& w, const PngSpec& s, PngData& d) {
 
 // Only plain data lives in this frame, so libpng's jump back skips no
 // destructor.
-bool writePngStream(const PngWriter& w, const PngSpec& s, PngData& d) {
+bool writePngStream(const PngWriter& w, const PngRecipe& s, PngData& d) {
     if (setjmp(png_jmpbuf(w.png)) != 0) {
         return false;
     }
@@ -484,7 +484,7 @@ bool writePngStream(const PngWriter& w, const PngSpec& s, PngData& d) {
 
 // What was asked for and libpng may drop without failing (a profile it finds
 // invalid, for one) must be there.
-void checkChunks(const PngSpec& s, const Bytes& png) {
+void checkChunks(const PngRecipe& s, const Bytes& png) {
     const struct {
         bool wanted;
         const char* type;
@@ -506,7 +506,7 @@ void checkChunks(const PngSpec& s, const Bytes& png) {
     }
 }
 
-Bytes encodePng(const PngSpec& s) {
+Bytes encodePng(const PngRecipe& s) {
     PngData d;
     preparePngData(s, d);
     PngWriter w;
@@ -745,7 +745,7 @@ std::vector<OddExif> oddExifBlocks() {
 // kTwo: two components of no colour space, which no decoder turns into colour.
 enum class JpegColour { kGrey, kYCbCr, kRgb, kCmyk, kYcck, kTwo };
 
-struct JpegSpec {
+struct JpegRecipe {
     int width = kWidth;
     int height = kHeight;
     JpegColour colour = JpegColour::kYCbCr;
@@ -808,7 +808,7 @@ struct JpegWriter {
     }
 };
 
-void describeJpegInput(jpeg_compress_struct& cinfo, const JpegSpec& s) {
+void describeJpegInput(jpeg_compress_struct& cinfo, const JpegRecipe& s) {
     cinfo.image_width = static_cast<JDIMENSION>(s.width);
     cinfo.image_height = static_cast<JDIMENSION>(s.height);
     cinfo.input_components = jpegComponents(s.colour);
@@ -829,7 +829,7 @@ void describeJpegInput(jpeg_compress_struct& cinfo, const JpegSpec& s) {
     }
 }
 
-void chooseJpegCoding(jpeg_compress_struct& cinfo, const JpegSpec& s) {
+void chooseJpegCoding(jpeg_compress_struct& cinfo, const JpegRecipe& s) {
     if (s.colour == JpegColour::kRgb) {
         jpeg_set_colorspace(&cinfo, JCS_RGB);
     } else if (s.colour == JpegColour::kCmyk) {
@@ -860,7 +860,7 @@ void chooseJpegCoding(jpeg_compress_struct& cinfo, const JpegSpec& s) {
 
 // Only plain data lives in this frame, so libjpeg's jump back skips no
 // destructor.
-bool writeJpegStream(JpegWriter& w, const JpegSpec& s, const std::vector<Bytes>& rows) {
+bool writeJpegStream(JpegWriter& w, const JpegRecipe& s, const std::vector<Bytes>& rows) {
     if (setjmp(w.errors.jump) != 0) {
         return false;
     }
@@ -884,7 +884,7 @@ bool writeJpegStream(JpegWriter& w, const JpegSpec& s, const std::vector<Bytes>&
     return true;
 }
 
-Bytes encodeJpeg(const JpegSpec& s) {
+Bytes encodeJpeg(const JpegRecipe& s) {
     const int components = jpegComponents(s.colour);
     std::vector<Bytes> rows;
     for (int y = 0; y < s.height; ++y) {
@@ -1120,7 +1120,7 @@ Tags operator+(Tags a, const Tags& b) {
     return a;
 }
 
-Tags pngTags(const PngSpec& s) {
+Tags pngTags(const PngRecipe& s) {
     Tags t{"png", "type=" + std::to_string(s.colourType), "depth=" + std::to_string(s.depth)};
     if (s.adam7) {
         t.push_back("adam7");
@@ -1135,8 +1135,8 @@ Tags pngTags(const PngSpec& s) {
     return t;
 }
 
-PngSpec pngLayout(int colourType, int depth, bool adam7 = false) {
-    PngSpec s;
+PngRecipe pngLayout(int colourType, int depth, bool adam7 = false) {
+    PngRecipe s;
     s.colourType = colourType;
     s.depth = depth;
     s.adam7 = adam7;
@@ -1147,7 +1147,7 @@ PngSpec pngLayout(int colourType, int depth, bool adam7 = false) {
     return s;
 }
 
-std::string pngName(const PngSpec& s, const std::string& extra = "") {
+std::string pngName(const PngRecipe& s, const std::string& extra = "") {
     std::string name = "png_t" + std::to_string(s.colourType) + "_d" + std::to_string(s.depth);
     if (s.width != kWidth || s.height != kHeight) {
         name += "_" + std::to_string(s.width) + "x" + std::to_string(s.height);
@@ -1155,7 +1155,7 @@ std::string pngName(const PngSpec& s, const std::string& extra = "") {
     return name + extra + (s.adam7 ? "_adam7" : "") + ".png";
 }
 
-void addPng(Corpus& c, const PngSpec& s, const std::string& extra = "", Tags more = {},
+void addPng(Corpus& c, const PngRecipe& s, const std::string& extra = "", Tags more = {},
             Outcome outcome = Outcome::kDecoded) {
     c.add(pngName(s, extra), encodePng(s), outcome, pngTags(s) + more);
 }
@@ -1165,13 +1165,13 @@ void addPng(Corpus& c, const PngSpec& s, const std::string& extra = "", Tags mor
 void addPngLayouts(Corpus& c) {
     for (bool adam7 : {false, true}) {
         for (int depth : {1, 2, 4, 8, 16}) {
-            PngSpec s = pngLayout(PNG_COLOR_TYPE_GRAY, depth, adam7);
+            PngRecipe s = pngLayout(PNG_COLOR_TYPE_GRAY, depth, adam7);
             addPng(c, s);
             s.transparent = 0;
             addPng(c, s, "_trns");
         }
         for (int depth : {8, 16}) {
-            PngSpec s = pngLayout(PNG_COLOR_TYPE_RGB, depth, adam7);
+            PngRecipe s = pngLayout(PNG_COLOR_TYPE_RGB, depth, adam7);
             addPng(c, s);
             s.transparent = 0;
             addPng(c, s, "_trns");
@@ -1179,7 +1179,7 @@ void addPngLayouts(Corpus& c) {
             addPng(c, pngLayout(PNG_COLOR_TYPE_RGB_ALPHA, depth, adam7));
         }
         for (int depth : {1, 2, 4, 8}) {
-            PngSpec s = pngLayout(PNG_COLOR_TYPE_PALETTE, depth, adam7);
+            PngRecipe s = pngLayout(PNG_COLOR_TYPE_PALETTE, depth, adam7);
             addPng(c, s);
             s.transparent = (paletteSize(s) + 1) / 2;
             addPng(c, s, "_trns_partial");
@@ -1202,26 +1202,26 @@ void addPngSizes(Corpus& c) {
         {PNG_COLOR_TYPE_RGB, 16, 8, 8, true},        {PNG_COLOR_TYPE_GRAY_ALPHA, 16, 2, 7, true},
     };
     for (const Size& size : kSizes) {
-        PngSpec s = pngLayout(size.colourType, size.depth, size.adam7);
+        PngRecipe s = pngLayout(size.colourType, size.depth, size.adam7);
         s.width = size.width;
         s.height = size.height;
         addPng(c, s);
     }
-    PngSpec split = pngLayout(PNG_COLOR_TYPE_RGB, 8);
+    PngRecipe split = pngLayout(PNG_COLOR_TYPE_RGB, 8);
     split.idatSize = 50;
     const Bytes splitPng = encodePng(split);
     if (countChunks(splitPng, "IDAT") < 10) {
         fail("the image data is not split");
     }
     c.add("png_t2_d8_many_idat.png", splitPng, Outcome::kDecoded, pngTags(split));
-    PngSpec past = pngLayout(PNG_COLOR_TYPE_PALETTE, 4);
+    PngRecipe past = pngLayout(PNG_COLOR_TYPE_PALETTE, 4);
     past.paletteSize = 10;
     past.indexPastPalette = true;
     addPng(c, past, "_index_past_palette", {"corrupt"}, Outcome::kEither);
 }
 
 void addPngColourChunks(Corpus& c) {
-    PngSpec s = pngLayout(PNG_COLOR_TYPE_RGB, 8);
+    PngRecipe s = pngLayout(PNG_COLOR_TYPE_RGB, 8);
     s.gamma = 45455;
     addPng(c, s, "_gama", {"gama"});
     s = pngLayout(PNG_COLOR_TYPE_GRAY, 16);
@@ -1253,8 +1253,8 @@ void addPngColourChunks(Corpus& c) {
 
 // Chunks that libpng would not write: they are put in by hand.
 void addPngOddColourChunks(Corpus& c) {
-    const PngSpec grey = pngLayout(PNG_COLOR_TYPE_GRAY, 8);
-    const PngSpec rgb = pngLayout(PNG_COLOR_TYPE_RGB, 8);
+    const PngRecipe grey = pngLayout(PNG_COLOR_TYPE_GRAY, 8);
+    const PngRecipe rgb = pngLayout(PNG_COLOR_TYPE_RGB, 8);
     const Bytes greyPng = encodePng(grey);
     const Bytes rgbPng = encodePng(rgb);
     c.add("png_iccp_rgb_profile_on_grey.png",
@@ -1275,7 +1275,7 @@ void addPngOddColourChunks(Corpus& c) {
 }
 
 void addPngOtherChunks(Corpus& c) {
-    PngSpec s = pngLayout(PNG_COLOR_TYPE_RGB, 8);
+    PngRecipe s = pngLayout(PNG_COLOR_TYPE_RGB, 8);
     s.text = true;
     addPng(c, s, "_text", {"text"});
     s = pngLayout(PNG_COLOR_TYPE_PALETTE, 8, true);
@@ -1293,7 +1293,7 @@ void addPngOtherChunks(Corpus& c) {
 
 void addPngExif(Corpus& c) {
     for (int orientation = 0; orientation <= 9; ++orientation) {
-        PngSpec s = pngLayout(PNG_COLOR_TYPE_RGB, 8);
+        PngRecipe s = pngLayout(PNG_COLOR_TYPE_RGB, 8);
         s.exif = exifTiff(orientation);
         addPng(c, s, "_exif_o" + std::to_string(orientation),
                {"exif", "orientation=" + std::to_string(orientation)});
@@ -1317,7 +1317,7 @@ void addPngExif(Corpus& c) {
         {PNG_COLOR_TYPE_GRAY_ALPHA, 8, true, 7, EXIF_BYTE_ORDER_MOTOROLA, false, "_exif_o7"},
     };
     for (const Variant& v : kVariants) {
-        PngSpec s = pngLayout(v.colourType, v.depth, v.adam7);
+        PngRecipe s = pngLayout(v.colourType, v.depth, v.adam7);
         s.exif = exifTiff(v.orientation, v.order);
         s.exifAfterData = v.afterData;
         const Bytes png = encodePng(s);
@@ -1333,7 +1333,7 @@ void addPngExif(Corpus& c) {
 }
 
 void addPngOddExif(Corpus& c) {
-    PngSpec s = pngLayout(PNG_COLOR_TYPE_RGB, 8);
+    PngRecipe s = pngLayout(PNG_COLOR_TYPE_RGB, 8);
     s.exif = exifSegment(6);  // with the APP1 header, which does not belong here
     addPng(c, s, "_exif_with_app1_header", {"exif", "exif-odd"});
     for (const OddExif& odd : oddExifBlocks()) {
@@ -1363,15 +1363,15 @@ std::vector<Cut> pngCuts(const Bytes& png) {
             {"last_byte", "last-byte", png.size() - 1}};
 }
 
-std::vector<PngSpec> damageSources() {
-    PngSpec rgba16 = pngLayout(PNG_COLOR_TYPE_RGB_ALPHA, 16, true);
-    PngSpec palette = pngLayout(PNG_COLOR_TYPE_PALETTE, 4, true);
+std::vector<PngRecipe> damageSources() {
+    PngRecipe rgba16 = pngLayout(PNG_COLOR_TYPE_RGB_ALPHA, 16, true);
+    PngRecipe palette = pngLayout(PNG_COLOR_TYPE_PALETTE, 4, true);
     palette.transparent = 7;
     return {pngLayout(PNG_COLOR_TYPE_RGB, 8), rgba16, palette, pngLayout(PNG_COLOR_TYPE_GRAY, 1)};
 }
 
 void addPngTruncated(Corpus& c) {
-    for (const PngSpec& s : damageSources()) {
+    for (const PngRecipe& s : damageSources()) {
         const Bytes png = encodePng(s);
         for (const Cut& cut : pngCuts(png)) {
             c.add(pngName(s, std::string("_cut_") + cut.name), png.substr(0, cut.at),
@@ -1382,7 +1382,7 @@ void addPngTruncated(Corpus& c) {
 }
 
 // Header fields broken with a valid CRC, so that the field itself is refused.
-void addPngBadHeaders(Corpus& c, const PngSpec& s, const Bytes& png) {
+void addPngBadHeaders(Corpus& c, const PngRecipe& s, const Bytes& png) {
     struct Field {
         const char* name;
         size_t offset;
@@ -1403,7 +1403,7 @@ void addPngBadHeaders(Corpus& c, const PngSpec& s, const Bytes& png) {
 }
 
 void addPngCorrupt(Corpus& c) {
-    const PngSpec s = pngLayout(PNG_COLOR_TYPE_RGB, 8);
+    const PngRecipe s = pngLayout(PNG_COLOR_TYPE_RGB, 8);
     const Bytes png = encodePng(s);
     const Tags tags = pngTags(s) + Tags{"corrupt"};
     const Chunk ihdr = findChunk(png, "IHDR");
@@ -1429,7 +1429,7 @@ void addPngCorrupt(Corpus& c) {
           Outcome::kRefused, tags);
     c.add("png_no_idat.png", removeChunks(png, "IDAT"), Outcome::kRefused, tags);
     c.add("png_no_iend.png", removeChunks(png, "IEND"), Outcome::kRefused, tags);
-    const PngSpec palette = pngLayout(PNG_COLOR_TYPE_PALETTE, 8);
+    const PngRecipe palette = pngLayout(PNG_COLOR_TYPE_PALETTE, 8);
     const Bytes palettePng = encodePng(palette);
     c.add("png_t3_no_plte.png", removeChunks(palettePng, "PLTE"), Outcome::kRefused,
           pngTags(palette) + Tags{"corrupt"});
@@ -1442,7 +1442,7 @@ void addPngCorrupt(Corpus& c) {
 }
 
 void addPngOddStructure(Corpus& c) {
-    const PngSpec s = pngLayout(PNG_COLOR_TYPE_RGB, 8);
+    const PngRecipe s = pngLayout(PNG_COLOR_TYPE_RGB, 8);
     const Bytes png = encodePng(s);
     Bytes text = makeChunk("tEXt", Bytes("Comment\0bad crc", 15));
     flipByte(text, text.size() - 1, 0x01);
@@ -1450,7 +1450,7 @@ void addPngOddStructure(Corpus& c) {
           pngTags(s) + Tags{"text", "corrupt"});
     c.add("png_trailing_garbage.png", png + "trailing bytes after IEND", Outcome::kDecoded,
           pngTags(s));
-    PngSpec split = s;
+    PngRecipe split = s;
     split.idatSize = 200;
     const Bytes splitPng = encodePng(split);
     c.add("png_text_between_idat.png",
@@ -1472,21 +1472,21 @@ void addPngOddStructure(Corpus& c) {
 // Chunks in places or of lengths the format does not allow, which libpng
 // drops with a warning.
 void addPngMisplacedChunks(Corpus& c) {
-    const PngSpec grey = pngLayout(PNG_COLOR_TYPE_GRAY, 8);
+    const PngRecipe grey = pngLayout(PNG_COLOR_TYPE_GRAY, 8);
     c.add("png_t0_d8_plte.png",
           insertAfterHeader(encodePng(grey), makeChunk("PLTE", Bytes(48, '\x40'))),
           Outcome::kDecoded, pngTags(grey));
-    const PngSpec rgba = pngLayout(PNG_COLOR_TYPE_RGB_ALPHA, 8);
+    const PngRecipe rgba = pngLayout(PNG_COLOR_TYPE_RGB_ALPHA, 8);
     c.add("png_t6_d8_with_trns.png",
           insertAfterHeader(encodePng(rgba), makeChunk("tRNS", Bytes(6, '\0'))), Outcome::kDecoded,
           pngTags(rgba));
-    const PngSpec palette = pngLayout(PNG_COLOR_TYPE_PALETTE, 2);
+    const PngRecipe palette = pngLayout(PNG_COLOR_TYPE_PALETTE, 2);
     const Bytes palettePng = encodePng(palette);
     c.add("png_t3_d2_trns_longer_than_palette.png",
           insertAt(palettePng, findChunk(palettePng, "IDAT").offset,
                    makeChunk("tRNS", Bytes("\x00\x80\xff\x10\x20", 5))),
           Outcome::kDecoded, pngTags(palette));
-    PngSpec exif = pngLayout(PNG_COLOR_TYPE_RGB, 8);
+    PngRecipe exif = pngLayout(PNG_COLOR_TYPE_RGB, 8);
     exif.exif = exifTiff(3);
     const Bytes exifPng = encodePng(exif);
     c.add("png_exif_o3_before_and_o6_after_data.png",
@@ -1517,7 +1517,7 @@ std::string samplingTag(int h, int v) {
     fail("no such sampling");
 }
 
-Tags jpegTags(const JpegSpec& s) {
+Tags jpegTags(const JpegRecipe& s) {
     static const char* const kColourTags[] = {"grey", "colour", "rgb",
                                               "cmyk", "ycck",   "two-components"};
     Tags t{"jpeg", kColourTags[static_cast<int>(s.colour)]};
@@ -1540,39 +1540,39 @@ Tags jpegTags(const JpegSpec& s) {
     return t;
 }
 
-JpegSpec jpegSpec(JpegColour colour, int lumaH = 2, int lumaV = 2) {
-    JpegSpec s;
+JpegRecipe jpegRecipe(JpegColour colour, int lumaH = 2, int lumaV = 2) {
+    JpegRecipe s;
     s.colour = colour;
     s.lumaH = lumaH;
     s.lumaV = lumaV;
     return s;
 }
 
-void addJpeg(Corpus& c, const std::string& name, const JpegSpec& s, Tags more = {}) {
+void addJpeg(Corpus& c, const std::string& name, const JpegRecipe& s, Tags more = {}) {
     c.add(name, encodeJpeg(s), Outcome::kDecoded, jpegTags(s) + more);
 }
 
 void addJpegCodings(Corpus& c) {
     for (const Sampling& sampling : kSamplings) {
-        JpegSpec s = jpegSpec(JpegColour::kYCbCr, sampling.h, sampling.v);
+        JpegRecipe s = jpegRecipe(JpegColour::kYCbCr, sampling.h, sampling.v);
         addJpeg(c, std::string("jpeg_") + sampling.name + "_baseline.jpg", s);
         s.progressive = true;
         addJpeg(c, std::string("jpeg_") + sampling.name + "_progressive.jpg", s);
     }
-    JpegSpec s = jpegSpec(JpegColour::kGrey);
+    JpegRecipe s = jpegRecipe(JpegColour::kGrey);
     addJpeg(c, "jpeg_grey_baseline.jpg", s);
     s.progressive = true;
     addJpeg(c, "jpeg_grey_progressive.jpg", s);
     s.arithmetic = true;
     addJpeg(c, "jpeg_grey_arithmetic_progressive.jpg", s);
-    s = jpegSpec(JpegColour::kGrey);
+    s = jpegRecipe(JpegColour::kGrey);
     s.arithmetic = true;
     addJpeg(c, "jpeg_grey_arithmetic.jpg", s);
-    s = jpegSpec(JpegColour::kGrey);
+    s = jpegRecipe(JpegColour::kGrey);
     s.restartInterval = 3;
     addJpeg(c, "jpeg_grey_restart.jpg", s);
     for (const Sampling& sampling : {kSamplings[0], kSamplings[2]}) {
-        s = jpegSpec(JpegColour::kYCbCr, sampling.h, sampling.v);
+        s = jpegRecipe(JpegColour::kYCbCr, sampling.h, sampling.v);
         s.arithmetic = true;
         addJpeg(c, std::string("jpeg_") + sampling.name + "_arithmetic.jpg", s);
         s.progressive = true;
@@ -1581,42 +1581,42 @@ void addJpegCodings(Corpus& c) {
 }
 
 void addJpegOptions(Corpus& c) {
-    JpegSpec s = jpegSpec(JpegColour::kYCbCr);
+    JpegRecipe s = jpegRecipe(JpegColour::kYCbCr);
     s.restartInterval = 1;
     addJpeg(c, "jpeg_420_restart_every_mcu.jpg", s);
-    s = jpegSpec(JpegColour::kYCbCr, 2, 1);
+    s = jpegRecipe(JpegColour::kYCbCr, 2, 1);
     s.restartRows = 1;
     addJpeg(c, "jpeg_422_restart_every_row.jpg", s);
-    s = jpegSpec(JpegColour::kYCbCr);
+    s = jpegRecipe(JpegColour::kYCbCr);
     s.restartInterval = 2;
     s.progressive = true;
     addJpeg(c, "jpeg_420_progressive_restart.jpg", s);
-    s = jpegSpec(JpegColour::kYCbCr);
+    s = jpegRecipe(JpegColour::kYCbCr);
     s.restartInterval = 2;
     s.arithmetic = true;
     addJpeg(c, "jpeg_420_arithmetic_restart.jpg", s);
-    s = jpegSpec(JpegColour::kYCbCr);
+    s = jpegRecipe(JpegColour::kYCbCr);
     s.optimize = true;
     addJpeg(c, "jpeg_420_optimized.jpg", s);
-    s = jpegSpec(JpegColour::kYCbCr, 1, 1);
+    s = jpegRecipe(JpegColour::kYCbCr, 1, 1);
     s.quality = 100;
     addJpeg(c, "jpeg_444_quality_100.jpg", s);
-    s = jpegSpec(JpegColour::kYCbCr);
+    s = jpegRecipe(JpegColour::kYCbCr);
     s.quality = 5;
     addJpeg(c, "jpeg_420_quality_5.jpg", s);
-    s = jpegSpec(JpegColour::kYCbCr);
+    s = jpegRecipe(JpegColour::kYCbCr);
     s.jfif = false;
     addJpeg(c, "jpeg_420_no_jfif.jpg", s);
-    s = jpegSpec(JpegColour::kRgb);
+    s = jpegRecipe(JpegColour::kRgb);
     addJpeg(c, "jpeg_rgb.jpg", s);
     s.progressive = true;
     addJpeg(c, "jpeg_rgb_progressive.jpg", s);
-    s = jpegSpec(JpegColour::kCmyk);
+    s = jpegRecipe(JpegColour::kCmyk);
     addJpeg(c, "jpeg_cmyk.jpg", s);
     s.progressive = true;
     addJpeg(c, "jpeg_cmyk_progressive.jpg", s);
-    addJpeg(c, "jpeg_ycck.jpg", jpegSpec(JpegColour::kYcck));
-    const JpegSpec two = jpegSpec(JpegColour::kTwo);
+    addJpeg(c, "jpeg_ycck.jpg", jpegRecipe(JpegColour::kYcck));
+    const JpegRecipe two = jpegRecipe(JpegColour::kTwo);
     c.add("jpeg_two_components.jpg", encodeJpeg(two), Outcome::kEither, jpegTags(two));
 }
 
@@ -1633,7 +1633,7 @@ void addJpegSizes(Corpus& c) {
         {JpegColour::kYCbCr, 4, 1, 33, 3, true}, {JpegColour::kYCbCr, 1, 2, 3, 33, false},
     };
     for (const Size& size : kSizes) {
-        JpegSpec s = jpegSpec(size.colour, size.h, size.v);
+        JpegRecipe s = jpegRecipe(size.colour, size.h, size.v);
         s.width = size.width;
         s.height = size.height;
         s.progressive = size.progressive;
@@ -1654,8 +1654,8 @@ Bytes xmpSegment() {
 }
 
 // Camera-like files: the EXIF segment first, no JFIF.
-JpegSpec exifJpeg(const std::vector<Bytes>& app1, JpegColour colour = JpegColour::kYCbCr) {
-    JpegSpec s = jpegSpec(colour);
+JpegRecipe exifJpeg(const std::vector<Bytes>& app1, JpegColour colour = JpegColour::kYCbCr) {
+    JpegRecipe s = jpegRecipe(colour);
     s.jfif = false;
     s.app1 = app1;
     return s;
@@ -1672,7 +1672,7 @@ void addJpegExif(Corpus& c) {
             {"exif", "orientation=6"});
     addJpeg(c, "jpeg_exif_mm_o5.jpg", exifJpeg({exifSegment(5, EXIF_BYTE_ORDER_MOTOROLA)}),
             {"exif", "orientation=5"});
-    JpegSpec s = exifJpeg({o6});
+    JpegRecipe s = exifJpeg({o6});
     s.jfif = true;
     addJpeg(c, "jpeg_exif_after_jfif_o6.jpg", s, {"exif", "orientation=6"});
     // Only the first APP1 segment is looked at for EXIF: these two have none to
@@ -1707,7 +1707,7 @@ void addJpegOddExif(Corpus& c) {
         }
     }
     // Segments after the first scan come too late to be read for EXIF.
-    JpegSpec progressive = exifJpeg({});
+    JpegRecipe progressive = exifJpeg({});
     progressive.progressive = true;
     const Bytes progressiveJpeg = encodeJpeg(progressive);
     const Bytes o6 = exifSegment(6);
@@ -1744,40 +1744,40 @@ std::vector<Cut> jpegCuts(const Bytes& jpeg, bool progressive) {
 
 struct JpegSource {
     const char* name;
-    JpegSpec spec;
+    JpegRecipe recipe;
 };
 
 std::vector<JpegSource> jpegDamageSources() {
-    JpegSpec progressive = jpegSpec(JpegColour::kYCbCr);
+    JpegRecipe progressive = jpegRecipe(JpegColour::kYCbCr);
     progressive.progressive = true;
-    JpegSpec restart = jpegSpec(JpegColour::kYCbCr);
+    JpegRecipe restart = jpegRecipe(JpegColour::kYCbCr);
     restart.restartInterval = 1;
-    JpegSpec arithmetic = jpegSpec(JpegColour::kYCbCr);
+    JpegRecipe arithmetic = jpegRecipe(JpegColour::kYCbCr);
     arithmetic.arithmetic = true;
-    return {{"420", jpegSpec(JpegColour::kYCbCr)},
+    return {{"420", jpegRecipe(JpegColour::kYCbCr)},
             {"progressive", progressive},
-            {"grey", jpegSpec(JpegColour::kGrey)},
+            {"grey", jpegRecipe(JpegColour::kGrey)},
             {"restart", restart},
             {"arithmetic", arithmetic},
-            {"cmyk", jpegSpec(JpegColour::kCmyk)}};
+            {"cmyk", jpegRecipe(JpegColour::kCmyk)}};
 }
 
 void addJpegTruncated(Corpus& c) {
     for (const JpegSource& source : jpegDamageSources()) {
-        const Bytes jpeg = encodeJpeg(source.spec);
-        for (const Cut& cut : jpegCuts(jpeg, source.spec.progressive)) {
+        const Bytes jpeg = encodeJpeg(source.recipe);
+        for (const Cut& cut : jpegCuts(jpeg, source.recipe.progressive)) {
             const bool header = std::strcmp(cut.where, "header") == 0;
             c.add(std::string("jpeg_") + source.name + "_cut_" + cut.name + ".jpg",
                   jpeg.substr(0, cut.at), header ? Outcome::kRefused : Outcome::kEither,
-                  jpegTags(source.spec) + Tags{"truncated", std::string("cut=") + cut.where});
+                  jpegTags(source.recipe) + Tags{"truncated", std::string("cut=") + cut.where});
         }
         c.add(std::string("jpeg_") + source.name + "_flipped_bytes.jpg",
               flipScanBytes(jpeg, {0.25, 0.5, 0.75}), Outcome::kEither,
-              jpegTags(source.spec) + Tags{"corrupt"});
+              jpegTags(source.recipe) + Tags{"corrupt"});
     }
 }
 
-void addJpegBadHeaders(Corpus& c, const JpegSpec& s, const Bytes& jpeg) {
+void addJpegBadHeaders(Corpus& c, const JpegRecipe& s, const Bytes& jpeg) {
     const Tags tags = jpegTags(s) + Tags{"corrupt"};
     c.add("jpeg_zero_width.jpg", patchFrameSize(jpeg, 0, kHeight), Outcome::kRefused, tags);
     c.add("jpeg_zero_height.jpg", patchFrameSize(jpeg, kWidth, 0), Outcome::kRefused, tags);
@@ -1801,10 +1801,10 @@ void addJpegBadHeaders(Corpus& c, const JpegSpec& s, const Bytes& jpeg) {
 }
 
 void addJpegCorrupt(Corpus& c) {
-    const JpegSpec s = jpegSpec(JpegColour::kYCbCr);
+    const JpegRecipe s = jpegRecipe(JpegColour::kYCbCr);
     const Bytes jpeg = encodeJpeg(s);
     addJpegBadHeaders(c, s, jpeg);
-    JpegSpec restart = s;
+    JpegRecipe restart = s;
     restart.restartInterval = 1;
     Bytes b = encodeJpeg(restart);
     const size_t rst = b.find("\xff\xd1", findSegment(b, kSos).dataStart);
@@ -1829,7 +1829,7 @@ void addJpegCorrupt(Corpus& c) {
     noRestart.erase(rst, 2);
     c.add("jpeg_restart_marker_missing.jpg", noRestart, Outcome::kEither,
           jpegTags(restart) + Tags{"corrupt"});
-    JpegSpec extended = s;
+    JpegRecipe extended = s;
     extended.quality = 1;
     extended.forceBaseline = false;
     const Bytes extendedJpeg = encodeJpeg(extended);
@@ -1843,9 +1843,9 @@ void addJpegCorrupt(Corpus& c) {
 // single-scan file has all its rows by then, a progressive one none.
 void addJpegSegmentsAfterScan(Corpus& c) {
     const Bytes badTable = Bytes("\xff\xc4\x00\x13\x00", 5) + Bytes(16, '\xff');
-    JpegSpec progressive = jpegSpec(JpegColour::kYCbCr);
+    JpegRecipe progressive = jpegRecipe(JpegColour::kYCbCr);
     progressive.progressive = true;
-    for (const JpegSpec& s : {jpegSpec(JpegColour::kYCbCr), progressive}) {
+    for (const JpegRecipe& s : {jpegRecipe(JpegColour::kYCbCr), progressive}) {
         const Bytes jpeg = encodeJpeg(s);
         const size_t eoi = findSegment(jpeg, kEoi).offset;
         const Segment sof = startOfFrame(jpeg);
@@ -1863,7 +1863,7 @@ void addJpegSegmentsAfterScan(Corpus& c) {
 void addBounds(Corpus& c) {
     const Tags at{"at-bound"};
     const Tags over{"over-bound"};
-    PngSpec s = pngLayout(PNG_COLOR_TYPE_GRAY, 8);
+    PngRecipe s = pngLayout(PNG_COLOR_TYPE_GRAY, 8);
     s.width = 256;
     s.height = 256;
     addPng(c, s, "", at);
@@ -1882,17 +1882,17 @@ void addBounds(Corpus& c) {
     c.add("png_header_1048577x1.png", patchSize(png, 1048577, 1), Outcome::kRefused, pngCorrupt);
     c.add("png_header_300x300.png", patchSize(png, 300, 300), Outcome::kRefused, pngCorrupt);
 
-    JpegSpec j = jpegSpec(JpegColour::kGrey);
+    JpegRecipe j = jpegRecipe(JpegColour::kGrey);
     j.width = 256;
     j.height = 256;
     j.quality = 20;  // small files: only the size matters here
     addJpeg(c, "jpeg_grey_256x256.jpg", j, at);
-    j = jpegSpec(JpegColour::kYCbCr);
+    j = jpegRecipe(JpegColour::kYCbCr);
     j.width = 257;
     j.height = 256;
     j.quality = 20;
     c.add("jpeg_colour_257x256.jpg", encodeJpeg(j), Outcome::kRefused, jpegTags(j) + over);
-    j = jpegSpec(JpegColour::kYCbCr);
+    j = jpegRecipe(JpegColour::kYCbCr);
     const Bytes jpeg = encodeJpeg(j);
     const Tags jpegCorrupt = jpegTags(j) + Tags{"corrupt"} + over;
     c.add("jpeg_frame_65000x65000.jpg", patchFrameSize(jpeg, 65000, 65000), Outcome::kRefused,
@@ -1916,7 +1916,7 @@ void addOtherFormats(Corpus& c) {
     Bytes notPng = encodePng(pngLayout(PNG_COLOR_TYPE_RGB, 8));
     notPng[1] = 'p';
     c.add("unknown_png_signature_wrong.png", notPng, Outcome::kRefused, {"unknown"});
-    Bytes notJpeg = encodeJpeg(jpegSpec(JpegColour::kYCbCr));
+    Bytes notJpeg = encodeJpeg(jpegRecipe(JpegColour::kYCbCr));
     notJpeg[2] = '\0';
     c.add("unknown_jpeg_signature_wrong.jpg", notJpeg, Outcome::kRefused, {"unknown"});
 }
