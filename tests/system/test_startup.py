@@ -1,5 +1,4 @@
 """Process entry: command line, device properties, configuration search, SIGTERM."""
-import errno
 import json
 import os
 import random
@@ -164,42 +163,44 @@ def test_sigterm_while_animating_shuts_down_gracefully_every_time(daemon):
         assert daemon.stdout() == "SIGTERM received\n"
 
 
-def open_fifo_once_read(path, process, timeout=20):
-    """Opens the FIFO `path` for writing as soon as a reader has it open, and
-    returns the descriptor; None when `process` ends or the time runs out first.
-    The reader's open returns with ours, and its reads wait for what we write."""
+def wait_until_held_in_fifo_open(process, timeout=20):
+    """Whether `process` comes to wait in the open of a FIFO that has no writer
+    (the kernel's wait_for_partner) before it ends or the time runs out."""
     deadline = time.monotonic() + timeout
     while process.poll() is None and time.monotonic() < deadline:
         try:
-            return os.open(path, os.O_WRONLY | os.O_NONBLOCK)
-        except OSError as error:
-            if error.errno != errno.ENXIO:  # ENXIO: nobody reads it yet
-                raise
+            with open(f"/proc/{process.pid}/wchan") as f:
+                if f.read() == "wait_for_partner":
+                    return True
+        except OSError:
+            pass
         time.sleep(0.01)
-    return None
+    return False
 
 
 def test_sigterm_while_start_up_reads_the_backlight_kills_the_daemon(daemon):
-    # The engine's set-up reads the backlight's max_brightness before the
+    # The engine's set-up opens the backlight's max_brightness before the
     # SIGTERM handler exists; made a FIFO, that file holds the daemon in its open
-    # for as long as the test writes nothing, so the signal has its default
-    # effect: the daemon ends by it, without a word of shutting down. (The
-    # backlight's files are the kernel's; the files whose names others control,
-    # images, screens files and the device properties, are refused when they
-    # are not regular files.)
+    # for as long as no writer comes, so the signal has its default effect: the
+    # daemon ends by it, without a word of shutting down. (The backlight's files
+    # are the kernel's; the files whose names others control, images, screens
+    # files and the device properties, are refused when they are not regular
+    # files.) The signal is sent while the open waits: once a writer comes, the
+    # read that follows fails at once on a FIFO and start-up ends on its own.
     daemon.install_example()
     max_brightness = os.path.join(daemon.backlight, "max_brightness")
     os.remove(max_brightness)
     os.mkfifo(max_brightness)
     daemon.start(wait=False)
-    writer = open_fifo_once_read(max_brightness, daemon.process)
-    assert writer is not None, "the daemon never opened its backlight:\n" + daemon.log()
+    held = wait_until_held_in_fifo_open(daemon.process)
+    assert held, "the daemon never waited in the open of its backlight:\n" + daemon.log()
+    daemon.process.send_signal(signal.SIGTERM)
     try:
-        daemon.process.send_signal(signal.SIGTERM)
-    finally:
-        # A daemon that outlived the signal now reads an empty file and stops.
-        os.close(writer)
-    status = daemon.process.wait(20)
+        status = daemon.process.wait(5)
+    except subprocess.TimeoutExpired:
+        # A daemon that outlived the signal is let go, then fails the test.
+        os.close(os.open(max_brightness, os.O_WRONLY | os.O_NONBLOCK))
+        status = daemon.process.wait(20)
     assert status == -signal.SIGTERM, daemon.log()
     assert daemon.stdout() == ""
     log = daemon.log()
