@@ -10,6 +10,7 @@
 #include <opencv2/core.hpp>
 #include <string>
 
+#include "DrmPanel.h"
 #include "GuiBackLight.h"
 #include "GuiConfig.h"
 #include "GuiScreen.h"
@@ -26,6 +27,9 @@ namespace dravik::lcmgui {
 
 // The panel's framebuffer on the camera, unless the command line names another.
 inline constexpr const char kDefaultDevice[] = "/dev/fb2";
+// A DRM device may be followed by this and a connector's name ("HDMI-A-1") or
+// number to drive that connector: "/dev/dri/card0:DSI-1".
+inline constexpr char kConnectorSeparator = ':';
 
 // The screen on show and the runtime data of its animation.
 struct GuiAnimStateDesc {
@@ -52,6 +56,8 @@ public:
     // Brings the panel up: backlight, device, screen information, mapping,
     // colour path, drawing buffer, fonts, start-up screen. An empty `device`
     // keeps kDefaultDevice; a negative `brightness` leaves the backlight alone.
+    // A DRM device (character major 226) is driven through KMS instead of the
+    // framebuffer calls; everything above the panel is the same.
     [[nodiscard]] bool init(const std::string& device, const std::string& guiId,
                             signed char brightness);
 
@@ -133,6 +139,10 @@ private:
 
     void boundImageSize();
     [[nodiscard]] bool openDevice();
+    [[nodiscard]] bool startDrm();
+    // Converts the w x h rectangle at (x, y) of the drawing buffer into the
+    // panel memory at fbMem.
+    void convertRect(unsigned x, unsigned y, unsigned w, unsigned h);
     [[nodiscard]] bool readFixedInfo();
     [[nodiscard]] bool readVariableInfo();
     [[nodiscard]] bool mapMemory();
@@ -175,6 +185,9 @@ private:
     unsigned screenHeight() const { return fbVar.yres; }
 
     std::string devicePath;
+    std::string connector;  // the DRM connector asked for; empty: the first connected
+    DrmPanel drmPanel;
+    bool drm = false;  // the panel is driven by drmPanel, whose memory fbMem points into
     std::string guiRoot;
     uint32_t lutRed[256] = {};
     uint32_t lutGreen[256] = {};

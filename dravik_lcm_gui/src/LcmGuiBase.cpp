@@ -78,7 +78,7 @@ LcmGui::LcmGui(GuiConfig& config) : devicePath(kDefaultDevice), config(config) {
 }
 
 LcmGui::~LcmGui() {
-    if (fbMem != nullptr) {
+    if (fbMem != nullptr && !drm) {
         munmap(fbMem, fbSize);
     }
     if (fbFd >= 0) {
@@ -97,6 +97,10 @@ bool LcmGui::init(const std::string& device, const std::string& guiId, signed ch
     if (!openDevice()) {
         DRAVIK_LOG(logger::kError, 0, "Unable to open %s", devicePath.c_str());
         return false;
+    }
+    if (DrmPanel::isDrmDevice(fbFd)) {
+        return startDrm() && startDrawing() &&
+               ((guiId.empty() && brightness < 0) || showStartupScreen(guiId, brightness));
     }
     if (!readFixedInfo()) {
         DRAVIK_LOG(logger::kError, 0, "Get fixed screen info failed");
@@ -195,7 +199,52 @@ void LcmGui::boundImageSize() {
 
 bool LcmGui::openDevice() {
     fbFd = open(devicePath.c_str(), O_RDWR);
-    return fbFd >= 0;
+    if (fbFd >= 0) {
+        return true;
+    }
+    // "/dev/dri/card0:DSI-1": a DRM device and the connector to drive.
+    const auto separator = devicePath.rfind(kConnectorSeparator);
+    if (errno != ENOENT || separator == std::string::npos) {
+        return false;
+    }
+    const std::string path = devicePath.substr(0, separator);
+    fbFd = open(path.c_str(), O_RDWR | O_CLOEXEC);
+    if (fbFd >= 0 && !DrmPanel::isDrmDevice(fbFd)) {
+        close(fbFd);
+        fbFd = -1;
+        errno = ENODEV;
+    }
+    if (fbFd < 0) {
+        return false;
+    }
+    connector = devicePath.substr(separator + 1);
+    devicePath = path;
+    return true;
+}
+
+// The panel's size, format and line length come from the mode and the buffer
+// format chosen; from there on it is a truecolor framebuffer to the engine.
+bool LcmGui::startDrm() {
+    const int fd = fbFd;
+    fbFd = -1;  // drmPanel owns the descriptor from here on
+    if (!drmPanel.start(fd, devicePath, connector)) {
+        return false;
+    }
+    drm = true;
+    fbVar = drmPanel.panelFormat();
+    fbFix = {};
+    fbFix.visual = FB_VISUAL_TRUECOLOR;
+    fbFix.line_length = drmPanel.lineLength();
+    fbSize = drmPanel.bufferSize();
+    DRAVIK_LOG(logger::kInfo, 0, "FB: %dx%d, bits_per_pixel %d, fbSize: %d", fbVar.xres, fbVar.yres,
+               fbVar.bits_per_pixel, static_cast<int>(fbSize));
+    boundImageSize();
+    fbMem = drmPanel.beginFrame();
+    if (!prepareColourPath()) {
+        DRAVIK_LOG(logger::kError, 0, "Oops: %i bit/pixel ???", fbVar.bits_per_pixel);
+        return false;
+    }
+    return true;
 }
 
 bool LcmGui::readFixedInfo() {
@@ -338,10 +387,32 @@ bool LcmGui::showBuf(unsigned x, unsigned y, unsigned w, unsigned h) {
         w = columns;
         h = rows;
     }
-    const unsigned lines = std::min(h, rows);
-    if (static_cast<uint64_t>(lines) * columns * 3 == 0) {
+    if (static_cast<uint64_t>(std::min(h, rows)) * columns * 3 == 0) {
         return true;
     }
+    if (!drm) {
+        convertRect(x, y, w, h);
+        return true;
+    }
+    // The buffer drawn into may have missed rectangles drawn into the other
+    // one; a frame that did not reach the display is drawn once more.
+    const PanelRect rect{x, y, w, h};
+    for (int round = 0; round < 2; ++round) {
+        fbMem = drmPanel.beginFrame();
+        for (const auto& stale : drmPanel.staleRects()) {
+            convertRect(stale.x, stale.y, stale.w, stale.h);
+        }
+        convertRect(x, y, w, h);
+        if (drmPanel.present(rect)) {
+            break;
+        }
+    }
+    return true;
+}
+
+void LcmGui::convertRect(unsigned x, unsigned y, unsigned w, unsigned h) {
+    const auto columns = static_cast<unsigned>(displayBuf.cols);
+    const unsigned lines = std::min(h, static_cast<unsigned>(displayBuf.rows));
     const unsigned bytesPerPixel = (fbVar.bits_per_pixel + 7) / 8;
     for (unsigned i = 0; i < lines; ++i) {
         unsigned char* src = displayBuf.data + ((static_cast<size_t>(y) + i) * columns + x) * 3;
@@ -349,7 +420,6 @@ bool LcmGui::showBuf(unsigned x, unsigned y, unsigned w, unsigned h) {
             fbMem + (static_cast<size_t>(y) + i) * fbFix.line_length + size_t{bytesPerPixel} * x;
         (void)convertLine(fbVar.bits_per_pixel, i, w, dst, src);  // depth was checked by init
     }
-    return true;
 }
 
 bool LcmGui::getOffsetXY(unsigned& x, unsigned& y, unsigned w, unsigned h, AlignHor alignHor,
