@@ -84,6 +84,7 @@ def test_the_daemons_package_holds_aarch64_programs_unit_policy_and_examples(pac
                  "./usr/lib/systemd/system/dravik_lcm_gui.service",
                  "./usr/lib/sysusers.d/dravik_lcm_gui.conf",
                  "./usr/lib/udev/rules.d/70-dravik-backlight.rules",
+                 "./usr/lib/udev/rules.d/70-dravik-drm.rules",
                  "./usr/share/dbus-1/system.d/dravik.ipc.dravik_lcm_gui.conf",
                  "./usr/share/dravik_lcm_gui/examples/dravik_lcm_gui.json"):
         assert path in files, path
