@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <sstream>
 #include <stdexcept>
 #include <system_error>
 
@@ -37,12 +38,81 @@ void copyPath(char (&field)[kPathMax], const std::string& path) {
     }
 }
 
-PanelDesc toDesc(const std::string& device, const std::string& file, const Geometry& geometry) {
+void toDrmDesc(const DrmOptions& options, DrmDesc& drm) {
+    if (options.connectors.empty() || options.connectors.size() > kMaxConnectors) {
+        throw std::invalid_argument("fakefb: a DRM panel has 1 to " +
+                                    std::to_string(kMaxConnectors) + " connectors");
+    }
+    for (const Connector& connector : options.connectors) {
+        ConnectorDesc& desc = drm.connectors[drm.connectorCount++];
+        if (!parseConnectorName(connector.name.c_str(), desc)) {
+            throw std::invalid_argument("fakefb: unknown connector name " + connector.name);
+        }
+        desc.connected = connector.connected;
+    }
+    drm.vblank = options.vblank;
+    drm.flipCompletes = options.flipCompletes;
+    drm.master = options.master;
+    drm.dumbBuffers = options.dumbBuffers;
+    drm.closeFb = options.closeFb;
+    if (!options.orientation.empty() &&
+        !parseOrientation(options.orientation.c_str(), drm.orientation)) {
+        throw std::invalid_argument("fakefb: unknown orientation " + options.orientation);
+    }
+}
+
+PanelDesc toDesc(const std::string& device, const std::string& file, const Geometry& geometry,
+                 const DrmOptions* drm) {
     PanelDesc panelDesc;
     copyPath(panelDesc.device, device);
     copyPath(panelDesc.file, file);
     panelDesc.geometry = geometry;
+    if (drm != nullptr) {
+        panelDesc.kind = PanelKind::drm;
+        toDrmDesc(*drm, panelDesc.drm);
+    }
     return panelDesc;
+}
+
+uint32_t parseNumber(const std::string& text, const std::string& line) {
+    uint32_t value = 0;
+    if (!parseUnsigned(text.c_str(), value)) {
+        throw std::runtime_error("fakefb: bad number \"" + text + "\" in damage record: " + line);
+    }
+    return value;
+}
+
+std::vector<uint32_t> parseNumbers(const std::string& text, const std::string& line) {
+    std::vector<uint32_t> numbers;
+    std::istringstream items(text);
+    for (std::string item; std::getline(items, item, ',');) {
+        numbers.push_back(parseNumber(item, line));
+    }
+    return numbers;
+}
+
+DamageRecord parseDamageLine(const std::string& line) {
+    std::istringstream words(line);
+    DamageRecord record;
+    words >> record.kind;
+    for (std::string word; words >> word;) {
+        const auto eq = word.find('=');
+        const std::string value = eq == std::string::npos ? "" : word.substr(eq + 1);
+        if (word.compare(0, eq, "fb") == 0 && eq == 2) {
+            record.fb = parseNumber(value, line);
+        } else if (word.compare(0, eq, "crtc") == 0 && eq == 4) {
+            record.crtc = parseNumber(value, line);
+        } else if (word.compare(0, eq, "conn") == 0 && eq == 4) {
+            record.connectors = parseNumbers(value, line);
+        } else if (word == "pending") {
+            record.pending = true;
+        } else if (const auto n = parseNumbers(word, line); n.size() == 4) {
+            record.rects.push_back({n[0], n[1], n[2], n[3]});
+        } else {
+            throw std::runtime_error("fakefb: unknown word \"" + word + "\" in damage record");
+        }
+    }
+    return record;
 }
 
 void writeDesc(const PanelDesc& panelDesc, const std::string& path) {
@@ -69,13 +139,21 @@ Geometry Geometry::forDepth(uint32_t bpp, uint32_t width, uint32_t height) {
 }
 
 Panel::Panel(std::string device, const Geometry& geometry)
+    : Panel(std::move(device), geometry, nullptr) {}
+
+Panel::Panel(std::string device, const Geometry& geometry, const DrmOptions& drm)
+    : Panel(std::move(device), geometry, &drm) {}
+
+Panel::Panel(std::string device, const Geometry& geometry, const DrmOptions* drm)
     : dir_(makeTempDir()),
       device_(std::move(device)),
       backingFile_(dir_ + "/panel.raw"),
       geometryFile_(backingFile_ + ".geom"),
-      geometry_(geometry) {
+      damageFile_(backingFile_ + ".damage"),
+      geometry_(geometry),
+      drm_(drm != nullptr) {
     try {
-        writeDesc(toDesc(device_, backingFile_, geometry_), geometryFile_);
+        writeDesc(toDesc(device_, backingFile_, geometry_, drm), geometryFile_);
     } catch (...) {
         std::error_code ignored;  // best effort: the reason is in the exception
         std::filesystem::remove_all(dir_, ignored);
@@ -141,6 +219,19 @@ ColourMap Panel::colourMap() const {
     map.transp.assign(record.transp, record.transp + kCmapEntries);
     map.writes = record.writes;
     return map;
+}
+
+std::vector<DamageRecord> Panel::damage() const {
+    std::string text;
+    (void)readWholeFile(damageFile_, text);  // no record yet: nothing happened
+    std::vector<DamageRecord> records;
+    std::istringstream lines(text);
+    for (std::string line; std::getline(lines, line);) {
+        if (!line.empty()) {
+            records.push_back(parseDamageLine(line));
+        }
+    }
+    return records;
 }
 
 std::string libraryPath() {

@@ -38,6 +38,53 @@ constexpr VisualNameEntry kVisualNames[] = {
     {"directcolor", Visual::directcolor},
 };
 
+// Connector types as the kernel numbers (DRM_MODE_CONNECTOR_* in drm_mode.h) and
+// names them (drm_connector_enum_list), with the type of encoder that drives each.
+// The numbers are written out so that the tools need no DRM headers.
+struct ConnectorTypeEntry {
+    const char* name;
+    uint32_t type;
+    uint32_t encoderType;  // DRM_MODE_ENCODER_*
+};
+
+constexpr uint32_t kEncoderNone = 0;
+constexpr uint32_t kEncoderDac = 1;
+constexpr uint32_t kEncoderTmds = 2;
+constexpr uint32_t kEncoderLvds = 3;
+constexpr uint32_t kEncoderTvDac = 4;
+constexpr uint32_t kEncoderVirtual = 5;
+constexpr uint32_t kEncoderDsi = 6;
+constexpr uint32_t kEncoderDpi = 8;
+
+constexpr ConnectorTypeEntry kConnectorTypes[] = {
+    {"Unknown", 0, kEncoderNone},     {"VGA", 1, kEncoderDac},   {"DVI-I", 2, kEncoderTmds},
+    {"DVI-D", 3, kEncoderTmds},       {"DVI-A", 4, kEncoderDac}, {"Composite", 5, kEncoderTvDac},
+    {"SVIDEO", 6, kEncoderTvDac},     {"LVDS", 7, kEncoderLvds}, {"Component", 8, kEncoderTvDac},
+    {"DIN", 9, kEncoderTvDac},        {"DP", 10, kEncoderTmds},  {"HDMI-A", 11, kEncoderTmds},
+    {"HDMI-B", 12, kEncoderTmds},     {"TV", 13, kEncoderTvDac}, {"eDP", 14, kEncoderTmds},
+    {"Virtual", 15, kEncoderVirtual}, {"DSI", 16, kEncoderDsi},  {"DPI", 17, kEncoderDpi},
+    {"SPI", 19, kEncoderNone},        {"USB", 20, kEncoderNone},
+};
+
+constexpr uint32_t kVirtualConnector = 15;
+
+struct OrientationEntry {
+    const char* name;
+    Orientation orientation;
+};
+
+constexpr OrientationEntry kOrientations[] = {
+    {"normal", Orientation::normal},
+    {"upside_down", Orientation::upsideDown},
+    {"left_up", Orientation::leftUp},
+    {"right_up", Orientation::rightUp},
+};
+
+constexpr uint32_t fourcc(char a, char b, char c, char d) {
+    return static_cast<uint32_t>(a) | static_cast<uint32_t>(b) << 8 |
+           static_cast<uint32_t>(c) << 16 | static_cast<uint32_t>(d) << 24;
+}
+
 constexpr uint32_t kMaxDimension = 16384;
 constexpr uint64_t kMaxFrameSize = 256ull * 1024 * 1024;
 
@@ -99,6 +146,7 @@ struct DescParse {
     const char* baseDir;
     unsigned given = kGivenNone;
     unsigned channelsSeen = 0;
+    const char* drmKey = nullptr;  // a key that only a DRM panel takes, if any
 };
 
 using KeyParser = bool (*)(DescParse& parse, const char* value);
@@ -147,6 +195,54 @@ bool parseType(DescParse& /*parse*/, const char* v) {
     return strcmp(v, "packed_pixels") == 0;
 }
 
+bool parseYesNo(const char* v, bool& value) {
+    if (strcmp(v, "yes") == 0 || strcmp(v, "no") == 0) {
+        value = v[0] == 'y';
+        return true;
+    }
+    return false;
+}
+
+bool parseKind(DescParse& p, const char* v) {
+    if (strcmp(v, "fb") == 0 || strcmp(v, "drm") == 0) {
+        p.panelDesc.kind = v[0] == 'd' ? PanelKind::drm : PanelKind::fb;
+        return true;
+    }
+    return false;
+}
+bool parseConnectorsKey(DescParse& p, const char* v) {
+    p.drmKey = "connectors";
+    return parseConnectors(v, p.panelDesc.drm);
+}
+bool parseVblank(DescParse& p, const char* v) {
+    p.drmKey = "vblank";
+    return parseYesNo(v, p.panelDesc.drm.vblank);
+}
+bool parseFlip(DescParse& p, const char* v) {
+    p.drmKey = "flip";
+    if (strcmp(v, "complete") == 0 || strcmp(v, "never") == 0) {
+        p.panelDesc.drm.flipCompletes = v[0] == 'c';
+        return true;
+    }
+    return false;
+}
+bool parseMaster(DescParse& p, const char* v) {
+    p.drmKey = "master";
+    return parseYesNo(v, p.panelDesc.drm.master);
+}
+bool parseDumb(DescParse& p, const char* v) {
+    p.drmKey = "dumb";
+    return parseYesNo(v, p.panelDesc.drm.dumbBuffers);
+}
+bool parseCloseFb(DescParse& p, const char* v) {
+    p.drmKey = "closefb";
+    return parseYesNo(v, p.panelDesc.drm.closeFb);
+}
+bool parseOrientationKey(DescParse& p, const char* v) {
+    p.drmKey = "orientation";
+    return parseOrientation(v, p.panelDesc.drm.orientation);
+}
+
 struct KeyEntry {
     const char* key;
     KeyParser parse;
@@ -159,6 +255,10 @@ constexpr KeyEntry kKeys[] = {
     {"green", parseGreen},      {"blue", parseBlue},
     {"transp", parseTransp},    {"line_length", parseLineLength},
     {"visual", parseVisualKey}, {"type", parseType},
+    {"kind", parseKind},        {"connectors", parseConnectorsKey},
+    {"vblank", parseVblank},    {"flip", parseFlip},
+    {"master", parseMaster},    {"dumb", parseDumb},
+    {"closefb", parseCloseFb},  {"orientation", parseOrientationKey},
 };
 
 const KeyEntry* findKey(const char* key) {
@@ -245,6 +345,49 @@ bool validateGeometry(const Geometry& g, char* error, std::size_t errorLen) {
     return true;
 }
 
+bool sameChannel(const Channel& a, const Channel& b) {
+    return a.offset == b.offset && a.length == b.length;
+}
+
+// A DRM panel shows its native format packed: no other layout, padding or visual.
+bool validateDrm(const PanelDesc& panelDesc, char* error, std::size_t errorLen) {
+    const Geometry& g = panelDesc.geometry;
+    Geometry usual = g;
+    if (g.bpp != 16 && g.bpp != 32) {
+        setError(error, errorLen, "a DRM panel has 16 bpp (RGB565) or 32 bpp (XRGB8888), not %u",
+                 g.bpp);
+        return false;
+    }
+    (void)applyDepthDefaults(usual, kGivenNone);  // 16 and 32 are known depths
+    if (!sameChannel(usual.red, g.red) || !sameChannel(usual.green, g.green) ||
+        !sameChannel(usual.blue, g.blue) || !sameChannel(usual.transp, g.transp) ||
+        usual.lineLength != g.lineLength || usual.visual != g.visual) {
+        setError(
+            error, errorLen,
+            "a DRM panel has the usual layout of its depth, no padding and a truecolor visual");
+        return false;
+    }
+    const DrmDesc& drm = panelDesc.drm;
+    if (drm.connectorCount == 0 || drm.connectorCount > kMaxConnectors) {
+        setError(error, errorLen, "a DRM panel has 1 to %u connectors", kMaxConnectors);
+        return false;
+    }
+    for (unsigned i = 0; i < drm.connectorCount; ++i) {
+        for (unsigned j = 0; j < i; ++j) {
+            if (drm.connectors[i].type == drm.connectors[j].type &&
+                drm.connectors[i].typeIndex == drm.connectors[j].typeIndex) {
+                setError(error, errorLen, "two connectors have the same name");
+                return false;
+            }
+        }
+    }
+    if (orientationName(drm.orientation) == nullptr && drm.orientation != Orientation::none) {
+        setError(error, errorLen, "unknown orientation");
+        return false;
+    }
+    return true;
+}
+
 }  // namespace
 
 bool applyDepthDefaults(Geometry& geometry, unsigned given) {
@@ -274,7 +417,10 @@ bool validateDesc(const PanelDesc& panelDesc, char* error, std::size_t errorLen)
         setError(error, errorLen, "device and file are both required");
         return false;
     }
-    return validateGeometry(panelDesc.geometry, error, errorLen);
+    if (!validateGeometry(panelDesc.geometry, error, errorLen)) {
+        return false;
+    }
+    return panelDesc.kind != PanelKind::drm || validateDrm(panelDesc, error, errorLen);
 }
 
 bool parseDesc(const char* text, std::size_t len, const char* baseDir, PanelDesc& panelDesc,
@@ -309,8 +455,55 @@ bool parseDesc(const char* text, std::size_t len, const char* baseDir, PanelDesc
         setError(error, errorLen, "bpp %u is not one of 8, 15, 16, 24, 32", panelDesc.geometry.bpp);
         return false;
     }
+    if (parse.drmKey != nullptr && panelDesc.kind != PanelKind::drm) {
+        setError(error, errorLen, "%s describes a DRM panel: add kind=drm", parse.drmKey);
+        return false;
+    }
+    if (panelDesc.kind == PanelKind::drm) {
+        applyDrmDefaults(panelDesc);
+    }
     return validateDesc(panelDesc, error, errorLen);
 }
+
+namespace {
+
+// Appends to buf (used bytes so far); the new length, or -1 when it does not fit.
+int append(char* buf, std::size_t bufLen, int used, const char* fmt, ...)
+    __attribute__((format(printf, 4, 5)));
+
+int append(char* buf, std::size_t bufLen, int used, const char* fmt, ...) {
+    if (used < 0 || static_cast<std::size_t>(used) >= bufLen) {
+        return -1;
+    }
+    va_list ap;
+    va_start(ap, fmt);
+    // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized): started just above
+    const int n = vsnprintf(buf + used, bufLen - used, fmt, ap);
+    va_end(ap);
+    return n < 0 || static_cast<std::size_t>(n) >= bufLen - used ? -1 : used + n;
+}
+
+int formatDrm(const DrmDesc& drm, char* buf, std::size_t bufLen, int used) {
+    used = append(buf, bufLen, used, "kind=drm\nconnectors=");
+    for (unsigned i = 0; i < drm.connectorCount; ++i) {
+        char name[48];
+        if (!connectorName(drm.connectors[i], name, sizeof name)) {
+            return -1;
+        }
+        used = append(buf, bufLen, used, "%s%s:%s", i == 0 ? "" : ",", name,
+                      drm.connectors[i].connected ? "connected" : "disconnected");
+    }
+    used = append(buf, bufLen, used, "\nvblank=%s\nflip=%s\nmaster=%s\ndumb=%s\nclosefb=%s\n",
+                  drm.vblank ? "yes" : "no", drm.flipCompletes ? "complete" : "never",
+                  drm.master ? "yes" : "no", drm.dumbBuffers ? "yes" : "no",
+                  drm.closeFb ? "yes" : "no");
+    if (drm.orientation != Orientation::none) {
+        used = append(buf, bufLen, used, "orientation=%s\n", orientationName(drm.orientation));
+    }
+    return used;
+}
+
+}  // namespace
 
 int formatDesc(const PanelDesc& panelDesc, char* buf, std::size_t bufLen) {
     const Geometry& g = panelDesc.geometry;
@@ -324,7 +517,10 @@ int formatDesc(const PanelDesc& panelDesc, char* buf, std::size_t bufLen) {
                            g.red.length, g.green.offset, g.green.length, g.blue.offset,
                            g.blue.length, g.transp.offset, g.transp.length, g.lineLength,
                            visual != nullptr ? visual : "truecolor");
-    return n >= 0 && static_cast<std::size_t>(n) < bufLen ? n : -1;
+    if (n < 0 || static_cast<std::size_t>(n) >= bufLen) {
+        return -1;
+    }
+    return panelDesc.kind == PanelKind::drm ? formatDrm(panelDesc.drm, buf, bufLen, n) : n;
 }
 
 bool parseUnsigned(const char* text, uint32_t& value) {
@@ -378,6 +574,111 @@ bool parseChannel(const char* text, Channel& channel) {
     }
     channel = parsed;
     return true;
+}
+
+bool parseConnectorName(const char* name, ConnectorDesc& connector) {
+    const char* dash = strrchr(name, '-');
+    if (dash == nullptr || dash == name) {
+        return false;
+    }
+    const std::size_t typeLen = dash - name;
+    uint32_t index = 0;
+    if (!parseUnsigned(dash + 1, index) || index == 0 || index > 255) {
+        return false;
+    }
+    for (const auto& entry : kConnectorTypes) {
+        if (strlen(entry.name) == typeLen && strncmp(entry.name, name, typeLen) == 0) {
+            connector.type = entry.type;
+            connector.typeIndex = index;
+            return true;
+        }
+    }
+    return false;
+}
+
+bool parseConnectors(const char* text, DrmDesc& drm) {
+    DrmDesc parsed = drm;
+    parsed.connectorCount = 0;
+    char item[64];
+    for (const char* pos = text;;) {
+        const char* comma = strchr(pos, ',');
+        const std::size_t n =
+            comma != nullptr ? static_cast<std::size_t>(comma - pos) : strlen(pos);
+        if (n == 0 || n >= sizeof item || parsed.connectorCount == kMaxConnectors) {
+            return false;
+        }
+        memcpy(item, pos, n);
+        item[n] = '\0';
+        char* colon = strchr(item, ':');
+        if (colon == nullptr) {
+            return false;
+        }
+        *colon = '\0';
+        ConnectorDesc& connector = parsed.connectors[parsed.connectorCount++];
+        if (!parseConnectorName(item, connector)) {
+            return false;
+        }
+        if (strcmp(colon + 1, "connected") != 0 && strcmp(colon + 1, "disconnected") != 0) {
+            return false;
+        }
+        connector.connected = colon[1] == 'c';
+        if (comma == nullptr) {
+            break;
+        }
+        pos = comma + 1;
+    }
+    drm = parsed;
+    return true;
+}
+
+bool connectorName(const ConnectorDesc& connector, char* buf, std::size_t bufLen) {
+    for (const auto& entry : kConnectorTypes) {
+        if (entry.type == connector.type) {
+            const int n = snprintf(buf, bufLen, "%s-%u", entry.name, connector.typeIndex);
+            return n > 0 && static_cast<std::size_t>(n) < bufLen;
+        }
+    }
+    return false;
+}
+
+uint32_t encoderTypeFor(uint32_t connectorType) {
+    for (const auto& entry : kConnectorTypes) {
+        if (entry.type == connectorType) {
+            return entry.encoderType;
+        }
+    }
+    return kEncoderNone;
+}
+
+bool parseOrientation(const char* name, Orientation& orientation) {
+    for (const auto& entry : kOrientations) {
+        if (strcmp(entry.name, name) == 0) {
+            orientation = entry.orientation;
+            return true;
+        }
+    }
+    return false;
+}
+
+const char* orientationName(Orientation orientation) {
+    for (const auto& entry : kOrientations) {
+        if (entry.orientation == orientation) {
+            return entry.name;
+        }
+    }
+    return nullptr;
+}
+
+uint32_t drmFormatForDepth(uint32_t bpp) {
+    return bpp == 16 ? fourcc('R', 'G', '1', '6') : fourcc('X', 'R', '2', '4');
+}
+
+void applyDrmDefaults(PanelDesc& panelDesc) {
+    DrmDesc& drm = panelDesc.drm;
+    if (drm.connectorCount == 0) {
+        drm.connectors[0] = ConnectorDesc{kVirtualConnector, 1, true};
+        drm.connectorCount = 1;
+    }
 }
 
 bool parseColourMap(const char* text, std::size_t len, ColourMapRecord& map) {

@@ -4,6 +4,11 @@
 // answered from the panel's description; mmap works unchanged because the
 // descriptor is a real file.
 //
+// A panel of kind drm is a DRM/KMS device instead (drm_device.h): its descriptor
+// is on the panel's video memory file, its ioctls are the KMS ones, read() and
+// poll() deliver its events, close() ends its client, and fstat() reports it as
+// the character device 226:N that the path names.
+//
 // FAKEFB_CONFIG holds the panel descriptions (geometry files, ':'-separated). It is
 // read again at every open, so a test can reconfigure between two opens.
 //
@@ -13,6 +18,8 @@
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <linux/fb.h>
+#include <poll.h>
+#include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -25,9 +32,14 @@
 #include <mutex>
 
 #include "dravik_utils/file_descriptor.h"
+#include "drm_device.h"
 #include "panel_files.h"
+#include "preload_host.h"
 
 #define FAKEFB_EXPORT extern "C" __attribute__((visibility("default")))
+
+// glibc's report of a fortified call's overflow; declared only inside glibc.
+extern "C" [[noreturn]] void __chk_fail(void);  // NOLINT(bugprone-reserved-identifier)
 
 namespace {
 
@@ -39,6 +51,19 @@ using Open2Fn = int (*)(const char*, int);
 using OpenAtFn = int (*)(int, const char*, int, ...);
 using OpenAt2Fn = int (*)(int, const char*, int);
 using IoctlFn = int (*)(int, unsigned long, ...);
+using CloseFn = int (*)(int);
+using ReadFn = ssize_t (*)(int, void*, size_t);
+using ReadChkFn = ssize_t (*)(int, void*, size_t, size_t);
+using PollFn = int (*)(pollfd*, nfds_t, int);
+using PpollFn = int (*)(pollfd*, nfds_t, const timespec*, const sigset_t*);
+using FstatFn = int (*)(int, struct stat*);
+using Fstat64Fn = int (*)(int, struct stat64*);
+using FxstatFn = int (*)(int, int, struct stat*);
+using Fxstat64Fn = int (*)(int, int, struct stat64*);
+using FstatatFn = int (*)(int, const char*, struct stat*, int);
+using Fstatat64Fn = int (*)(int, const char*, struct stat64*, int);
+using FxstatatFn = int (*)(int, int, const char*, struct stat*, int);
+using Fxstatat64Fn = int (*)(int, int, const char*, struct stat64*, int);
 
 enum RealIndex {
     kOpen,
@@ -50,12 +75,27 @@ enum RealIndex {
     kOpenat2,
     kOpenat64_2,
     kIoctl,
+    kClose,
+    kRead,
+    kReadChk,
+    kPoll,
+    kPpoll,
+    kFstat,
+    kFstat64,
+    kFxstat,
+    kFxstat64,
+    kFstatat,
+    kFstatat64,
+    kFxstatat,
+    kFxstatat64,
     kRealCount
 };
 
 constexpr const char* kRealNames[kRealCount] = {
-    "open",     "open64",     "__open_2",     "__open64_2", "openat",
-    "openat64", "__openat_2", "__openat64_2", "ioctl",
+    "open",       "open64",       "__open_2",   "__open64_2",   "openat",   "openat64",
+    "__openat_2", "__openat64_2", "ioctl",      "close",        "read",     "__read_chk",
+    "poll",       "ppoll",        "fstat",      "fstat64",      "__fxstat", "__fxstat64",
+    "fstatat",    "fstatat64",    "__fxstatat", "__fxstatat64",
 };
 
 // Resolved on first use: constructors of other libraries may open the device
@@ -103,6 +143,12 @@ void report(const char* fmt, ...) {
 int openInternal(const char* path, int flags, mode_t mode = 0) {
     const auto openFn = real<OpenFn>(kOpen);
     return openFn == nullptr ? -1 : openFn(path, flags, mode);
+}
+
+// The real fstat: the wrapped one disguises DRM panels.
+int statInternal(int fd, struct stat* st) {
+    const auto fstatFn = real<FstatFn>(kFstat);
+    return fstatFn == nullptr ? -1 : fstatFn(fd, st);
 }
 
 // Reads a whole small file into buf; false when missing, unreadable or too large.
@@ -251,7 +297,7 @@ bool findOpenPanel(int fd, PanelDesc& panelDesc) {
     }
     const int savedErrno = errno;
     struct stat st {};
-    const bool statted = fstat(fd, &st) == 0;
+    const bool statted = statInternal(fd, &st) == 0;
     errno = savedErrno;
     if (!statted) {
         return false;
@@ -271,7 +317,7 @@ bool findOpenPanel(int fd, PanelDesc& panelDesc) {
 bool prepareBackingFile(const PanelDesc& panelDesc) {
     const FileDescriptor fd(openInternal(panelDesc.file, O_RDWR | O_CREAT | O_CLOEXEC, 0644));
     struct stat st {};
-    if (fd.get() < 0 || fstat(fd.get(), &st) != 0) {
+    if (fd.get() < 0 || statInternal(fd.get(), &st) != 0) {
         report("cannot open backing file %s: %s", panelDesc.file, strerror(errno));
         return false;
     }
@@ -287,10 +333,13 @@ int openPanel(const PanelDesc& panelDesc, int flags) {
     if (!prepareBackingFile(panelDesc)) {
         return -1;
     }
+    if (panelDesc.kind == fakefb::PanelKind::drm) {
+        return fakefb::drm::openDevice(panelDesc, flags);
+    }
     // A device node is neither created nor truncated by open.
     FileDescriptor fd(openInternal(panelDesc.file, flags & ~(O_CREAT | O_EXCL | O_TRUNC)));
     struct stat st {};
-    if (!fd.valid() || fstat(fd.get(), &st) != 0) {
+    if (!fd.valid() || statInternal(fd.get(), &st) != 0) {
         return -1;  // the open fails as a whole, with the errno of the failed step
     }
     rememberPanel(st, panelDesc);
@@ -434,7 +483,115 @@ int panelIoctl(const PanelDesc& panelDesc, unsigned long request, void* arg) {
     return failWith(ENOTTY);
 }
 
+// The real fstat of fd when this process has opened a DRM panel (errno kept);
+// false otherwise, and for descriptors that cannot be statted.
+bool statIfDrm(int fd, struct stat& st) {
+    if (!fakefb::drm::anyDevice()) {
+        return false;
+    }
+    const int savedErrno = errno;
+    const bool statted = statInternal(fd, &st) == 0;
+    errno = savedErrno;
+    return statted && fakefb::drm::isDevice(st);
+}
+
+// Takes the DRM panels out of a poll set (their descriptors are regular files,
+// always readable, to the kernel) and notes which events they have themselves.
+// Sets up to kPollMarks entries; a larger set's later entries poll as files.
+constexpr nfds_t kPollMarks = 4096;
+
+struct PollSplit {
+    unsigned char hidden[kPollMarks / 8] = {};
+    int ready = 0;
+};
+
+void hideDevices(pollfd* fds, nfds_t n, PollSplit& split) {
+    for (nfds_t i = 0; i < n && i < kPollMarks; ++i) {
+        struct stat st {};
+        if (fds[i].fd < 0 || !statIfDrm(fds[i].fd, st)) {
+            continue;
+        }
+        const short revents = fakefb::drm::pollEvents(st, fds[i].events);
+        split.ready += revents != 0 ? 1 : 0;
+        split.hidden[i / 8] |= static_cast<unsigned char>(1u << (i % 8));
+        fds[i].fd = ~fds[i].fd;  // a negative descriptor is skipped by poll
+        fds[i].revents = revents;
+    }
+}
+
+int restoreDevices(pollfd* fds, nfds_t n, const PollSplit& split, int result) {
+    for (nfds_t i = 0; i < n && i < kPollMarks; ++i) {
+        if ((split.hidden[i / 8] & (1u << (i % 8))) != 0) {
+            const short revents = fds[i].revents;
+            fds[i].fd = ~fds[i].fd;
+            // poll clears revents of skipped entries: recompute.
+            struct stat st {};
+            fds[i].revents =
+                statIfDrm(fds[i].fd, st) ? fakefb::drm::pollEvents(st, fds[i].events) : revents;
+        }
+    }
+    return result < 0 ? result : result + split.ready;
+}
+
+// Polls, with the DRM panels answered here; an event waiting means no wait.
+template <typename Call>
+int pollWithDevices(pollfd* fds, nfds_t n, Call call) {
+    if (!fakefb::drm::anyDevice()) {
+        return call(false);
+    }
+    PollSplit split;
+    hideDevices(fds, n, split);
+    const int result = call(split.ready > 0);
+    return restoreDevices(fds, n, split, result);
+}
+
+// Runs a real stat-family call and disguises a DRM panel's result.
+template <typename Stat, typename Call>
+int statAndDisguise(Stat* st, Call call) {
+    const int result = call();
+    if (result == 0 && st != nullptr) {
+        fakefb::drm::disguise(*st);
+    }
+    return result;
+}
+
+bool emptyPathOfFd(const char* path, int flags) {
+    return (flags & AT_EMPTY_PATH) != 0 && path != nullptr && path[0] == '\0';
+}
+
 }  // namespace
+
+namespace fakefb::host {
+
+int open(const char* path, int flags, mode_t mode) {
+    return openInternal(path, flags, mode);
+}
+
+int close(int fd) {
+    const auto closeFn = real<CloseFn>(kClose);
+    return closeFn == nullptr ? -1 : closeFn(fd);
+}
+
+int fstat(int fd, struct stat* st) {
+    return statInternal(fd, st);
+}
+
+void report(const char* fmt, ...) {
+    char line[sizeof gLastReport];
+    va_list ap;
+    va_start(ap, fmt);
+    // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized): started just above
+    (void)vsnprintf(line, sizeof line, fmt, ap);  // a cut message is still a message
+    va_end(ap);
+    ::report("%s", line);
+}
+
+}  // namespace fakefb::host
+
+// A DRM panel's client ends when the process exits with its descriptor open.
+__attribute__((destructor)) static void releaseDrmClients() {
+    fakefb::drm::releaseAll();
+}
 
 // Lets a program see that it runs with the simulator loaded.
 FAKEFB_EXPORT int fakefb_preloaded(void) {
@@ -510,10 +667,130 @@ FAKEFB_EXPORT int ioctl(int fd, unsigned long request, ...) {
     va_start(ap, request);
     void* arg = va_arg(ap, void*);
     va_end(ap);
+    struct stat st {};
+    if (statIfDrm(fd, st)) {
+        return fakefb::drm::ioctl(st, request, arg);
+    }
     PanelDesc panelDesc;
     if (findOpenPanel(fd, panelDesc)) {
         return panelIoctl(panelDesc, request, arg);
     }
     const auto next = real<IoctlFn>(kIoctl);
     return next == nullptr ? -1 : next(fd, request, arg);
+}
+
+FAKEFB_EXPORT ssize_t read(int fd, void* buf, size_t count) {
+    struct stat st {};
+    if (statIfDrm(fd, st)) {
+        return fakefb::drm::readEvents(st, buf, count);
+    }
+    const auto next = real<ReadFn>(kRead);
+    return next == nullptr ? -1 : next(fd, buf, count);
+}
+
+// NOLINTNEXTLINE(bugprone-reserved-identifier): glibc's fortified entry point
+FAKEFB_EXPORT ssize_t __read_chk(int fd, void* buf, size_t count, size_t bufLen) {
+    struct stat st {};
+    if (count <= bufLen && statIfDrm(fd, st)) {
+        return fakefb::drm::readEvents(st, buf, count);
+    }
+    const auto next = real<ReadChkFn>(kReadChk);  // reports the overflow itself
+    return next == nullptr ? -1 : next(fd, buf, count, bufLen);
+}
+
+FAKEFB_EXPORT int close(int fd) {
+    struct stat st {};
+    const bool device = statIfDrm(fd, st);
+    const auto next = real<CloseFn>(kClose);
+    const int result = next == nullptr ? -1 : next(fd);
+    if (device && result == 0) {
+        const int savedErrno = errno;
+        fakefb::drm::descriptorClosed(st);
+        errno = savedErrno;
+    }
+    return result;
+}
+
+FAKEFB_EXPORT int poll(pollfd* fds, nfds_t n, int timeout) {
+    const auto next = real<PollFn>(kPoll);
+    if (next == nullptr) {
+        return -1;
+    }
+    return pollWithDevices(fds, n,
+                           [&](bool eventWaits) { return next(fds, n, eventWaits ? 0 : timeout); });
+}
+
+FAKEFB_EXPORT int ppoll(pollfd* fds, nfds_t n, const timespec* timeout, const sigset_t* mask) {
+    const auto next = real<PpollFn>(kPpoll);
+    if (next == nullptr) {
+        return -1;
+    }
+    return pollWithDevices(fds, n, [&](bool eventWaits) {
+        const timespec now{0, 0};
+        return next(fds, n, eventWaits ? &now : timeout, mask);
+    });
+}
+
+// NOLINTNEXTLINE(bugprone-reserved-identifier): glibc's fortified entry point
+FAKEFB_EXPORT int __poll_chk(pollfd* fds, nfds_t n, int timeout, size_t fdsLen) {
+    if (fdsLen / sizeof(*fds) < n) {
+        __chk_fail();
+    }
+    return poll(fds, n, timeout);
+}
+
+// NOLINTNEXTLINE(bugprone-reserved-identifier): glibc's fortified entry point
+FAKEFB_EXPORT int __ppoll_chk(pollfd* fds, nfds_t n, const timespec* timeout, const sigset_t* mask,
+                              size_t fdsLen) {
+    if (fdsLen / sizeof(*fds) < n) {
+        __chk_fail();
+    }
+    return ppoll(fds, n, timeout, mask);
+}
+
+FAKEFB_EXPORT int fstat(int fd, struct stat* st) {
+    return statAndDisguise(st, [&] { return statInternal(fd, st); });
+}
+
+FAKEFB_EXPORT int fstat64(int fd, struct stat64* st) {
+    const auto next = real<Fstat64Fn>(kFstat64);
+    return statAndDisguise(st, [&] { return next == nullptr ? -1 : next(fd, st); });
+}
+
+// NOLINTNEXTLINE(bugprone-reserved-identifier): glibc's entry point for old binaries
+FAKEFB_EXPORT int __fxstat(int ver, int fd, struct stat* st) {
+    const auto next = real<FxstatFn>(kFxstat);
+    return statAndDisguise(st, [&] { return next == nullptr ? -1 : next(ver, fd, st); });
+}
+
+// NOLINTNEXTLINE(bugprone-reserved-identifier): glibc's entry point for old binaries
+FAKEFB_EXPORT int __fxstat64(int ver, int fd, struct stat64* st) {
+    const auto next = real<Fxstat64Fn>(kFxstat64);
+    return statAndDisguise(st, [&] { return next == nullptr ? -1 : next(ver, fd, st); });
+}
+
+FAKEFB_EXPORT int fstatat(int dirfd, const char* path, struct stat* st, int flags) {
+    const auto next = real<FstatatFn>(kFstatat);
+    const int result = next == nullptr ? -1 : next(dirfd, path, st, flags);
+    return emptyPathOfFd(path, flags) ? statAndDisguise(st, [result] { return result; }) : result;
+}
+
+FAKEFB_EXPORT int fstatat64(int dirfd, const char* path, struct stat64* st, int flags) {
+    const auto next = real<Fstatat64Fn>(kFstatat64);
+    const int result = next == nullptr ? -1 : next(dirfd, path, st, flags);
+    return emptyPathOfFd(path, flags) ? statAndDisguise(st, [result] { return result; }) : result;
+}
+
+// NOLINTNEXTLINE(bugprone-reserved-identifier): glibc's entry point for old binaries
+FAKEFB_EXPORT int __fxstatat(int ver, int dirfd, const char* path, struct stat* st, int flags) {
+    const auto next = real<FxstatatFn>(kFxstatat);
+    const int result = next == nullptr ? -1 : next(ver, dirfd, path, st, flags);
+    return emptyPathOfFd(path, flags) ? statAndDisguise(st, [result] { return result; }) : result;
+}
+
+// NOLINTNEXTLINE(bugprone-reserved-identifier): glibc's entry point for old binaries
+FAKEFB_EXPORT int __fxstatat64(int ver, int dirfd, const char* path, struct stat64* st, int flags) {
+    const auto next = real<Fxstatat64Fn>(kFxstatat64);
+    const int result = next == nullptr ? -1 : next(ver, dirfd, path, st, flags);
+    return emptyPathOfFd(path, flags) ? statAndDisguise(st, [result] { return result; }) : result;
 }

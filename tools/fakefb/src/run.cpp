@@ -55,9 +55,25 @@ const char kHelp[] =
     "  -p, --panel              start describing another panel\n"
     "  -h, --help               show this help and exit\n"
     "\n"
+    "DRM panels (a DRM/KMS device driven through libdrm; --bpp 16 is RGB565,\n"
+    "32 XRGB8888, and the backing file shows only what the display was given):\n"
+    "  -D, --drm                simulate a DRM device (default device /dev/dri/card0)\n"
+    "  -C, --connectors LIST    NAME:STATE,... with STATE connected or disconnected,\n"
+    "                           e.g. HDMI-A-1:disconnected,DSI-1:connected\n"
+    "                           (default Virtual-1:connected)\n"
+    "  -V, --vblank             the CRTC has vertical blanking (default: none)\n"
+    "  -F, --flip WHEN          page flips complete or never (default complete)\n"
+    "  -M, --no-master          another program holds the display: no DRM master\n"
+    "  -U, --no-dumb            no dumb buffers\n"
+    "  -X, --no-closefb         a kernel before 6.8: no DRM_IOCTL_MODE_CLOSEFB\n"
+    "  -O, --orientation NAME   connectors' panel orientation: normal, upside_down,\n"
+    "                           left_up or right_up (default: no such property)\n"
+    "\n"
     "Next to each backing file, FILE.geom records the geometry and FILE.cmap the\n"
     "colour map written with FBIOPUTCMAP (reset at every start). The backing file\n"
-    "keeps its pixels between runs; delete it to start from black.\n"
+    "keeps its pixels between runs; delete it to start from black. A DRM panel\n"
+    "keeps its dumb buffers in FILE.vram and records every display operation in\n"
+    "FILE.damage (both reset at every start).\n"
     "\n"
     "Example:\n"
     "  fakefb-run --device /dev/fb2 --size 240x240 --bpp 16 --file panel.raw -- \\\n"
@@ -65,10 +81,13 @@ const char kHelp[] =
 
 // One panel as the command line describes it.
 struct PanelArgs {
-    std::string device = "/dev/fb2";
+    std::string device;  // empty: the default of the panel's kind
     std::string file;
     Geometry geometry;
     unsigned given = fakefb::kGivenNone;
+    fakefb::PanelKind kind = fakefb::PanelKind::fb;
+    fakefb::DrmDesc drm;
+    std::string drmOption;  // the first option given that only a DRM panel takes
 
     PanelArgs() {
         geometry.width = 240;
@@ -133,6 +152,36 @@ void parseVisualOption(const char* arg, PanelArgs& panel) {
     panel.given |= fakefb::kGivenVisual;
 }
 
+// Remembers the first option given that only a DRM panel takes.
+void noteDrmOption(PanelArgs& panel, const char* name) {
+    panel.drmOption = panel.drmOption.empty() ? name : panel.drmOption;
+}
+
+void parseConnectorsOption(const char* arg, PanelArgs& panel) {
+    noteDrmOption(panel, "--connectors");
+    if (!fakefb::parseConnectors(arg, panel.drm)) {
+        throw UsageError{std::string("bad --connectors \"") + arg +
+                         "\": expected NAME:connected or NAME:disconnected, comma-separated, "
+                         "e.g. DSI-1:connected"};
+    }
+}
+
+void parseFlipOption(const char* arg, PanelArgs& panel) {
+    noteDrmOption(panel, "--flip");
+    if (strcmp(arg, "complete") != 0 && strcmp(arg, "never") != 0) {
+        throw UsageError{std::string("bad --flip \"") + arg + "\": expected complete or never"};
+    }
+    panel.drm.flipCompletes = arg[0] == 'c';
+}
+
+void parseOrientationOption(const char* arg, PanelArgs& panel) {
+    noteDrmOption(panel, "--orientation");
+    if (!fakefb::parseOrientation(arg, panel.drm.orientation)) {
+        throw UsageError{std::string("bad --orientation \"") + arg +
+                         "\": expected normal, upside_down, left_up or right_up"};
+    }
+}
+
 // One command-line option. The panel options set a part of the panel being
 // described (and throw UsageError for a value they cannot take); --panel and
 // --help have none, parseCommandLine handles them.
@@ -151,6 +200,30 @@ const OptionRow kOptionRows[] = {
     {"line-length", 'l', true, parseLineLength},
     {"visual", 'v', true, parseVisualOption},
     {"file", 'f', true, [](const char* arg, PanelArgs& panel) { panel.file = arg; }},
+    {"drm", 'D', false, [](const char*, PanelArgs& panel) { panel.kind = fakefb::PanelKind::drm; }},
+    {"connectors", 'C', true, parseConnectorsOption},
+    {"vblank", 'V', false,
+     [](const char*, PanelArgs& panel) {
+         noteDrmOption(panel, "--vblank");
+         panel.drm.vblank = true;
+     }},
+    {"flip", 'F', true, parseFlipOption},
+    {"no-master", 'M', false,
+     [](const char*, PanelArgs& panel) {
+         noteDrmOption(panel, "--no-master");
+         panel.drm.master = false;
+     }},
+    {"no-dumb", 'U', false,
+     [](const char*, PanelArgs& panel) {
+         noteDrmOption(panel, "--no-dumb");
+         panel.drm.dumbBuffers = false;
+     }},
+    {"no-closefb", 'X', false,
+     [](const char*, PanelArgs& panel) {
+         noteDrmOption(panel, "--no-closefb");
+         panel.drm.closeFb = false;
+     }},
+    {"orientation", 'O', true, parseOrientationOption},
     {"panel", 'p', false, nullptr},
     {"help", 'h', false, nullptr},
 };
@@ -169,6 +242,13 @@ void copyInto(char (&field)[fakefb::kPathMax], const std::string& path, const ch
 }
 
 PanelDesc finishPanel(PanelArgs& panel) {
+    const bool drm = panel.kind == fakefb::PanelKind::drm;
+    if (!drm && !panel.drmOption.empty()) {
+        throw UsageError{panel.drmOption + " describes a DRM panel: add --drm"};
+    }
+    if (panel.device.empty()) {
+        panel.device = drm ? "/dev/dri/card0" : "/dev/fb2";
+    }
     if (panel.file.empty()) {
         panel.file = fs::path(panel.device).filename().string() + ".raw";
     }
@@ -179,6 +259,11 @@ PanelDesc finishPanel(PanelArgs& panel) {
     if (!fakefb::applyDepthDefaults(panelDesc.geometry, panel.given)) {
         throw UsageError{"bad --bpp " + std::to_string(panelDesc.geometry.bpp) +
                          ": expected 8, 15, 16, 24 or 32"};
+    }
+    panelDesc.kind = panel.kind;
+    panelDesc.drm = panel.drm;
+    if (drm) {
+        fakefb::applyDrmDefaults(panelDesc);
     }
     char error[fakefb::kErrorMax];
     if (!fakefb::validateDesc(panelDesc, error, sizeof error)) {
@@ -250,7 +335,8 @@ std::string findLibrary() {
     return {};
 }
 
-// Sizes the backing file, writes FILE.geom and forgets an old colour map.
+// Sizes the backing file, writes FILE.geom and forgets an old colour map and a
+// DRM panel's old buffers and damage record.
 bool preparePanel(const PanelDesc& panelDesc) {
     const dravik::utils::FileDescriptor fd(
         open(panelDesc.file, O_RDWR | O_CREAT | O_CLOEXEC, 0644));
@@ -266,7 +352,9 @@ bool preparePanel(const PanelDesc& panelDesc) {
         return false;
     }
     std::error_code ignored;  // absent is what we want
-    fs::remove(std::string(panelDesc.file) + ".cmap", ignored);
+    for (const char* suffix : {".cmap", ".vram", ".damage"}) {
+        fs::remove(std::string(panelDesc.file) + suffix, ignored);
+    }
     return true;
 }
 

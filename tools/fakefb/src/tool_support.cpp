@@ -26,7 +26,7 @@ bool storePath(char (&field)[kPathMax], const std::string& path) {
 }
 
 bool writeDescFile(const PanelDesc& panelDesc, const std::string& path) {
-    char text[2 * kPathMax + 512];
+    char text[kDescTextMax];
     const int n = formatDesc(panelDesc, text, sizeof text);
     if (n < 0) {
         return false;

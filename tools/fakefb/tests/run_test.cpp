@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 
 #include <filesystem>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -195,6 +196,147 @@ TEST(FakefbRun, finds_its_library_in_an_installed_layout) {
               std::string::npos)
         << result.out;
     EXPECT_NE(result.out.find("id=fakefb xres=240"), std::string::npos);
+}
+
+// Runs the DRM probe on device under fakefb-run with the given panel options.
+ToolResult runDrmProbe(const std::vector<std::string>& options, const std::string& device,
+                       const std::vector<std::string>& probeArgs = {}) {
+    std::vector<std::string> args = {FAKEFB_RUN};
+    args.insert(args.end(), options.begin(), options.end());
+    args.insert(args.end(), {"--", FAKEFB_DRM_PROBE, device});
+    args.insert(args.end(), probeArgs.begin(), probeArgs.end());
+    return runTool(args);
+}
+
+std::vector<std::string> damageKinds(const std::string& file) {
+    std::vector<std::string> kinds;
+    std::istringstream lines(readAll(file));
+    for (std::string line; std::getline(lines, line);) {
+        kinds.push_back(line.substr(0, line.find(' ')));
+    }
+    return kinds;
+}
+
+TEST(FakefbRun, help_lists_the_drm_options) {
+    const ToolResult result = runTool({FAKEFB_RUN, "--help"});
+    EXPECT_EQ(result.status, 0);
+    for (const char* option : {"--drm", "--connectors", "--vblank", "--flip", "--no-master",
+                               "--no-dumb", "--no-closefb", "--orientation", "FILE.damage"}) {
+        EXPECT_NE(result.out.find(option), std::string::npos) << option;
+    }
+}
+
+TEST(FakefbRun, bad_drm_options_are_reported_with_status_2) {
+    struct Row {
+        std::vector<std::string> args;
+        const char* message;
+    } rows[] = {
+        {{"--vblank", "--", "true"}, "--vblank describes a DRM panel: add --drm"},
+        {{"--no-closefb", "--drm", "--bpp", "24", "--", "true"}, "16 bpp (RGB565) or 32 bpp"},
+        {{"--drm", "--connectors", "HDMI-A-1", "--", "true"}, "bad --connectors \"HDMI-A-1\""},
+        {{"--drm", "--connectors", "Telex-1:connected", "--", "true"}, "bad --connectors"},
+        {{"--drm", "--connectors", "DSI-1:connected,DSI-1:disconnected", "--", "true"},
+         "two connectors have the same name"},
+        {{"--drm", "--flip", "sometimes", "--", "true"}, "bad --flip \"sometimes\""},
+        {{"--drm", "--orientation", "sideways", "--", "true"}, "bad --orientation"},
+        {{"--drm", "--line-length", "1000", "--", "true"}, "no padding"},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.message);
+        std::vector<std::string> args = {FAKEFB_RUN};
+        args.insert(args.end(), row.args.begin(), row.args.end());
+        const ToolResult result = runTool(args);
+        EXPECT_EQ(result.status, 2);
+        EXPECT_NE(result.err.find(row.message), std::string::npos) << result.err;
+    }
+}
+
+TEST(FakefbRun, command_sees_the_described_drm_panel) {
+    const TempDir dir;
+    const std::string file = dir.path() + "/panel.raw";
+    const ToolResult result =
+        runDrmProbe({"--drm", "--device", "/dev/dri/card1", "--size", "20x10", "--bpp", "16",
+                     "--connectors", "HDMI-A-1:disconnected,DSI-1:connected", "--vblank",
+                     "--orientation", "left_up", "--file", file},
+                    "/dev/dri/card1");
+    ASSERT_EQ(result.status, 0) << result.out << result.err;
+    EXPECT_EQ(result.out,
+              "/dev/dri/card1 chr=1 rdev=226:1 driver=fakefb master=1 dumb=1 depth=16\n"
+              "connector HDMI-A-1 disconnected modes=0 orientation=Left Side Up\n"
+              "connector DSI-1 connected modes=1 20x10@60 orientation=Left Side Up\n"
+              "shown=1 vblank=1\n");
+    // Without the hand-over the panel goes dark when the program ends.
+    EXPECT_EQ(readAll(file), std::string(20 * 10 * 2, '\0'));
+    EXPECT_EQ(damageKinds(file + ".damage"), (std::vector<std::string>{"setcrtc", "close", "off"}));
+    const std::string geom = readAll(file + ".geom");
+    for (const char* line : {"kind=drm\n", "connectors=HDMI-A-1:disconnected,DSI-1:connected\n",
+                             "vblank=yes\n", "flip=complete\n", "master=yes\n", "dumb=yes\n",
+                             "closefb=yes\n", "orientation=left_up\n"}) {
+        EXPECT_NE(geom.find(line), std::string::npos) << line << geom;
+    }
+}
+
+TEST(FakefbRun, handed_over_frame_stays_on_the_drm_panel_and_snapshots) {
+    const TempDir dir;
+    const std::string file = dir.path() + "/panel.raw";
+    const ToolResult result = runDrmProbe({"--drm", "--size", "8x4", "--bpp", "32", "--file", file},
+                                          "/dev/dri/card0", {"--closefb"});
+    ASSERT_EQ(result.status, 0) << result.out << result.err;
+    EXPECT_NE(result.out.find("/dev/dri/card0 chr=1 rdev=226:0 driver=fakefb master=1 dumb=1 "
+                              "depth=24\n"),
+              std::string::npos)
+        << result.out;
+    EXPECT_NE(result.out.find("shown=1 vblank=0\nclosefb=ok\n"), std::string::npos) << result.out;
+    EXPECT_EQ(readAll(file), std::string(8 * 4 * 4, '\x5A'));
+    EXPECT_EQ(damageKinds(file + ".damage"),
+              (std::vector<std::string>{"setcrtc", "closefb", "close"}));
+    const ToolResult shot = runTool({FAKEFB_SNAPSHOT, file, dir.path() + "/shot.png"});
+    EXPECT_EQ(shot.status, 0) << shot.err;
+    // A new run starts with a fresh damage record.
+    ASSERT_EQ(
+        runDrmProbe({"--drm", "--size", "8x4", "--bpp", "32", "--file", file}, "/dev/dri/card0")
+            .status,
+        0);
+    EXPECT_EQ(damageKinds(file + ".damage"), (std::vector<std::string>{"setcrtc", "close", "off"}));
+}
+
+TEST(FakefbRun, drm_switches_take_away_what_they_name) {
+    struct Row {
+        std::vector<std::string> options;
+        std::vector<std::string> probeArgs;
+        const char* expected;
+    } rows[] = {
+        {{"--no-master"}, {}, "master=0 dumb=1"},
+        {{"--no-master"}, {}, "shown=0"},
+        {{"--no-dumb"}, {}, "master=1 dumb=0"},
+        {{"--no-closefb"}, {"--closefb"}, "closefb=Invalid argument\n"},
+        {{"--flip", "never", "--vblank"}, {}, "shown=1 vblank=1\n"},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.expected);
+        const TempDir dir;
+        std::vector<std::string> options = {"--drm", "--file", dir.path() + "/p.raw"};
+        options.insert(options.end(), row.options.begin(), row.options.end());
+        const ToolResult result = runDrmProbe(options, "/dev/dri/card0", row.probeArgs);
+        EXPECT_NE(result.out.find(row.expected), std::string::npos) << result.out << result.err;
+        EXPECT_EQ(result.status, std::string(row.expected).find("shown=1") == 0 ? 0 : 1);
+    }
+}
+
+TEST(FakefbRun, drm_panel_defaults_to_card0_named_after_it) {
+    const TempDir dir;
+    std::error_code ec;
+    const fs::path old = fs::current_path(ec);
+    fs::current_path(dir.path());
+    const ToolResult result = runDrmProbe({"--drm"}, "/dev/dri/card0");
+    fs::current_path(old);
+    ASSERT_EQ(result.status, 0) << result.out << result.err;
+    EXPECT_NE(result.out.find("connector Virtual-1 connected modes=1 240x240@60 orientation=none"),
+              std::string::npos)
+        << result.out;
+    EXPECT_EQ(readAll(dir.path() + "/card0.raw").size(), 240u * 240u * 2u);
+    EXPECT_EQ(readAll(dir.path() + "/card0.raw.geom").find("device=/dev/dri/card0\n"),
+              std::string("# fakefb panel\n").size());
 }
 
 TEST(FakefbRun, missing_command_exits_127) {
