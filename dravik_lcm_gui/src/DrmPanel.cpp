@@ -38,15 +38,15 @@ struct Freer {
     void operator()(T* p) const { Free(p); }
 };
 using Resources = std::unique_ptr<drmModeRes, Freer<drmModeRes, drmModeFreeResources>>;
-using Connector =
-    std::unique_ptr<drmModeConnector, Freer<drmModeConnector, drmModeFreeConnector>>;
+using Connector = std::unique_ptr<drmModeConnector, Freer<drmModeConnector, drmModeFreeConnector>>;
 using Encoder = std::unique_ptr<drmModeEncoder, Freer<drmModeEncoder, drmModeFreeEncoder>>;
 using PlaneList =
     std::unique_ptr<drmModePlaneRes, Freer<drmModePlaneRes, drmModeFreePlaneResources>>;
 using Plane = std::unique_ptr<drmModePlane, Freer<drmModePlane, drmModeFreePlane>>;
 using Properties = std::unique_ptr<drmModeObjectProperties,
                                    Freer<drmModeObjectProperties, drmModeFreeObjectProperties>>;
-using Property = std::unique_ptr<drmModePropertyRes, Freer<drmModePropertyRes, drmModeFreeProperty>>;
+using Property =
+    std::unique_ptr<drmModePropertyRes, Freer<drmModePropertyRes, drmModeFreeProperty>>;
 
 // The connector's name as the kernel gives it in /sys/class/drm: "HDMI-A-1".
 std::string nameOf(const drmModeConnector& connector) {
@@ -162,8 +162,7 @@ bool DrmPanel::start(int deviceFd, const std::string& devicePath, const std::str
     startFlipping();
     DRAVIK_LOG(logger::kInfo, 0, "DRM device %s: connector %s, %ux%u, %.4s, %s", device.c_str(),
                connectorName.c_str(), format.xres, format.yres,
-               reinterpret_cast<const char*>(&fourcc),
-               flipping ? "page flips" : "one buffer");
+               reinterpret_cast<const char*>(&fourcc), flipping ? "page flips" : "one buffer");
     return true;
 }
 
@@ -185,7 +184,8 @@ bool DrmPanel::chooseConnector(const std::string& wanted) {
             continue;
         }
         const std::string name = nameOf(*connector);
-        if (!wanted.empty() && name != wanted && std::to_string(connector->connector_id) != wanted) {
+        if (!wanted.empty() && name != wanted &&
+            std::to_string(connector->connector_id) != wanted) {
             continue;
         }
         if (connector->connection != DRM_MODE_CONNECTED || connector->count_modes == 0) {
@@ -266,8 +266,8 @@ bool DrmPanel::chooseFormat() {
     fourcc = 0;
     for (unsigned i = 0; i < 2 && fourcc == 0; ++i) {
         if (planeFormats.empty() ? order[i] == DRM_FORMAT_XRGB8888
-                                 : std::find(planeFormats.begin(), planeFormats.end(),
-                                             order[i]) != planeFormats.end()) {
+                                 : std::find(planeFormats.begin(), planeFormats.end(), order[i]) !=
+                                       planeFormats.end()) {
             fourcc = order[i];
         }
     }
@@ -303,8 +303,8 @@ bool DrmPanel::createBuffer(Buffer& buffer) {
     const uint32_t handles[4] = {create.handle};
     const uint32_t pitches[4] = {create.pitch};
     const uint32_t offsets[4] = {0};
-    if (drmModeAddFB2(fd, format.xres, format.yres, fourcc, handles, pitches, offsets,
-                      &buffer.fbId, 0) != 0) {
+    if (drmModeAddFB2(fd, format.xres, format.yres, fourcc, handles, pitches, offsets, &buffer.fbId,
+                      0) != 0) {
         destroyBuffer(buffer);
         return false;
     }
@@ -359,8 +359,7 @@ void DrmPanel::startFlipping() {
     }
     if (!createBuffer(buffers[1])) {
         DRAVIK_LOG(logger::kWarning, errno,
-                   "DRM device %s: no second buffer; drawing into the one on show",
-                   device.c_str());
+                   "DRM device %s: no second buffer; drawing into the one on show", device.c_str());
         return;
     }
     flipping = true;
@@ -441,6 +440,7 @@ bool DrmPanel::waitForFlip() {
     while (flipPending) {
         const int64_t left = deadline - nowMs();
         if (left <= 0) {
+            errno = ETIMEDOUT;
             return false;
         }
         pollfd pfd = {fd, POLLIN, 0};
@@ -457,14 +457,12 @@ bool DrmPanel::waitForFlip() {
 }
 
 void DrmPanel::stopFlipping(const char* reason) {
-    // The buffer asked for by the last flip may never be shown: from now on
-    // the one that was on show is drawn into and flushed, from a whole frame.
+    // The plane holds the buffer of the last flip asked for, completed or not
+    // (a flip that was refused left the one on show): from now on that one is
+    // drawn into and flushed, starting from a whole frame.
     DRAVIK_LOG(logger::kWarning, errno,
                "DRM device %s: a page flip %s; drawing into the frame on show from now on",
                device.c_str(), reason);
-    if (flipPending) {
-        std::swap(front, back);
-    }
     flipping = false;
     flipPending = false;
     back = front;
