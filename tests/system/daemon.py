@@ -124,6 +124,9 @@ class Daemon:
         self.panel = os.path.join(self.root, "panel.raw")
         self.panel_device = "/dev/fb2"  # the device path the simulated panel answers to
         self.bpp = 16  # the simulated panel's depth
+        # None: a framebuffer panel. A list: the panel is a DRM device, and the
+        # list holds fakefb-run's further options for it (see use_drm).
+        self.drm = None
         self.stdout_path = os.path.join(self.root, "stdout.log")
         self.stderr_path = os.path.join(self.root, "stderr.log")
         self.process = None
@@ -166,11 +169,31 @@ class Daemon:
         return path
 
     # -- running ------------------------------------------------------------
+    def use_drm(self, *options, bpp=16):
+        """The panel becomes a simulated DRM device at /dev/dri/card0, driven by
+        the daemon through KMS; `options` go to fakefb-run (--vblank, ...)."""
+        self.drm = list(options)
+        self.panel_device = "/dev/dri/card0"
+        self.bpp = bpp
+        return self
+
+    def damage(self):
+        """What reached the simulated DRM panel: one list of words per operation
+        (setcrtc, flip, dirty with its clips, closefb, rmfb, close)."""
+        with open(self.panel + ".damage") as f:
+            return [line.split() for line in f if line.strip()]
+
     def command(self, args):
+        panel = ["--device", self.panel_device]
+        daemon = [os.path.join(bin_dir(), self.program)]
+        if self.drm is not None:
+            panel = ["--drm"] + self.drm + panel
+            if "-d" not in args:  # a test may name the device itself
+                daemon += ["-d", self.panel_device]
         return [os.path.join(source_dir(), "scripts", "sandbox"), "--root", self.root, "--",
-                *program("fakefb-run"), "--device", self.panel_device,
+                *program("fakefb-run"), *panel,
                 "--size", f"{WIDTH}x{HEIGHT}", "--bpp", str(self.bpp), "--file", self.panel, "--",
-                os.path.join(bin_dir(), self.program)] + list(args)
+                *daemon] + list(args)
 
     def start(self, *args, wait=True, bus=True, env_extra=None):
         env = dict(os.environ)
