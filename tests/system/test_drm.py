@@ -112,10 +112,12 @@ def install_quick_progress_bar(daemon):
     daemon.write(os.path.join(daemon.etc_gui, "dravik_lcm_gui.json"), json.dumps(config))
 
 
-def test_a_progress_bar_reaches_the_panel_by_its_rectangles(daemon, framebuffer):
+@pytest.mark.parametrize("options", [[], ["--vblank"]], ids=["one-buffer", "page-flips"])
+def test_a_progress_bar_reaches_the_panel_by_its_rectangles(daemon, framebuffer, options):
     # Only the bar's rectangle is flushed on each step; the panel must end as
-    # the framebuffer's, where every step is written in place.
-    daemon.use_drm()
+    # the framebuffer's, where every step is written in place. With page flips
+    # each buffer must also catch up on the steps drawn into the other one.
+    daemon.use_drm(*options)
     install_quick_progress_bar(daemon)
     install_quick_progress_bar(framebuffer)
     drm = frames_of(daemon, ["update"])
