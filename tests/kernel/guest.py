@@ -1,6 +1,7 @@
 """An arm64 guest under qemu-system-aarch64 that runs the daemon on the kernel's
-own framebuffer, and what it needs: the initramfs, the device tree with a
-simple-framebuffer node, and the monitor through which the host reads pixels.
+own display drivers (a framebuffer or a DRM device), and what it needs: the
+initramfs, the device tree with a simple-framebuffer node, and the monitor
+through which the host reads pixels.
 """
 import os
 import shutil
@@ -23,9 +24,15 @@ BACKLIGHT = "/run/backlight"
 LIBRARY_DIRS = ["lib/aarch64-linux-gnu", "usr/lib/aarch64-linux-gnu", "lib", "usr/lib"]
 
 INIT = r"""#!/bin/busybox sh
-# Runs as PID 1: mounts the kernel's file systems, waits for /dev/fb0, starts the
-# bus and the daemon, and shows each screen in turn; after each it reports
-# "DRAVIK-READY name" on the console and waits for the host's line.
+# Runs as PID 1: mounts the kernel's file systems, loads the modules the kernel
+# command line names ("dravik.modules=SET", the list /etc/dravik-modules-SET),
+# waits for the device the daemon draws on ("dravik.device=PATH", /dev/fb0
+# unless named), starts the bus and the daemon, and shows each screen in turn.
+# On a framebuffer the guest settles each frame itself and reports
+# "DRAVIK-READY name". A DRM device's pixels are not readable from here, so the
+# host settles them: the guest reports "DRAVIK-SHOW name" and waits for the
+# host's line (the host takes the frame before), asks for the screen, reports
+# "DRAVIK-READY name" and waits again.
 /bin/busybox mkdir -p /proc /sys /dev /run /tmp
 /bin/busybox mount -t proc proc /proc
 /bin/busybox mount -t sysfs sysfs /sys
@@ -33,46 +40,101 @@ INIT = r"""#!/bin/busybox sh
 /bin/busybox --install -s /bin
 export PATH=/bin:/usr/bin
 fail() { echo "DRAVIK-FAILED $*"; cat /run/daemon.log 2>/dev/null; poweroff -f; }
-# settle FRAME: waits until the frame on fb0 differs from FRAME (a checksum) and
-# then stays the same for a second: the screen asked for is drawn, and any
-# animation of it has come to rest.
+# option NAME: the value of "NAME=value" on the kernel command line.
+option() {
+  for word in $(cat /proc/cmdline); do
+    case "$word" in "$1"=*) echo "${word#*=}" ;; esac
+  done
+}
+# module_options MODULE: the "MODULE.parameter=value" words of the kernel
+# command line, as "parameter=value". The kernel hands them only to built-in
+# drivers; for loadable ones modprobe reads /proc/cmdline, which busybox's
+# insmod does not.
+module_options() {
+  for word in $(cat /proc/cmdline); do
+    case "$word" in "$1".*=*) echo "${word#"$1".}" ;; esac
+  done
+}
+# settle FRAME: waits until the framebuffer's frame differs from FRAME (a
+# checksum) and then stays the same for a second: the screen asked for is
+# drawn, and any animation of it has come to rest.
 settle() {
   n=0; still=0; last=$1
   while [ $still -lt 4 ]; do
     sleep 0.25
-    now=$(md5sum </dev/fb0)
+    now=$(md5sum <"$device")
     if [ "$now" = "$last" ] && [ "$now" != "$1" ]; then still=$((still + 1)); else still=0; fi
     last=$now; n=$((n + 1)); [ $n -le 480 ] || fail "the frame did not settle"
   done
 }
+# no_fbdev: a DRM device is tested on its own; the fbdev emulation that the
+# command line turned off must not have made a framebuffer anyway.
+no_fbdev() {
+  [ ! -e /dev/fb0 ] || fail "/dev/fb0 exists beside $device"
+}
 
-if grep -q dravik.modules /proc/cmdline; then
-  for m in $(cat /etc/dravik-modules); do insmod "/lib/modules/$m.ko" || fail "insmod $m"; done
+modules=$(option dravik.modules)
+if [ -n "$modules" ]; then
+  for m in $(cat "/etc/dravik-modules-$modules"); do
+    insmod "/lib/modules/$m.ko" $(module_options "$m") || fail "insmod $m"
+  done
 fi
+device=$(option dravik.device)
+device=${device:-/dev/fb0}
 n=0
-while [ ! -e /dev/fb0 ]; do
-  n=$((n + 1)); [ $n -le 300 ] || fail "no /dev/fb0"; sleep 0.1
+while [ ! -e "$device" ]; do
+  n=$((n + 1)); [ $n -le 300 ] || fail "no $device"; sleep 0.1
 done
-fb=/sys/class/graphics/fb0
-echo "DRAVIK-FB $(cat $fb/virtual_size) $(cat $fb/bits_per_pixel) $(cat $fb/stride)"
+case "$device" in
+  /dev/dri/*)
+    no_fbdev
+    # Nothing has probed the connectors yet (no console on DRM here):
+    # "detect" makes the kernel do so, and lists the preferred mode first.
+    card=/sys/class/drm/$(basename "$device")
+    for connector in "$card"-*; do
+      echo detect >"$connector/status"
+      echo "DRAVIK-DRM ${connector#"$card"-} $(cat "$connector/status") $(head -n 1 "$connector/modes")"
+    done
+    ;;
+  *)
+    fb=/sys/class/graphics/$(basename "$device")
+    echo "DRAVIK-FB $(cat $fb/virtual_size) $(cat $fb/bits_per_pixel) $(cat $fb/stride)"
+    ;;
+esac
 
 mkdir -p /run/backlight
 echo 255 >/run/backlight/max_brightness
 dbus-daemon --config-file=/etc/dravik-bus.conf --fork || fail "dbus-daemon"
 export DBUS_SYSTEM_BUS_ADDRESS=unix:path=/run/bus
-dravik_lcm_gui -d /dev/fb0 -c /etc/gui/screens.json >/run/daemon.log 2>&1 &
+dravik_lcm_gui -d "$device" -c /etc/gui/screens.json >/run/daemon.log 2>&1 &
 n=0
 until ipc_call --list dravik_lcm_gui >/dev/null 2>&1; do
   n=$((n + 1)); [ $n -le 300 ] || fail "the daemon is not on the bus"; sleep 0.2
 done
-for screen in $(cat /etc/dravik-screens); do
-  before=$(md5sum </dev/fb0)
-  ipc_call --show-gui "$screen" >/dev/null || fail "ShowGui $screen"
-  # The first picture loads the image codecs, which takes seconds under TCG.
-  settle "$before"
-  echo "DRAVIK-READY $screen"
-  read -r ack
-done
+case "$device" in
+  /dev/dri/*)
+    panel=$(grep -m 1 -o "FB: .*" /run/daemon.log) || fail "the daemon logged no panel geometry"
+    echo "DRAVIK-PANEL $panel"
+    for screen in $(cat /etc/dravik-screens); do
+      echo "DRAVIK-SHOW $screen"
+      read -r ack
+      ipc_call --show-gui "$screen" >/dev/null || fail "ShowGui $screen"
+      no_fbdev
+      echo "DRAVIK-READY $screen"
+      read -r ack
+    done
+    ;;
+  *)
+    for screen in $(cat /etc/dravik-screens); do
+      before=$(md5sum <"$device")
+      ipc_call --show-gui "$screen" >/dev/null || fail "ShowGui $screen"
+      # The first picture loads the image codecs, which takes seconds under TCG.
+      settle "$before"
+      echo "DRAVIK-READY $screen"
+      read -r ack
+    done
+    ;;
+esac
 echo "DRAVIK-DONE"
 poweroff -f
 """
@@ -220,6 +282,9 @@ class Guest:
         self.work = work
         self.monitor_path = os.path.join(work, "monitor.sock")
         self.console = []
+        # Console output read but not yet split into lines: one read may hold
+        # the line waited for and the lines after it.
+        self._pending = b""
         cmdline = "console=ttyAMA0 panic=-1 loglevel=4 " + append
         self.process = subprocess.Popen(
             ["qemu-system-aarch64"] + MACHINE +
@@ -236,8 +301,17 @@ class Guest:
         """Reads the console until a line starts with `prefix`; returns the line.
         Raises with the console so far when the guest stops or time runs out."""
         deadline = time.monotonic() + timeout
-        line = b""
-        while time.monotonic() < deadline:
+        while True:
+            while b"\n" in self._pending:
+                text, self._pending = self._pending.split(b"\n", 1)
+                text = text.decode(errors="replace").rstrip("\r")
+                self.console.append(text + "\n")
+                if text.startswith("DRAVIK-FAILED"):
+                    raise RuntimeError("the guest failed:\n" + self.log())
+                if text.startswith(prefix):
+                    return text
+            if time.monotonic() >= deadline:
+                break
             os.set_blocking(self.process.stdout.fileno(), False)
             chunk = self.process.stdout.read(4096)
             if chunk is None:
@@ -247,15 +321,7 @@ class Guest:
                 continue
             if not chunk:
                 break
-            line += chunk
-            while b"\n" in line:
-                text, line = line.split(b"\n", 1)
-                text = text.decode(errors="replace").rstrip("\r")
-                self.console.append(text + "\n")
-                if text.startswith("DRAVIK-FAILED"):
-                    raise RuntimeError("the guest failed:\n" + self.log())
-                if text.startswith(prefix):
-                    return text
+            self._pending += chunk
         raise RuntimeError(f"no '{prefix}' from the guest in {timeout} s:\n" + self.log())
 
     def answer(self):

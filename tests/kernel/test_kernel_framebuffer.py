@@ -1,4 +1,4 @@
-"""The aarch64 daemon on a real kernel's framebuffer drivers, compared pixel for
+"""The aarch64 daemon on a real kernel's display drivers, compared pixel for
 pixel with the host's daemon on the simulated panel.
 
 Debian's arm64 kernel boots under qemu-system-aarch64 (TCG) with an initramfs
@@ -7,7 +7,10 @@ a bus daemon. Inside, the daemon draws on /dev/fb0: the built-in
 simple-framebuffer driver at four pixel formats (a device-tree node over
 reserved RAM, read back with the monitor's pmemsave), and the bochs DRM driver's
 fbdev emulation (modules from the kernel package, read back with screendump).
-The host's daemon draws the same screens on fakefb at the geometry the guest
+It also draws on /dev/dri/card0 through KMS, with fbdev emulation off: the bochs
+driver (scanned out from memory) and the virtio-gpu driver (the host sees only
+the rectangles flushed with damage clips), read back with screendump. The
+host's daemon draws the same screens on fakefb at the geometry the guest
 reported, and every frame must match.
 
 Environment: DRAVIK_BUILD_DIR (the aarch64 build), DRAVIK_SYSROOT,
@@ -17,6 +20,7 @@ DRAVIK_HOST_BIN_DIR (a native build's bin/), and DRAVIK_KERNEL_TREE (made by
 import glob
 import json
 import os
+import re
 import shutil
 import subprocess
 import sys
@@ -59,6 +63,22 @@ SIMPLEFB_FORMATS = [
 ]
 BOOT_TIMEOUT = 120
 STEP_TIMEOUT = 120
+
+# The modules of each display the guest may load ("dravik.modules=SET"), from
+# the kernel package, each with its dependencies. virtio-gpu depends on no
+# transport: the PCI one that finds its device is named as well.
+MODULE_SETS = {
+    "bochs": ["bochs"],
+    "virtio-gpu": ["virtio_pci", "virtio_gpu"],
+}
+# DRM displays: (name, qemu device, module set). Both give an EDID whose
+# preferred mode is xres x yres.
+DRM_DISPLAYS = [
+    ("bochs", f"bochs-display,romfile=,xres={WIDTH},yres={HEIGHT}", "bochs"),
+    ("virtio-gpu", f"virtio-gpu-pci,xres={WIDTH},yres={HEIGHT}", "virtio-gpu"),
+]
+DRM_DEVICE = "/dev/dri/card0"
+XRGB8888 = "16/8,8/8,0/8"
 
 
 def require_env(name):
@@ -121,12 +141,16 @@ def initrd(work, kernel_tree, images):
     g.copy_library_closure(sysroot, stage)
 
     modules_dir = glob.glob(os.path.join(tree, "lib", "modules", "*"))[0]
-    order = g.module_order(modules_dir, "bochs")
-    for name, path in order:
-        target = os.path.join(stage, "lib", "modules", name + ".ko")
-        os.makedirs(os.path.dirname(target), exist_ok=True)
-        shutil.copyfile(path, target)
-    g.write_file(os.path.join(stage, "etc", "dravik-modules"), " ".join(n for n, _ in order))
+    for module_set, roots in MODULE_SETS.items():
+        order = []
+        for root in roots:
+            order += [(n, p) for n, p in g.module_order(modules_dir, root) if (n, p) not in order]
+        for name, path in order:
+            target = os.path.join(stage, "lib", "modules", name + ".ko")
+            os.makedirs(os.path.dirname(target), exist_ok=True)
+            shutil.copyfile(path, target)
+        g.write_file(os.path.join(stage, "etc", "dravik-modules-" + module_set),
+                     " ".join(n for n, _ in order))
     g.write_file(os.path.join(stage, "etc", "dravik-screens"), " ".join(SCREEN_NAMES))
     g.write_file(os.path.join(stage, "etc", "dravik-bus.conf"), g.BUS_CONFIG)
     # The bus daemon looks its user up; the daemon needs the device properties.
@@ -163,9 +187,58 @@ def capture_guest(work, initrd, name, extra_args, append, read_frame):
         guest.stop()
 
 
-def reference_frames(work, name, images, geometry, rgb):
-    """The host's daemon on fakefb at `geometry`: {screen: backing file bytes}."""
-    width, height, bpp, stride = geometry
+def capture_drm_guest(work, initrd, name, device, module_set):
+    """Boots with the qemu `device` and the daemon on its DRM device, and
+    returns ((connector status, preferred mode), the daemon's panel line,
+    {screen: (width, height, RGB)}, the console). The guest cannot read the
+    daemon's buffers, so the host settles each frame on screendumps."""
+    kernel, cpio = initrd
+    run_dir = os.path.join(work, name)
+    os.makedirs(run_dir)
+    # Without the fbdev emulation no framebuffer and no text console share the
+    # display with the daemon.
+    append = (f"dravik.modules={module_set} dravik.device={DRM_DEVICE} "
+              "drm_kms_helper.fbdev_emulation=0")
+    guest = g.Guest(run_dir, kernel, cpio, ["-device", device], append)
+    try:
+        drm = guest.wait_for_line("DRAVIK-DRM", BOOT_TIMEOUT).split() + [""]
+        connector = (drm[2], drm[3])
+        panel = guest.wait_for_line("DRAVIK-PANEL", STEP_TIMEOUT)
+        frames = {}
+        for screen in SCREEN_NAMES:
+            guest.wait_for_line(f"DRAVIK-SHOW {screen}", STEP_TIMEOUT)
+            before = guest.screendump(screen + "-before.ppm")
+            guest.answer()
+            guest.wait_for_line(f"DRAVIK-READY {screen}", STEP_TIMEOUT)
+            frames[screen] = settled_screendump(guest, screen, before)
+            guest.answer()
+        guest.wait_for_line("DRAVIK-DONE", STEP_TIMEOUT)
+        return connector, panel, frames, guest.log()
+    finally:
+        guest.stop()
+
+
+def settled_screendump(guest, screen, before, timeout=120):
+    """The display's frame once it differs from `before` and has stayed the
+    same for a second (the guest's rule for framebuffers). The first picture
+    loads the image codecs, which takes seconds under TCG."""
+    deadline = time.monotonic() + timeout
+    last, still = before, 0
+    path = os.path.join(guest.work, screen + ".ppm")
+    while still < 4:
+        assert time.monotonic() < deadline, f"{screen}: the display did not settle:\n" + guest.log()
+        time.sleep(0.25)
+        # Moved away after each dump: the next one is read once qemu has made it.
+        now = guest.screendump(screen + "-next.ppm")
+        os.replace(os.path.join(guest.work, screen + "-next.ppm"), path)
+        still = still + 1 if now == last and now != before else 0
+        last = now
+    return last
+
+
+def reference_frames(work, name, images, device, panel_options):
+    """The host's daemon on the simulated `device` (fakefb-run with
+    `panel_options`): {screen: backing file bytes}."""
     host_bin = require_env("DRAVIK_HOST_BIN_DIR")
     root = os.path.join(work, name + "-reference")
     os.makedirs(os.path.join(root, "etc-gui"))
@@ -182,10 +255,9 @@ def reference_frames(work, name, images, geometry, rgb):
     log = open(os.path.join(root, "daemon.log"), "w")
     daemon = subprocess.Popen(
         [os.path.join(source_dir(), "scripts", "sandbox"), "--root", root, "--",
-         os.path.join(host_bin, "fakefb-run"), "--device", "/dev/fb0",
-         "--size", f"{width}x{height}", "--bpp", str(bpp), "--rgb", rgb,
-         "--line-length", str(stride), "--file", panel, "--",
-         os.path.join(host_bin, "dravik_lcm_gui"), "-d", "/dev/fb0",
+         os.path.join(host_bin, "fakefb-run"), "--device", device] + panel_options +
+        ["--file", panel, "--",
+         os.path.join(host_bin, "dravik_lcm_gui"), "-d", device,
          "-c", "/etc/gui/screens.json"], env=env, stdout=log, stderr=log)
 
     def ipc_call(*args):
@@ -266,6 +338,13 @@ def channels_of(rgb):
     return [tuple(int(n) for n in c.split("/")) for c in rgb.split(",")]
 
 
+def fb_options(geometry, rgb):
+    """fakefb-run's options for a framebuffer of `geometry`."""
+    width, height, bpp, stride = geometry
+    return ["--size", f"{width}x{height}", "--bpp", str(bpp), "--rgb", rgb,
+            "--line-length", str(stride)]
+
+
 @pytest.mark.parametrize("fmt,bpp,rgb", SIMPLEFB_FORMATS, ids=[f[0] for f in SIMPLEFB_FORMATS])
 def test_simple_framebuffer(work, initrd, images, fmt, bpp, rgb):
     stride = WIDTH * bpp // 8
@@ -280,7 +359,7 @@ def test_simple_framebuffer(work, initrd, images, fmt, bpp, rgb):
     geometry, frames, console = capture_guest(work, initrd, name, ["-dtb", dtb], "fbcon=map:1",
                                               read_frame)
     assert geometry == (WIDTH, HEIGHT, bpp, stride), console
-    reference = reference_frames(work, name, images, geometry, rgb)
+    reference = reference_frames(work, name, images, "/dev/fb0", fb_options(geometry, rgb))
     for screen in SCREEN_NAMES:
         expected = to_rgb(reference[screen], WIDTH, HEIGHT, stride, bpp, channels_of(rgb))
         assert any(expected), f"{name}/{screen}: the reference frame is black"
@@ -302,14 +381,37 @@ def test_bochs_display(work, initrd, images):
     name = "bochs"
     geometry, frames, console = capture_guest(
         work, initrd, name, ["-device", "bochs-display,romfile="],
-        "dravik.modules logo.nologo vt.global_cursor_default=0", read_frame)
+        "dravik.modules=bochs logo.nologo vt.global_cursor_default=0", read_frame)
     width, height, bpp, stride = geometry
     assert bpp == 32, console
-    rgb = "16/8,8/8,0/8"
-    reference = reference_frames(work, name, images, geometry, rgb)
+    rgb = XRGB8888
+    reference = reference_frames(work, name, images, "/dev/fb0", fb_options(geometry, rgb))
     for screen in SCREEN_NAMES:
         dump_width, dump_height, actual = frames[screen]
         assert (dump_width, dump_height) == (width, height), console
         expected = to_rgb(reference[screen], width, height, stride, bpp, channels_of(rgb))
         assert any(expected), f"{name}/{screen}: the reference frame is black"
         compare(name, screen, expected, actual, width, height, work)
+
+
+@pytest.mark.parametrize("display,device,module_set", DRM_DISPLAYS, ids=[d[0] for d in DRM_DISPLAYS])
+def test_drm_display(work, initrd, images, display, device, module_set):
+    name = "drm-" + display
+    connector, panel, frames, console = capture_drm_guest(work, initrd, name, device, module_set)
+    assert connector == ("connected", f"{WIDTH}x{HEIGHT}"), console
+    # "FB: 320x240, bits_per_pixel 32, fbSize: 307200": the daemon's own view of
+    # the mode and the format it chose (XRGB8888: neither driver prefers 16 bits).
+    geometry = re.search(r"FB: (\d+)x(\d+), bits_per_pixel (\d+)", panel)
+    assert geometry, console
+    assert tuple(int(n) for n in geometry.groups()) == (WIDTH, HEIGHT, 32), console
+    stride = WIDTH * 4
+    reference = reference_frames(work, name, images, DRM_DEVICE,
+                                 ["--drm", "--size", f"{WIDTH}x{HEIGHT}", "--bpp", "32"])
+    for screen in SCREEN_NAMES:
+        assert len(reference[screen]) == stride * HEIGHT, \
+            f"{name}/{screen}: the simulated panel holds {len(reference[screen])} bytes"
+        dump_width, dump_height, actual = frames[screen]
+        assert (dump_width, dump_height) == (WIDTH, HEIGHT), console
+        expected = to_rgb(reference[screen], WIDTH, HEIGHT, stride, 32, channels_of(XRGB8888))
+        assert any(expected), f"{name}/{screen}: the reference frame is black"
+        compare(name, screen, expected, actual, WIDTH, HEIGHT, work)
