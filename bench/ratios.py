@@ -24,6 +24,10 @@ machine's load, and repeated; the figures are medians of the repeats.
                      image (the daemon started on a screen of text only),
                      against a later request of the same screen
 
+  drm_tick_bytes,    the DRM output's figures on the simulated devices
+  drm_pixels_p50,    (bench/drm.py says what each is)
+  drm_pixels_p99
+
 After the ratios, one line gives the shared objects each of the two programs
 maps and whether the daemon maps the image library's codecs.
 
@@ -50,6 +54,9 @@ sys.path.insert(0, os.path.join(SOURCE_DIR, "tests", "system"))
 
 import dbus  # noqa: E402
 from daemon import HEIGHT, WIDTH, Daemon, PrivateBus, bin_dir  # noqa: E402
+
+sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
+import drm  # noqa: E402
 
 # The main loop waits up to 30 ms for the bus before its first display tick,
 # which draws the start-up screen.
@@ -428,6 +435,7 @@ def main():
             rows += idle_cpu(run, args.repeats, args.idle_seconds)
         finally:
             run.close()
+        rows += drm.ratios(root, args.repeats)
 
     load = os.getloadavg()
     print(f"medians of {args.repeats} repeats; load average {load[0]:.1f} {load[1]:.1f} "

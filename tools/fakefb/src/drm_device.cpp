@@ -373,25 +373,69 @@ private:
 
 // Copies the rectangle [x1, x2) x [y1, y2) of fb (inside the CRTC's viewport) to
 // the panel, which shows the viewport.
+// A file mapped whole and kept mapped between flushes, so that a flush is a
+// copy rather than two opens, two mappings and their page faults. Mapped again
+// for another path, or when the file has grown past the mapping. (Within one
+// process a path keeps naming one file: fakefb-run makes the files before it
+// starts the program, and test panels each have a directory of their own.)
+struct MappedFile {
+    char path[kPathMax + 16] = {};
+    uint8_t* mem = nullptr;
+    uint64_t size = 0;
+};
+
+MappedFile gVramMap;   // guarded by gLock
+MappedFile gPanelMap;  // guarded by gLock
+
+uint8_t* mapWhole(MappedFile& m, const char* path, uint64_t need, int flags, int prot) {
+    if (m.mem != nullptr && strcmp(m.path, path) == 0 && m.size >= need) {
+        return m.mem;
+    }
+    const host::Fd fd(host::open(path, flags | O_CLOEXEC));
+    struct stat st {};
+    if (!fd.valid() || host::fstat(fd.get(), &st) != 0) {
+        return nullptr;
+    }
+    if (m.mem != nullptr) {
+        (void)munmap(m.mem, m.size);  // cannot fail for a mapping made here
+        m = MappedFile{};
+    }
+    const auto size = static_cast<uint64_t>(st.st_size);
+    if (size < need || size == 0) {
+        errno = EINVAL;
+        return nullptr;
+    }
+    void* mem = mmap(nullptr, size, prot, MAP_SHARED, fd.get(), 0);
+    if (mem == MAP_FAILED) {
+        return nullptr;
+    }
+    (void)snprintf(m.path, sizeof m.path, "%s", path);  // fits: both hold a side path
+    m.mem = static_cast<uint8_t*>(mem);
+    m.size = size;
+    return m.mem;
+}
+
 void showRect(Device& d, const Framebuffer& fb, const drm_clip_rect& r) {
     const DumbBuffer& buffer = d.buffers[fb.buffer];
     const Geometry& g = d.desc.geometry;
     char vramPath[kPathMax + 16];
     sidePathOf(d, ".vram", vramPath);
-    const host::Fd vram(host::open(vramPath, O_RDONLY | O_CLOEXEC));
-    const host::Fd panel(host::open(d.desc.file, O_RDWR | O_CLOEXEC));
-    const Mapping src(vram.get(), buffer.offset, buffer.size, PROT_READ);
-    const Mapping dst(panel.get(), 0, g.frameSize(), PROT_READ | PROT_WRITE);
-    if (!src.ok() || !dst.ok()) {
+    const uint8_t* src = mapWhole(gVramMap, vramPath, buffer.offset + buffer.size, O_RDONLY,
+                                  PROT_READ);
+    uint8_t* dst = src == nullptr ? nullptr
+                                  : mapWhole(gPanelMap, d.desc.file, g.frameSize(), O_RDWR,
+                                             PROT_READ | PROT_WRITE);
+    if (src == nullptr || dst == nullptr) {
         host::report("cannot show framebuffer %u on %s: %s", fb.id, d.desc.file, strerror(errno));
         return;
     }
+    src += buffer.offset;
     const uint32_t cpp = cppOf(fb.format);
     const std::size_t rowBytes = static_cast<std::size_t>(r.x2 - r.x1) * cpp;
     for (uint32_t y = r.y1; y < r.y2; ++y) {
-        const uint8_t* from = src.bytes() + fb.offset + static_cast<uint64_t>(y) * fb.pitch +
+        const uint8_t* from = src + fb.offset + static_cast<uint64_t>(y) * fb.pitch +
                               static_cast<uint64_t>(r.x1) * cpp;
-        uint8_t* to = dst.bytes() + static_cast<uint64_t>(y - d.crtc.y) * g.lineLength +
+        uint8_t* to = dst + static_cast<uint64_t>(y - d.crtc.y) * g.lineLength +
                       static_cast<uint64_t>(r.x1 - d.crtc.x) * cpp;
         memcpy(to, from, rowBytes);
     }
