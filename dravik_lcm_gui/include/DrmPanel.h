@@ -63,6 +63,10 @@ public:
     // buffer all the same.
     bool present(const PanelRect& rect);
 
+    // How the connector says its panel is mounted, as the clockwise turn that
+    // shows the screen upright (0, 90, 180 or 270); -1 when it does not say.
+    int orientation() const { return panelOrientation; }
+
     // Whether frames are shown by page flips between two buffers.
     bool doubleBuffered() const { return flipping; }
 
@@ -77,6 +81,7 @@ private:
 
     [[nodiscard]] bool becomeMaster();
     [[nodiscard]] bool chooseConnector(const std::string& wanted);
+    void readOrientation();
     [[nodiscard]] bool chooseCrtc();
     [[nodiscard]] bool chooseFormat();
     [[nodiscard]] bool createBuffer(Buffer& buffer);
@@ -92,6 +97,7 @@ private:
     std::string device;
     uint32_t connectorId = 0;
     std::string connectorName;
+    int panelOrientation = -1;
     uint32_t crtcId = 0;
     unsigned crtcIndex = 0;
     uint32_t planeId = 0;

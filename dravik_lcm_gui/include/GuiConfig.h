@@ -16,6 +16,7 @@ namespace key {
 inline constexpr const char kImgPath[] = "imgPath";
 inline constexpr const char kBackLightPath[] = "backLightPath";
 inline constexpr const char kScreens[] = "screens";
+inline constexpr const char kRotation[] = "rotation";
 inline constexpr const char kName[] = "name";
 inline constexpr const char kText[] = "text";
 inline constexpr const char kImg[] = "img";
@@ -32,7 +33,13 @@ inline constexpr const char kCount[] = "count";
 }  // namespace key
 
 // The keys read from each kind of object, in the order the format lists them.
-inline constexpr const char* kFileKeys[] = {key::kImgPath, key::kBackLightPath, key::kScreens};
+inline constexpr const char* kFileKeys[] = {key::kImgPath, key::kBackLightPath, key::kScreens,
+                                            key::kRotation};
+
+// The turns of the panel that "rotation" takes, clockwise in degrees, and what
+// getRotation() gives when the file has no such key.
+inline constexpr unsigned kRotations[] = {0, 90, 180, 270};
+inline constexpr int kRotationUnset = -1;
 inline constexpr const char* kScreenKeys[] = {key::kName, key::kText, key::kImg};
 inline constexpr const char* kTextKeys[] = {key::kStr, key::kSize,       key::kX,
                                             key::kY,   key::kHorizontal, key::kVertical};
@@ -60,6 +67,10 @@ public:
     static GuiScreenDesc readScreen(const variant::Variant& screen);
 
     const std::string& getImgPath() const { return imgPath; }
+    // How far the panel's picture is turned clockwise from the screen, in
+    // degrees: 0, 90, 180 or 270; kRotationUnset without the key. A value not
+    // in that list counts as 0, after a log line.
+    int getRotation() const { return rotation; }
     const std::string& getBackLightPath() const { return backLightPath; }
 
     // Screen names in file order are not kept; the table is ordered by name.
@@ -69,6 +80,7 @@ private:
     std::map<std::string, GuiScreenDesc> screens;
     std::string imgPath;
     std::string backLightPath;
+    int rotation = kRotationUnset;
 };
 
 }  // namespace dravik::lcmgui

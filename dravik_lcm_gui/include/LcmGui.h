@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <opencv2/core.hpp>
 #include <string>
+#include <vector>
 
 #include "DrmPanel.h"
 #include "GuiBackLight.h"
@@ -76,6 +77,15 @@ public:
     // directories. Symbolic links below root are followed as they point.
     void setGuiRoot(const std::string& root) { guiRoot = root; }
 
+    // Turns the panel by `degrees` (0, 90, 180 or 270, clockwise) whatever the
+    // screens file says; for a panel in memory, before initInMemory.
+    void overrideRotation(unsigned degrees) { rotationOverride = static_cast<int>(degrees); }
+    // How far the panel's picture is turned clockwise from the screen.
+    unsigned screenRotation() const { return rotation; }
+    // The screen: the panel as turned, 0 before start-up.
+    unsigned screenWidth() const { return rotation % 180 == 0 ? fbVar.xres : fbVar.yres; }
+    unsigned screenHeight() const { return rotation % 180 == 0 ? fbVar.yres : fbVar.xres; }
+
     // Blanks the drawing buffer; the panel is not touched.
     void clearBuf();
     // Copies the w x h rectangle at (x, y) of the drawing buffer to the panel;
@@ -140,9 +150,14 @@ private:
     void boundImageSize();
     [[nodiscard]] bool openDevice();
     [[nodiscard]] bool startDrm();
-    // Converts the w x h rectangle at (x, y) of the drawing buffer into the
-    // panel memory at fbMem.
-    void convertRect(unsigned x, unsigned y, unsigned w, unsigned h);
+    // Takes the turn of the panel: the override, the screens file's, a DRM
+    // panel's own orientation, or none.
+    void chooseRotation();
+    // The rectangle of the panel that shows the screen's rectangle.
+    PanelRect panelRectOf(const PanelRect& screen) const;
+    // Converts the panel's rectangle `rect` into the panel memory at fbMem,
+    // from the pixels of the drawing buffer that the turn puts there.
+    void convertPanelRect(const PanelRect& rect);
     [[nodiscard]] bool readFixedInfo();
     [[nodiscard]] bool readVariableInfo();
     [[nodiscard]] bool mapMemory();
@@ -181,13 +196,13 @@ private:
     uint32_t animationLevel(uint64_t now) const;
     static int64_t ditherThreshold(unsigned row, unsigned column);
 
-    unsigned screenWidth() const { return fbVar.xres; }
-    unsigned screenHeight() const { return fbVar.yres; }
-
     std::string devicePath;
     std::string connector;  // the DRM connector asked for; empty: the first connected
     DrmPanel drmPanel;
-    bool drm = false;  // the panel is driven by drmPanel, whose memory fbMem points into
+    bool drm = false;       // the panel is driven by drmPanel, whose memory fbMem points into
+    unsigned rotation = 0;  // clockwise degrees from the screen to the panel
+    int rotationOverride = kRotationUnset;
+    std::vector<unsigned char> turnedLine;  // one panel line of drawing-buffer pixels
     std::string guiRoot;
     uint32_t lutRed[256] = {};
     uint32_t lutGreen[256] = {};

@@ -13,6 +13,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <iterator>
 #include <memory>
 
 #include "dravik_logger/logger.h"
@@ -207,6 +208,7 @@ bool DrmPanel::chooseConnector(const std::string& wanted) {
         modeInfo.assign(bytes, bytes + sizeof *mode);
         connectorId = connector->connector_id;
         connectorName = name;
+        readOrientation();
         format.xres = format.xres_virtual = mode->hdisplay;
         format.yres = format.yres_virtual = mode->vdisplay;
         return true;
@@ -218,6 +220,18 @@ bool DrmPanel::chooseConnector(const std::string& wanted) {
                    wanted.c_str());
     }
     return false;
+}
+
+void DrmPanel::readOrientation() {
+    // "Left Side Up": the panel is mounted turned a quarter clockwise (its left
+    // edge at the top), so the picture is turned a quarter back: 270.
+    static const int kTurns[] = {0, 180, 270,
+                                 90};  // Normal, Upside Down, Left Side Up, Right Side Up
+    uint64_t value = 0;
+    if (propertyValue(fd, connectorId, DRM_MODE_OBJECT_CONNECTOR, "panel orientation", value) &&
+        value < std::size(kTurns)) {
+        panelOrientation = kTurns[value];
+    }
 }
 
 bool DrmPanel::chooseCrtc() {

@@ -110,6 +110,7 @@ bool LcmGui::init(const std::string& device, const std::string& guiId, signed ch
         DRAVIK_LOG(logger::kError, 0, "Unable to retrieve variable screen info");
         return false;
     }
+    chooseRotation();
     fbSize = static_cast<uint64_t>(fbVar.yres) * fbFix.line_length;
     DRAVIK_LOG(logger::kInfo, 0, "FB: %dx%d, bits_per_pixel %d, fbSize: %d", fbVar.xres, fbVar.yres,
                fbVar.bits_per_pixel, static_cast<int>(fbSize));
@@ -141,6 +142,7 @@ bool LcmGui::init(const std::string& device, const std::string& guiId, signed ch
 
 bool LcmGui::initInMemory(const fb_var_screeninfo& format) {
     fbVar = format;
+    chooseRotation();
     fbFix = {};
     fbFix.visual = FB_VISUAL_TRUECOLOR;
     fbFix.line_length = fbVar.xres * ((fbVar.bits_per_pixel + 7) / 8);
@@ -183,14 +185,29 @@ bool LcmGui::startDrawing() {
     return true;
 }
 
+void LcmGui::chooseRotation() {
+    if (rotationOverride != kRotationUnset) {
+        rotation = static_cast<unsigned>(rotationOverride);
+    } else if (config.getRotation() != kRotationUnset) {
+        rotation = static_cast<unsigned>(config.getRotation());
+    } else {
+        rotation =
+            drm && drmPanel.orientation() >= 0 ? static_cast<unsigned>(drmPanel.orientation()) : 0;
+    }
+    if (rotation != 0) {
+        DRAVIK_LOG(logger::kInfo, 0, "Screen: %ux%u, the panel turned %u degrees", screenWidth(),
+                   screenHeight(), rotation);
+    }
+}
+
 // The largest image a screen on this panel can use is a strip of the most
 // slides, each as wide as the panel, or a progress bar of two panel heights
 // and an odd row. A file that declares more pixels is refused from its header,
 // so a small file cannot make the daemon allocate far more than the panel.
 void LcmGui::boundImageSize() {
-    const uint64_t area = uint64_t{fbVar.xres} * fbVar.yres;
+    const uint64_t area = uint64_t{screenWidth()} * screenHeight();
     const uint64_t maxPixels =
-        std::max(area * kMaxSlides, uint64_t{fbVar.xres} * (2 * uint64_t{fbVar.yres} + 1));
+        std::max(area * kMaxSlides, uint64_t{screenWidth()} * (2 * uint64_t{screenHeight()} + 1));
     // False only where the process links the image library's codecs itself (a
     // test program): their own bound then stays, the PNG and JPEG decoders take
     // this one all the same.
@@ -236,6 +253,7 @@ bool LcmGui::startDrm() {
     fbFix.visual = FB_VISUAL_TRUECOLOR;
     fbFix.line_length = drmPanel.lineLength();
     fbSize = drmPanel.bufferSize();
+    chooseRotation();
     DRAVIK_LOG(logger::kInfo, 0, "FB: %dx%d, bits_per_pixel %d, fbSize: %d", fbVar.xres, fbVar.yres,
                fbVar.bits_per_pixel, static_cast<int>(fbSize));
     boundImageSize();
@@ -349,7 +367,7 @@ bool LcmGui::putColourMap() {
 
 bool LcmGui::createDisplayBuffer() {
     displayBuf =
-        cv::Mat::zeros(static_cast<int>(fbVar.yres), static_cast<int>(fbVar.xres), CV_8UC3);
+        cv::Mat::zeros(static_cast<int>(screenHeight()), static_cast<int>(screenWidth()), CV_8UC3);
     return displayBuf.data != nullptr && displayBuf.total() != 0;
 }
 
@@ -375,10 +393,10 @@ bool LcmGui::showBuf(unsigned x, unsigned y, unsigned w, unsigned h) {
                    w, h, x, y);
         return false;
     }
-    if (endsBeyond(x, w, fbVar.xres) || endsBeyond(y, h, fbVar.yres)) {
+    if (endsBeyond(x, w, screenWidth()) || endsBeyond(y, h, screenHeight())) {
         DRAVIK_LOG(logger::kError, 0,
                    "show buffer parameters are out of screen: %dx%d at (%d, %d) -> %dx%d", w, h, x,
-                   y, fbVar.xres, fbVar.yres);
+                   y, screenWidth(), screenHeight());
         return false;
     }
     const auto columns = static_cast<unsigned>(displayBuf.cols);
@@ -390,19 +408,19 @@ bool LcmGui::showBuf(unsigned x, unsigned y, unsigned w, unsigned h) {
     if (static_cast<uint64_t>(std::min(h, rows)) * columns * 3 == 0) {
         return true;
     }
+    const PanelRect rect = panelRectOf({x, y, w, std::min(h, rows)});
     if (!drm) {
-        convertRect(x, y, w, h);
+        convertPanelRect(rect);
         return true;
     }
     // The buffer drawn into may have missed rectangles drawn into the other
     // one; a frame that did not reach the display is drawn once more.
-    const PanelRect rect{x, y, w, h};
     for (int round = 0; round < 2; ++round) {
         fbMem = drmPanel.beginFrame();
         for (const auto& stale : drmPanel.staleRects()) {
-            convertRect(stale.x, stale.y, stale.w, stale.h);
+            convertPanelRect(stale);
         }
-        convertRect(x, y, w, h);
+        convertPanelRect(rect);
         if (drmPanel.present(rect)) {
             break;
         }
@@ -410,22 +428,75 @@ bool LcmGui::showBuf(unsigned x, unsigned y, unsigned w, unsigned h) {
     return true;
 }
 
-void LcmGui::convertRect(unsigned x, unsigned y, unsigned w, unsigned h) {
-    const auto columns = static_cast<unsigned>(displayBuf.cols);
-    const unsigned lines = std::min(h, static_cast<unsigned>(displayBuf.rows));
+PanelRect LcmGui::panelRectOf(const PanelRect& r) const {
+    const unsigned width = screenWidth();
+    const unsigned height = screenHeight();
+    switch (rotation) {
+        case 90:
+            return {height - r.y - r.h, r.x, r.h, r.w};
+        case 180:
+            return {width - r.x - r.w, height - r.y - r.h, r.w, r.h};
+        case 270:
+            return {r.y, width - r.x - r.w, r.h, r.w};
+        default:
+            return r;
+    }
+}
+
+// Each line of the panel's rectangle is converted from the drawing buffer's
+// pixels that the turn puts on it: a row of the buffer read forwards (0) or
+// backwards (180), or a column read upwards (90) or downwards (270), gathered
+// into one line first. Line numbers count from the rectangle's top, as the
+// dither expects of every rectangle.
+void LcmGui::convertPanelRect(const PanelRect& rect) {
+    const auto rowBytes = static_cast<ptrdiff_t>(displayBuf.step[0]);
     const unsigned bytesPerPixel = (fbVar.bits_per_pixel + 7) / 8;
-    for (unsigned i = 0; i < lines; ++i) {
-        unsigned char* src = displayBuf.data + ((static_cast<size_t>(y) + i) * columns + x) * 3;
+    const ptrdiff_t lastColumn = (static_cast<ptrdiff_t>(screenWidth()) - 1) * 3;
+    const ptrdiff_t lastRow = (static_cast<ptrdiff_t>(screenHeight()) - 1) * rowBytes;
+    if (rotation != 0 && turnedLine.size() < size_t{rect.w} * 3) {
+        turnedLine.resize(size_t{rect.w} * 3);
+    }
+    for (unsigned i = 0; i < rect.h; ++i) {
+        const unsigned py = rect.y + i;
         unsigned char* dst =
-            fbMem + (static_cast<size_t>(y) + i) * fbFix.line_length + size_t{bytesPerPixel} * x;
-        (void)convertLine(fbVar.bits_per_pixel, i, w, dst, src);  // depth was checked by init
+            fbMem + static_cast<size_t>(py) * fbFix.line_length + size_t{bytesPerPixel} * rect.x;
+        const unsigned char* first = nullptr;  // the pixel shown at (rect.x, py)
+        ptrdiff_t step = 3;                    // and from one to the next
+        switch (rotation) {
+            case 90:
+                first =
+                    displayBuf.data + lastRow - ptrdiff_t{rect.x} * rowBytes + ptrdiff_t{py} * 3;
+                step = -rowBytes;
+                break;
+            case 180:
+                first = displayBuf.data + lastRow - ptrdiff_t{py} * rowBytes + lastColumn -
+                        ptrdiff_t{rect.x} * 3;
+                step = -3;
+                break;
+            case 270:
+                first =
+                    displayBuf.data + ptrdiff_t{rect.x} * rowBytes + lastColumn - ptrdiff_t{py} * 3;
+                step = rowBytes;
+                break;
+            default:
+                first = displayBuf.data + ptrdiff_t{py} * rowBytes + ptrdiff_t{rect.x} * 3;
+                break;
+        }
+        unsigned char* src = const_cast<unsigned char*>(first);
+        if (rotation != 0) {
+            src = turnedLine.data();
+            for (unsigned k = 0; k < rect.w; ++k, first += step) {
+                std::memcpy(src + size_t{k} * 3, first, 3);
+            }
+        }
+        (void)convertLine(fbVar.bits_per_pixel, i, rect.w, dst, src);  // depth checked by init
     }
 }
 
 bool LcmGui::getOffsetXY(unsigned& x, unsigned& y, unsigned w, unsigned h, AlignHor alignHor,
                          AlignVert alignVert) {
-    const unsigned xres = fbVar.xres;
-    const unsigned yres = fbVar.yres;
+    const unsigned xres = screenWidth();
+    const unsigned yres = screenHeight();
     if (endsBeyond(x, w, xres) || endsBeyond(y, h, yres)) {
         DRAVIK_LOG(logger::kError, 0,
                    "UI image parameters are out of screen: %dx%d at (%d, %d) -> %dx%d", w, h, x, y,

@@ -90,6 +90,30 @@ GuiImgConf readImg(const Variant* obj) {
     return conf;
 }
 
+// "rotation": kRotationUnset when absent; 0 after a log line when it is not
+// one of kRotations (the screens stay usable, unturned).
+int readRotation(const Variant& root) {
+    const Variant* value = lookup(&root, dravik::variant::kAny, key::kRotation);
+    if (value == nullptr) {
+        return kRotationUnset;
+    }
+    if (IsInteger(value->Type())) {
+        const auto degrees = static_cast<int64_t>(*value);
+        for (const unsigned rotation : kRotations) {
+            if (degrees == rotation) {
+                return static_cast<int>(rotation);
+            }
+        }
+        DRAVIK_LOG(logger::kError, 0,
+                   "Wrong 'rotation' %lld: 0, 90, 180 or 270 expected; the panel is not turned",
+                   static_cast<long long>(degrees));
+        return 0;
+    }
+    DRAVIK_LOG(logger::kError, 0,
+               "Wrong 'rotation': a number 0, 90, 180 or 270 expected; the panel is not turned");
+    return 0;
+}
+
 GuiScreenDesc readScreenDesc(const Variant& screen) {
     GuiScreenDesc desc;
     desc.text = readText(lookup(&screen, dravik::variant::kAny, key::kText));
@@ -134,6 +158,7 @@ bool GuiConfig::fromJSONFile(const std::string& path) {
         return false;
     }
     backLightPath = readString(&root, key::kBackLightPath);
+    rotation = readRotation(root);
 
     // Looked up with the object pattern, which arrays match as well; a value of
     // any other type, null included, counts as missing.

@@ -64,6 +64,14 @@ public:
     }
 
     static bool initFonts(LcmGui& gui) { return gui.fontRenderer.init(); }
+    // The turn from the screen to the panel, set without start-up.
+    static void setRotation(LcmGui& gui, unsigned degrees) { gui.rotation = degrees; }
+    // Points the engine at panel memory the test owns (never unmapped by it:
+    // clear it with nullptr before the engine goes).
+    static void setPanelMemory(LcmGui& gui, unsigned char* memory, unsigned lineLength) {
+        gui.fbMem = memory;
+        gui.fbFix.line_length = lineLength;
+    }
 
     // A 24-bit panel in anonymous memory instead of a device: the screen size
     // that the drawing operations check against, a drawing buffer and a mapping
