@@ -554,3 +554,49 @@ TEST_F(GuiConfigTest, keys_are_case_sensitive) {
     EXPECT_EQ(desc.img.y, 0);
     EXPECT_EQ(desc.img.animation, kAnimStatic);
 }
+
+TEST_F(GuiConfigTest, rotation_is_unset_without_the_key) {
+    ASSERT_TRUE(
+        config.fromJSONFile(dir.write(R"({"imgPath": "/img", "screens": [{"name": "a"}]})")));
+    EXPECT_EQ(config.getRotation(), dravik::lcmgui::kRotationUnset);
+}
+
+TEST_F(GuiConfigTest, rotation_takes_each_quarter_turn) {
+    for (const int degrees : {0, 90, 180, 270}) {
+        const std::string file = R"({"imgPath": "/img", "rotation": )" + std::to_string(degrees) +
+                                 R"(, "screens": [{"name": "a"}]})";
+        LogCapture capture;
+        ASSERT_TRUE(config.fromJSONFile(dir.write(file)));
+        EXPECT_EQ(config.getRotation(), degrees);
+        EXPECT_EQ(loaderRecords(capture).size(), 1u);  // "Looking file" alone
+    }
+}
+
+TEST_F(GuiConfigTest, a_wrong_rotation_counts_as_none_after_a_log_line) {
+    struct Case {
+        const char* value;
+        const char* message;
+    };
+    const Case cases[] = {
+        {"45", "Wrong 'rotation' 45: 0, 90, 180 or 270 expected; the panel is not turned"},
+        {"-90", "Wrong 'rotation' -90: 0, 90, 180 or 270 expected; the panel is not turned"},
+        {"360", "Wrong 'rotation' 360: 0, 90, 180 or 270 expected; the panel is not turned"},
+        {"\"90\"",
+         "Wrong 'rotation': a number 0, 90, 180 or 270 expected; the panel is not turned"},
+        {"90.5", "Wrong 'rotation': a number 0, 90, 180 or 270 expected; the panel is not turned"},
+        {"null", "Wrong 'rotation': a number 0, 90, 180 or 270 expected; the panel is not turned"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.value);
+        const std::string file = std::string(R"({"imgPath": "/img", "rotation": )") + c.value +
+                                 R"(, "screens": [{"name": "a"}]})";
+        LogCapture capture;
+        ASSERT_TRUE(config.fromJSONFile(dir.write(file)));  // the screens stay usable
+        EXPECT_EQ(config.getRotation(), 0);
+        const auto records = loaderRecords(capture);
+        ASSERT_EQ(records.size(), 2u);
+        EXPECT_EQ(records[1].level, 3);
+        EXPECT_EQ(records[1].message, c.message);
+        EXPECT_EQ(records[1].function, "readRotation");
+    }
+}

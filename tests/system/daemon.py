@@ -124,6 +124,7 @@ class Daemon:
         self.panel = os.path.join(self.root, "panel.raw")
         self.panel_device = "/dev/fb2"  # the device path the simulated panel answers to
         self.bpp = 16  # the simulated panel's depth
+        self.size = (WIDTH, HEIGHT)  # the simulated panel's resolution
         # None: a framebuffer panel. A list: the panel is a DRM device, and the
         # list holds fakefb-run's further options for it (see use_drm).
         self.drm = None
@@ -192,7 +193,8 @@ class Daemon:
                 daemon += ["-d", self.panel_device]
         return [os.path.join(source_dir(), "scripts", "sandbox"), "--root", self.root, "--",
                 *program("fakefb-run"), *panel,
-                "--size", f"{WIDTH}x{HEIGHT}", "--bpp", str(self.bpp), "--file", self.panel, "--",
+                "--size", "{}x{}".format(*self.size), "--bpp", str(self.bpp), "--file", self.panel,
+                "--",
                 *daemon] + list(args)
 
     def start(self, *args, wait=True, bus=True, env_extra=None):
