@@ -65,6 +65,9 @@ public:
     // keys each element reads, their types and the words, with the defaults
     // for whatever is missing or of another type. The name is not read here.
     static GuiScreenDesc readScreen(const variant::Variant& screen);
+    // The file's "rotation" as the daemon reads it (getRotation()), with its
+    // log line for a wrong value.
+    static int readRotation(const variant::Variant& root);
 
     const std::string& getImgPath() const { return imgPath; }
     // How far the panel's picture is turned clockwise from the screen, in

@@ -92,7 +92,7 @@ GuiImgConf readImg(const Variant* obj) {
 
 // "rotation": kRotationUnset when absent; 0 after a log line when it is not
 // one of kRotations (the screens stay usable, unturned).
-int readRotation(const Variant& root) {
+int readRotationKey(const Variant& root) {
     const Variant* value = lookup(&root, dravik::variant::kAny, key::kRotation);
     if (value == nullptr) {
         return kRotationUnset;
@@ -135,6 +135,10 @@ AnimType parseAnimType(const std::string& s, AnimType def) {
     return parseWord(kAnimationWords, s, def);
 }
 
+int GuiConfig::readRotation(const Variant& root) {
+    return readRotationKey(root);
+}
+
 GuiScreenDesc GuiConfig::readScreen(const Variant& screen) {
     return readScreenDesc(screen);
 }
@@ -158,7 +162,7 @@ bool GuiConfig::fromJSONFile(const std::string& path) {
         return false;
     }
     backLightPath = readString(&root, key::kBackLightPath);
-    rotation = readRotation(root);
+    rotation = readRotationKey(root);
 
     // Looked up with the object pattern, which arrays match as well; a value of
     // any other type, null included, counts as missing.

@@ -597,6 +597,6 @@ TEST_F(GuiConfigTest, a_wrong_rotation_counts_as_none_after_a_log_line) {
         ASSERT_EQ(records.size(), 2u);
         EXPECT_EQ(records[1].level, 3);
         EXPECT_EQ(records[1].message, c.message);
-        EXPECT_EQ(records[1].function, "readRotation");
+        EXPECT_EQ(records[1].function, "readRotationKey");
     }
 }

@@ -135,11 +135,22 @@ bool readScreensFile(const std::string& path, std::string& text, std::string& er
 
 namespace checker {
 
+constexpr const char kRotationHint[] =
+    "Write 0, 90, 180 or 270: how many degrees clockwise the picture is turned on the panel, "
+    "for a panel mounted turned the other way.";
+
 // ---- The checks ----
 
 std::vector<Finding> Checks::run() {
     {
         EngineMessages quiet;
+        Variant probe;  // the turn sets the screen's size for every later rule
+        const int rotation = options_.rotation != lcmgui::kRotationUnset ? options_.rotation
+                             : probe.FromJSONString(text_) ? lcmgui::GuiConfig::readRotation(probe)
+                                                           : lcmgui::kRotationUnset;
+        if (rotation != lcmgui::kRotationUnset) {
+            engine_.overrideRotation(static_cast<unsigned>(rotation));
+        }
         if (!engine_.initInMemory(options_.panel.var)) {
             error(0, "the display engine cannot draw on a " + describe(options_.panel) + " panel",
                   "Choose a panel of 15, 16, 24 or 32 bits per pixel.");
@@ -219,10 +230,34 @@ void Checks::checkFile(const JsonNode& root, const Variant& variantRoot) {
     checkKeys(root, lcmgui::kFileKeys, "the file");
     checkImgPath(root);
     checkBackLight(root);
+    checkRotation(root);
     const JsonMember* screens = root.member(key::kScreens);
     if (checkScreensList(root, screens)) {
         checkScreens(screens->value, variantRoot);
     }
+}
+
+void Checks::checkRotation(const JsonNode& root) {
+    const JsonMember* rotation = root.member(key::kRotation);
+    if (rotation == nullptr) {
+        return;
+    }
+    const JsonNode& value = rotation->value;
+    if (value.isInteger()) {
+        const std::string number = value.scalar.dump();
+        for (const unsigned degrees : lcmgui::kRotations) {
+            if (number == std::to_string(degrees)) {
+                return;
+            }
+        }
+        warning(value.offset,
+                "\"rotation\" is " + number + ": the daemon leaves the panel unturned",
+                kRotationHint);
+        return;
+    }
+    warning(value.offset,
+            "\"rotation\" is " + describeType(value) + ": the daemon leaves the panel unturned",
+            kRotationHint);
 }
 
 void Checks::checkImgPath(const JsonNode& root) {

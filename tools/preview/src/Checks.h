@@ -50,6 +50,7 @@ private:
     bool checkSyntax(Variant& root);
     void checkFile(const JsonNode& root, const Variant& variantRoot);
     void checkImgPath(const JsonNode& root);
+    void checkRotation(const JsonNode& root);
     void checkBackLight(const JsonNode& root);
     void checkScreens(const JsonNode& screens, const Variant& variantRoot);
     template <size_t N>
@@ -86,8 +87,9 @@ private:
         const JsonMember* m = object.member(name);
         return m != nullptr ? m->value.offset : object.offset;
     }
-    unsigned panelWidth() const { return options_.panel.var.xres; }
-    unsigned panelHeight() const { return options_.panel.var.yres; }
+    // The screen: the panel as the file's "rotation" turns it.
+    unsigned panelWidth() const { return engine_.screenWidth(); }
+    unsigned panelHeight() const { return engine_.screenHeight(); }
     std::string panelSize() const {
         return std::to_string(panelWidth()) + "x" + std::to_string(panelHeight());
     }

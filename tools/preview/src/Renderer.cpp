@@ -77,6 +77,22 @@ EngineMessages::~EngineMessages() {
     logger::setHook(nullptr);
 }
 
+cv::Mat asMounted(const cv::Mat& panel, unsigned rotation) {
+    static const std::pair<unsigned, cv::RotateFlags> kBack[] = {
+        {90, cv::ROTATE_90_COUNTERCLOCKWISE},
+        {180, cv::ROTATE_180},
+        {270, cv::ROTATE_90_CLOCKWISE},
+    };
+    for (const auto& [degrees, flag] : kBack) {
+        if (degrees == rotation) {
+            cv::Mat upright;
+            cv::rotate(panel, upright, flag);
+            return upright;
+        }
+    }
+    return panel;
+}
+
 Renderer::Renderer(lcmgui::GuiConfig& config) : gui_(config) {
     (void)utils::setMsClock(previewClock);  // the system clock is put back on destruction
 }
@@ -115,7 +131,9 @@ bool Renderer::render(const GuiScreenDesc& screen, uint64_t atMs, cv::Mat& pictu
         gNow = kClockStart + atMs;
         (void)gui_.service();
     }
-    picture = panelPicture(gui_.panelFormat(), gui_.panelMemory(), gui_.panelLineLength());
+    picture =
+        asMounted(panelPicture(gui_.panelFormat(), gui_.panelMemory(), gui_.panelLineLength()),
+                  gui_.screenRotation());
     messages = texts(log.records());
     imageLoaded_ = imageLoaded(log.records());
     return true;

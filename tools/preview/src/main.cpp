@@ -40,8 +40,9 @@ const char kHelp[] = R"(NAME
     dravik_lcm_gui_preview - see and check the screens of a dravik_lcm_gui screens file
 
 SYNOPSIS
-    dravik_lcm_gui_preview [--panel WxHxBPP] [--layout RO/RL,GO/GL,BO/BL] [--root DIR]
-                           [--screen NAME]... [--at MS]... [--scale N] --out DIR SCREENS.json
+    dravik_lcm_gui_preview [--panel WxHxBPP] [--layout RO/RL,GO/GL,BO/BL] [--rotation DEG]
+                           [--root DIR] [--screen NAME]... [--at MS]... [--scale N]
+                           --out DIR SCREENS.json
     dravik_lcm_gui_preview --check [--panel ...] [--layout ...] [--root DIR] [--json]
                            SCREENS.json
 
@@ -73,6 +74,11 @@ OPTIONS
         driver reports them. Default by depth: 15 10/5,5/5,0/5; 16 11/5,5/6,0/5;
         24 and 32 16/8,8/8,0/8. 24-bit pixels are copied as blue, green, red bytes
         whatever the layout says, as the daemon does.
+    -t, --rotation DEG
+        Turn the panel by DEG degrees clockwise (0, 90, 180 or 270) whatever the file's
+        "rotation" says. Default: the file's, else 0. The pictures show the screen as a
+        viewer sees the panel mounted: upright, at the turned size (a 240x320 panel at 90
+        degrees gives 320x240 pictures), drawn through the daemon's turned conversion.
     -r, --root DIR
         Look the image directories /usr/etc/gui/ and /etc/gui/ up under DIR (an image of
         imgPath /etc/gui/images is read from DIR/etc/gui/images/). The daemon's path rules
@@ -117,6 +123,7 @@ struct Options {
     std::vector<std::string> screens;
     std::vector<uint64_t> atMs;
     int scale = 1;
+    int rotation = dravik::lcmgui::kRotationUnset;
     std::string out;
     bool check = false;
     bool json = false;
@@ -153,6 +160,15 @@ const OptionRow kOptionRows[] = {
     {"panel", 'p', true,
      [](const char* arg, Options& o) { o.panel = panelFrom(arg, "--panel: "); }},
     {"layout", 'l', true, [](const char* arg, Options& o) { o.layout = arg; }},
+    {"rotation", 't', true,
+     [](const char* arg, Options& o) {
+         const auto degrees = number(arg, 270, "--rotation");
+         if (degrees % 90 != 0) {
+             throw UsageError{"bad --rotation \"" + std::string(arg) +
+                              "\": expected 0, 90, 180 or 270"};
+         }
+         o.rotation = static_cast<int>(degrees);
+     }},
     {"root", 'r', true, [](const char* arg, Options& o) { o.root = arg; }},
     {"screen", 's', true, [](const char* arg, Options& o) { o.screens.emplace_back(arg); }},
     {"at", 'a', true,
@@ -227,8 +243,8 @@ Options parseCommandLine(int argc, char** argv) {
 }
 
 int check(const Options& options) {
-    const auto findings =
-        dravik::preview::checkScreensFile(options.file, {options.panel, options.root});
+    const auto findings = dravik::preview::checkScreensFile(
+        options.file, {options.panel, options.root, options.rotation});
     std::fputs(options.json ? dravik::preview::formatFindingsJson(findings).c_str()
                             : dravik::preview::formatFindings(findings).c_str(),
                stdout);
@@ -340,6 +356,9 @@ int preview(const Options& options) {
         return kSomeScreensFailed;
     }
     dravik::preview::Renderer renderer(config);
+    if (options.rotation != dravik::lcmgui::kRotationUnset) {
+        renderer.engine().overrideRotation(static_cast<unsigned>(options.rotation));
+    }
     std::string error;
     if (!renderer.start(options.panel, options.root, error)) {
         std::fprintf(stderr, "%s\n", error.c_str());

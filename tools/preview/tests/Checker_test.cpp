@@ -186,5 +186,18 @@ TEST(CheckerOutput, json_holds_the_same_problems) {
     EXPECT_EQ(list[0]["hint"], "do this");
 }
 
+TEST_F(CheckerTest, a_wrong_rotation_is_a_warning_at_its_value) {
+    // Unturned, the 240x320 panel's screen is 240 wide: x 280 is off it.
+    const Expected expected[] = {
+        {4, 15, false, "\"rotation\" is 45: the daemon leaves the panel unturned"},
+        {5, 68, false, "the text position (280, 0) is off the panel 240x320"},
+    };
+    expectFindings(check("wrong_rotation.json", "240x320x16"), expected, std::size(expected));
+}
+
+TEST_F(CheckerTest, a_turned_panel_is_checked_at_its_turned_size) {
+    EXPECT_TRUE(check("turned.json", "240x320x16").empty());  // x 280 of 320
+}
+
 }  // namespace
 }  // namespace dravik::preview

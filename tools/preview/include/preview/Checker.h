@@ -3,6 +3,7 @@
 #include <string>
 #include <vector>
 
+#include "GuiConfig.h"
 #include "preview/Panel.h"
 
 namespace dravik::preview {
@@ -20,6 +21,8 @@ struct Finding {
 struct CheckOptions {
     PanelFormat panel;
     std::string root;  // image directories looked up below it; empty: the real ones
+    // The panel's turn, whatever the file's "rotation" says; unset: the file's.
+    int rotation = lcmgui::kRotationUnset;
 };
 
 // Checks the screens file at `path` against the panel and the daemon's rules,

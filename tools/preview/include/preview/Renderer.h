@@ -67,6 +67,10 @@ private:
     bool imageLoaded_ = false;  // whether the last render loaded its image
 };
 
+// The picture of a panel turned `rotation` degrees clockwise from the screen,
+// turned back as a viewer sees the panel mounted: the screen upright.
+cv::Mat asMounted(const cv::Mat& panel, unsigned rotation);
+
 // The frames side by side, each enlarged `scale` times, with its label below.
 cv::Mat contactSheet(const std::vector<Frame>& frames, int scale);
 
