@@ -103,9 +103,10 @@ public:
 // a reference to its configuration, hence the copy held here.
 class PanelEngine {
 public:
-    explicit PanelEngine(unsigned depth)
+    explicit PanelEngine(unsigned depth, unsigned rotation = 0)
         : panel(kDevice, fakefb::Geometry::forDepth(depth, kWidth, kHeight)), gui(guiConfig) {
         panel.apply();
+        gui.overrideRotation(rotation);
         // Every start-up on an 8-bit panel scales the shared dither matrix once more.
         LcmGui::resetDitherMatrix();
         started = gui.init(kDevice, "", -1);
@@ -128,9 +129,10 @@ public:
     bool started = false;
 };
 
-void showBuf(benchmark::State& state, unsigned x, unsigned y, unsigned w, unsigned h) {
+void showBuf(benchmark::State& state, unsigned x, unsigned y, unsigned w, unsigned h,
+             unsigned rotation = 0) {
     const auto depth = static_cast<unsigned>(state.range(0));
-    PanelEngine engine(depth);
+    PanelEngine engine(depth, rotation);
     if (!engine.started || !engine.paint()) {
         state.SkipWithError("the engine did not start on the simulated panel");
         return;
@@ -156,6 +158,16 @@ void BM_ShowBuf_FullScreen(benchmark::State& state) {
     showBuf(state, 0, 0, 0, 0);
 }
 BENCHMARK(BM_ShowBuf_FullScreen)->ArgName("bpp")->Arg(15)->Arg(16)->Arg(24)->Arg(32);
+
+// The same on a panel turned by a quarter, a half or three quarters: the turn
+// is made inside the conversion, gathering each panel line from a column (or a
+// reversed row) of the drawing buffer.
+void BM_ShowBuf_FullScreenTurned(benchmark::State& state) {
+    showBuf(state, 0, 0, 0, 0, static_cast<unsigned>(state.range(1)));
+}
+BENCHMARK(BM_ShowBuf_FullScreenTurned)
+    ->ArgNames({"bpp", "deg"})
+    ->ArgsProduct({{15, 16, 24, 32}, {90, 180, 270}});
 
 // The floor for a full-screen conversion: the same number of output bytes per
 // line, copied line by line from one buffer to another.

@@ -8,6 +8,9 @@ machine's load, and repeated; the figures are medians of the repeats.
   conv24, conv32     memcpy of the same output bytes line by line
   dither8            the 8-bit conversion (dither) of the same screen, against
                      memcpy of its output bytes
+  turn90_15 .. 32,   showBuf() of the whole screen on a panel turned 90 (180,
+  turn180_16,        270) degrees, against the unturned showBuf() at that depth
+  turn270_32
   breathing          one service() tick of a breathing 120x120 picture, against
                      one saturating add (cv::add) of the same picture
   idle_cpu           CPU time of the daemon on a still screen, against a bare
@@ -82,6 +85,12 @@ ENGINE_PAIRS = [
     ("conv24", "BM_ShowBuf_FullScreen/bpp:24", "BM_Memcpy_FullScreen/bytes:3"),
     ("conv32", "BM_ShowBuf_FullScreen/bpp:32", "BM_Memcpy_FullScreen/bytes:4"),
     ("dither8", "BM_ConvertLine8_FullScreen", "BM_Memcpy_FullScreen/bytes:1"),
+    ("turn90_15", "BM_ShowBuf_FullScreenTurned/bpp:15/deg:90", "BM_ShowBuf_FullScreen/bpp:15"),
+    ("turn90_16", "BM_ShowBuf_FullScreenTurned/bpp:16/deg:90", "BM_ShowBuf_FullScreen/bpp:16"),
+    ("turn90_24", "BM_ShowBuf_FullScreenTurned/bpp:24/deg:90", "BM_ShowBuf_FullScreen/bpp:24"),
+    ("turn90_32", "BM_ShowBuf_FullScreenTurned/bpp:32/deg:90", "BM_ShowBuf_FullScreen/bpp:32"),
+    ("turn180_16", "BM_ShowBuf_FullScreenTurned/bpp:16/deg:180", "BM_ShowBuf_FullScreen/bpp:16"),
+    ("turn270_32", "BM_ShowBuf_FullScreenTurned/bpp:32/deg:270", "BM_ShowBuf_FullScreen/bpp:32"),
     ("breathing", "BM_Service_BreathingTick", "BM_Add_Breathing120"),
 ]
 

@@ -158,6 +158,10 @@ private:
     // Converts the panel's rectangle `rect` into the panel memory at fbMem,
     // from the pixels of the drawing buffer that the turn puts there.
     void convertPanelRect(const PanelRect& rect);
+    // The same for a turned panel whose pixels convert one by one.
+    void convertTurnedByBands(const PanelRect& rect);
+    // The screen's rectangle that the panel's rectangle shows.
+    PanelRect screenRectOf(const PanelRect& panel) const;
     [[nodiscard]] bool readFixedInfo();
     [[nodiscard]] bool readVariableInfo();
     [[nodiscard]] bool mapMemory();

@@ -443,12 +443,101 @@ PanelRect LcmGui::panelRectOf(const PanelRect& r) const {
     }
 }
 
+namespace {
+
+// Rows of the drawing buffer converted at a time for a turned panel: a band of
+// them stays in the first-level cache while its pixels are put in place.
+constexpr unsigned kBandRows = 16;
+
+// Puts the band's converted pixels (rows x cols of E bytes, `stride` bytes a
+// row; band row k, column j is the screen's pixel (sx0 + j, sy0 + k)) where the
+// turn shows them on the panel.
+// Puts the band's converted pixels (rows x cols of E bytes, `stride` bytes a
+// row; band row k, column j is the screen's pixel (sx0 + j, sy0 + k)) where the
+// turn shows them on the panel: band row k goes to one panel column (90, 270)
+// or one panel row, backwards (180). The panel lines written stay cached
+// across the band's rows.
+template <size_t E>
+void placeBand(const unsigned char* band, size_t stride, unsigned rows, unsigned cols,
+               unsigned rotation, unsigned sx0, unsigned sy0, unsigned screenW, unsigned screenH,
+               unsigned char* panel, size_t lineLength) {
+    for (unsigned k = 0; k < rows; ++k) {
+        const unsigned char* from = band + k * stride;
+        const unsigned sy = sy0 + k;
+        unsigned char* to = nullptr;
+        ptrdiff_t step = 0;
+        switch (rotation) {
+            case 90:  // screen (sx, sy) -> panel (screenH - 1 - sy, sx)
+                to = panel + size_t{sx0} * lineLength + size_t{screenH - 1 - sy} * E;
+                step = static_cast<ptrdiff_t>(lineLength);
+                break;
+            case 180:  // screen (sx, sy) -> panel (screenW - 1 - sx, screenH - 1 - sy)
+                to = panel + size_t{screenH - 1 - sy} * lineLength + size_t{screenW - 1 - sx0} * E;
+                step = -static_cast<ptrdiff_t>(E);
+                break;
+            default:  // 270: screen (sx, sy) -> panel (sy, screenW - 1 - sx)
+                to = panel + size_t{screenW - 1 - sx0} * lineLength + size_t{sy} * E;
+                step = -static_cast<ptrdiff_t>(lineLength);
+                break;
+        }
+        for (unsigned j = 0; j < cols; ++j, to += step, from += E) {
+            std::memcpy(to, from, E);
+        }
+    }
+}
+
+}  // namespace
+
+// A turned panel of a depth whose pixels convert one by one (all but the
+// 8-bit dither, which depends on the place): the screen's rectangle is
+// converted a band of rows at a time, as an unturned panel's would be, and the
+// band's pixels are then put where the turn shows them.
+void LcmGui::convertTurnedByBands(const PanelRect& rect) {
+    const PanelRect screen = screenRectOf(rect);
+    const unsigned bytes = (fbVar.bits_per_pixel + 7) / 8;
+    const size_t stride = size_t{screen.w} * bytes;
+    if (turnedLine.size() < stride * kBandRows) {
+        turnedLine.resize(stride * kBandRows);
+    }
+    const auto place = bytes == 2 ? placeBand<2> : bytes == 3 ? placeBand<3> : placeBand<4>;
+    for (unsigned y = 0; y < screen.h; y += kBandRows) {
+        const unsigned rows = std::min(kBandRows, screen.h - y);
+        for (unsigned k = 0; k < rows; ++k) {
+            unsigned char* src = displayBuf.ptr<unsigned char>(static_cast<int>(screen.y + y + k)) +
+                                 size_t{screen.x} * 3;
+            (void)convertLine(fbVar.bits_per_pixel, k, screen.w, turnedLine.data() + k * stride,
+                              src);
+        }
+        place(turnedLine.data(), stride, rows, screen.w, rotation, screen.x, screen.y + y,
+              screenWidth(), screenHeight(), fbMem, fbFix.line_length);
+    }
+}
+
+PanelRect LcmGui::screenRectOf(const PanelRect& r) const {
+    const unsigned width = screenWidth();
+    const unsigned height = screenHeight();
+    switch (rotation) {
+        case 90:
+            return {r.y, height - r.x - r.w, r.h, r.w};
+        case 180:
+            return {width - r.x - r.w, height - r.y - r.h, r.w, r.h};
+        case 270:
+            return {width - r.y - r.h, r.x, r.h, r.w};
+        default:
+            return r;
+    }
+}
+
 // Each line of the panel's rectangle is converted from the drawing buffer's
 // pixels that the turn puts on it: a row of the buffer read forwards (0) or
 // backwards (180), or a column read upwards (90) or downwards (270), gathered
 // into one line first. Line numbers count from the rectangle's top, as the
 // dither expects of every rectangle.
 void LcmGui::convertPanelRect(const PanelRect& rect) {
+    if (rotation != 0 && fbVar.bits_per_pixel != 8) {
+        convertTurnedByBands(rect);
+        return;
+    }
     const auto rowBytes = static_cast<ptrdiff_t>(displayBuf.step[0]);
     const unsigned bytesPerPixel = (fbVar.bits_per_pixel + 7) / 8;
     const ptrdiff_t lastColumn = (static_cast<ptrdiff_t>(screenWidth()) - 1) * 3;
