@@ -104,6 +104,35 @@ cv::Mat palettePicture(LcmGui& gui) {
     return picture;
 }
 
+// The drawing buffer through an 8-bit panel's colour path as showBuf converts
+// it for a turned panel (the dither taken in the panel's lines), each index
+// shown as the top 8 bits of its colour-map entry. The engine is left on that
+// path: it serves no more scenes.
+cv::Mat turnedPalettePicture(LcmGui& gui) {
+    fb_var_screeninfo& var = Access::fbVar(gui);
+    var.bits_per_pixel = 8;
+    LcmGui::resetDitherMatrix();
+    const bool prepared = Access::prepareColourPath(gui);
+    LcmGui::resetDitherMatrix();  // the matrix is shared: leave it as found
+    std::vector<unsigned char> indices(size_t{var.xres} * var.yres);
+    Access::setPanelMemory(gui, indices.data(), var.xres);
+    const bool shown = prepared && gui.showBuf();
+    Access::setPanelMemory(gui, nullptr, 0);
+    if (!shown) {
+        return {};
+    }
+    cv::Mat picture(static_cast<int>(var.yres), static_cast<int>(var.xres), CV_8UC3);
+    for (int y = 0; y < picture.rows; ++y) {
+        for (int x = 0; x < picture.cols; ++x) {
+            const unsigned i = indices[size_t(y) * var.xres + size_t(x)];
+            picture.at<cv::Vec3b>(y, x) = {static_cast<uint8_t>(Access::palBlue(gui)[i] >> 8),
+                                           static_cast<uint8_t>(Access::palGreen(gui)[i] >> 8),
+                                           static_cast<uint8_t>(Access::palRed(gui)[i] >> 8)};
+        }
+    }
+    return picture;
+}
+
 // Shows the scene as the daemon would at its time: the full redraw, then a
 // tick every 30 ms and one at the time itself.
 bool show(LcmGui& gui, const Scene& scene) {
@@ -234,9 +263,10 @@ protected:
 
     // An engine on a panel of `depth` in memory, images below the test's root.
     static std::unique_ptr<LcmGui> engine(GuiConfig& config, const Depth& depth, unsigned width,
-                                          unsigned height) {
+                                          unsigned height, unsigned rotation = 0) {
         auto gui = std::make_unique<LcmGui>(config);
         gui->setGuiRoot(root_->path());
+        gui->overrideRotation(rotation);
         fb_var_screeninfo format = {};
         format.xres = width;
         format.yres = height;
@@ -344,6 +374,37 @@ TEST_F(GoldenTest, every_example_screen_matches_its_reference_at_every_depth) {
         scenes.push_back({std::string("example_") + example.name, 240, 240, desc, example.at});
     }
     runScenes(config, scenes);
+}
+
+TEST_F(GoldenTest, every_example_screen_matches_its_reference_on_a_turned_panel) {
+    // A 240x320 panel: a 320x240 screen at 90 and 270 degrees, 240x320 at 180;
+    // the references hold the panel's memory, turned.
+    GuiConfig config;
+    ASSERT_TRUE(config.fromJSONFile(std::string(EXAMPLES_DIR) + "/dravik_lcm_gui.json"));
+    const struct {
+        const char* name;
+        uint64_t at;
+    } examples[] = {{"hello", 0},     {"logo", 0},      {"boot", 0},
+                    {"spinner", 350}, {"standby", 500}, {"update", 5000}};
+    const Depth* depths[] = {&kDepths[1], &kDepths[3], &kDepths[4]};  // 16, 32 and 8 bits
+    for (const unsigned rotation : {90U, 180U, 270U}) {
+        for (const Depth* depth : depths) {
+            for (const auto& example : examples) {
+                SCOPED_TRACE(std::string(example.name) + " at depth " + depth->name + ", " +
+                             std::to_string(rotation) + " degrees");
+                bool found = false;
+                const GuiScreenDesc& desc = config.getScreenDesc(example.name, found);
+                ASSERT_TRUE(found);
+                auto gui = engine(config, *depth, 240, 320, rotation);
+                ASSERT_NE(gui, nullptr);
+                ASSERT_TRUE(show(*gui, {example.name, 240, 320, desc, example.at}));
+                const bool palette = std::string(depth->name) == "8";
+                expectGolden(std::string("turned") + std::to_string(rotation) + "_" + example.name +
+                                 "-" + depth->name,
+                             palette ? turnedPalettePicture(*gui) : panelPicture(*gui));
+            }
+        }
+    }
 }
 
 TEST_F(GoldenTest, edge_cases_match_their_references_at_every_depth) {
