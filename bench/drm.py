@@ -128,7 +128,7 @@ def request_to_pixels(root, requests):
 def ratios(root, repeats):
     """The rows of bench/ratios.py: (name, measured, against, value)."""
     tick = tick_bytes(root)
-    fb50, fb99, drm50, drm99 = request_to_pixels(root, 40 * repeats)
+    fb50, fb99, drm50, drm99 = request_to_pixels(root, 100 * repeats)
     return [
         ("drm_tick_bytes", f"spinner tick flushes {tick:.0f} bytes",
          f"a whole frame {FRAME_BYTES} bytes", tick / FRAME_BYTES),

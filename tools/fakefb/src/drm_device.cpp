@@ -316,6 +316,11 @@ void sidePathOf(const Device& d, const char* suffix, char (&path)[kPathMax + 16]
 }
 
 // Appends one line to "<file>.damage".
+// The record file last written, kept open for the run: a flush then costs one
+// write. (Within one process a path keeps naming one file.)
+char gRecordPath[kPathMax + 16];  // guarded by gLock
+int gRecordFd = -1;               // guarded by gLock
+
 void writeRecord(const Device& d, int len) {
     if (len < 0 || static_cast<std::size_t>(len) >= sizeof gLine - 1) {
         return;
@@ -323,8 +328,14 @@ void writeRecord(const Device& d, int len) {
     gLine[len++] = '\n';
     char path[kPathMax + 16];
     sidePathOf(d, ".damage", path);
-    const host::Fd fd(host::open(path, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644));
-    if (!fd.valid() || write(fd.get(), gLine, static_cast<std::size_t>(len)) != len) {
+    if (gRecordFd < 0 || strcmp(path, gRecordPath) != 0) {
+        if (gRecordFd >= 0) {
+            (void)host::close(gRecordFd);
+        }
+        gRecordFd = host::open(path, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
+        (void)snprintf(gRecordPath, sizeof gRecordPath, "%s", path);  // fits: same size
+    }
+    if (gRecordFd < 0 || write(gRecordFd, gLine, static_cast<std::size_t>(len)) != len) {
         host::report("cannot record in %s: %s", path, strerror(errno));
     }
 }
