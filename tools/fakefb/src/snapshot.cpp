@@ -38,12 +38,17 @@ const char kHelp[] =
     "\n"
     "Options:\n"
     "  -s, --scale N        enlarge every pixel to N x N (1..64, default 1)\n"
+    "  -m, --mounted DEG    the panel is mounted so that its picture is turned DEG\n"
+    "                       degrees clockwise (0, 90, 180 or 270; the screens\n"
+    "                       file's \"rotation\"): turn it back, to show the panel\n"
+    "                       as it is seen mounted (default 0: as the memory holds it)\n"
     "  -g, --geometry PATH  geometry file to use instead of FILE.geom\n"
     "  -c, --cmap PATH      colour map record to use instead of FILE.cmap\n"
     "  -h, --help           show this help and exit\n";
 
 struct Options {
     uint32_t scale = 1;
+    uint32_t mounted = 0;
     std::string geometry;
     std::string cmap;
     std::string input;
@@ -64,10 +69,20 @@ uint32_t parseScale(const char* text) {
     return value;
 }
 
+uint32_t parseMounted(const char* text) {
+    uint32_t value = 0;
+    if (!fakefb::parseUnsigned(text, value) || value % 90 != 0 || value > 270) {
+        throw Failure{kUsageError,
+                      std::string("bad --mounted \"") + text + "\": expected 0, 90, 180 or 270"};
+    }
+    return value;
+}
+
 using OptionRow = dravik::utils::OptionRow<Options>;
 
 const OptionRow kOptionRows[] = {
     {"scale", 's', true, [](const char* arg, Options& o) { o.scale = parseScale(arg); }},
+    {"mounted", 'm', true, [](const char* arg, Options& o) { o.mounted = parseMounted(arg); }},
     {"geometry", 'g', true, [](const char* arg, Options& o) { o.geometry = arg; }},
     {"cmap", 'c', true, [](const char* arg, Options& o) { o.cmap = arg; }},
     {"help", 'h', false, nullptr},
@@ -210,6 +225,15 @@ int snapshot(const Options& options) {
                                     " is missing (nothing called FBIOPUTCMAP)"};
     }
     cv::Mat image = decodeFrame(geometry, data, haveMap ? &map : nullptr);
+    if (options.mounted != 0) {
+        // The picture was turned clockwise on the panel: turn it back.
+        const cv::RotateFlags back = options.mounted == 90    ? cv::ROTATE_90_COUNTERCLOCKWISE
+                                     : options.mounted == 180 ? cv::ROTATE_180
+                                                              : cv::ROTATE_90_CLOCKWISE;
+        cv::Mat upright;
+        cv::rotate(image, upright, back);
+        image = upright;
+    }
     if (options.scale > 1) {
         cv::Mat large;
         cv::resize(image, large, cv::Size(), options.scale, options.scale, cv::INTER_NEAREST);

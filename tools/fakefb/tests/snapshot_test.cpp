@@ -241,6 +241,41 @@ TEST(FakefbSnapshot, scale_enlarges_every_pixel) {
     expectRgb(at(image, 6, 0), {0, 0, 255});  // pixel (2, 0)
 }
 
+TEST(FakefbSnapshot, mounted_turns_the_picture_back_as_the_panel_is_seen) {
+    const SnapshotRow& row = rows()[2];  // RGB565, 5x3, green at (1, 0), blue at (2, 0)
+    const Geometry g = geometryOf(row);
+    const Panel panel(kDevice, g);
+    panel.apply();
+    writeThroughDevice(row, g);
+    const std::string png = panel.backingFile() + ".png";
+    struct Case {
+        const char* degrees;
+        int width, height;
+        uint32_t greenX, greenY, blueX, blueY;
+    };
+    const Case cases[] = {
+        {"90", 3, 5, 0, 3, 0, 2},   // the panel's top row is the screen's left column
+        {"180", 5, 3, 3, 2, 2, 2},  // upside down
+        {"270", 3, 5, 2, 1, 2, 2},  // the panel's top row is the screen's right column
+        {"0", 5, 3, 1, 0, 2, 0},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.degrees);
+        const auto result =
+            runTool({FAKEFB_SNAPSHOT, "--mounted", c.degrees, panel.backingFile(), png});
+        ASSERT_EQ(result.status, 0) << result.err;
+        const cv::Mat image = dravik::image::readImage(png);
+        ASSERT_EQ(image.cols, c.width);
+        ASSERT_EQ(image.rows, c.height);
+        expectRgb(at(image, c.greenX, c.greenY), {0, 255, 0});
+        expectRgb(at(image, c.blueX, c.blueY), {0, 0, 255});
+    }
+    const auto bad = runTool({FAKEFB_SNAPSHOT, "--mounted", "45", panel.backingFile(), png});
+    EXPECT_EQ(bad.status, 2);
+    EXPECT_NE(bad.err.find("bad --mounted \"45\": expected 0, 90, 180 or 270"), std::string::npos)
+        << bad.err;
+}
+
 TEST(FakefbSnapshot, pseudocolour_panel_without_colour_map_is_an_error) {
     const Panel panel(kDevice, Geometry::forDepth(8, 4, 4));
     panel.apply();
