@@ -451,9 +451,6 @@ constexpr unsigned kBandRows = 16;
 
 // Puts the band's converted pixels (rows x cols of E bytes, `stride` bytes a
 // row; band row k, column j is the screen's pixel (sx0 + j, sy0 + k)) where the
-// turn shows them on the panel.
-// Puts the band's converted pixels (rows x cols of E bytes, `stride` bytes a
-// row; band row k, column j is the screen's pixel (sx0 + j, sy0 + k)) where the
 // turn shows them on the panel: band row k goes to one panel column (90, 270)
 // or one panel row, backwards (180). The panel lines written stay cached
 // across the band's rows.
