@@ -171,6 +171,8 @@ uint64_t pageAlign(uint64_t size) {
 
 template <typename T>
 T* userPointer(uint64_t ptr) {
+    // The ioctl structures carry the client's pointers as 64-bit integers.
+    // NOLINTNEXTLINE(performance-no-int-to-ptr)
     return reinterpret_cast<T*>(static_cast<uintptr_t>(ptr));
 }
 
@@ -1028,7 +1030,7 @@ int createDumb(Device& d, void* data) {
         return -EINVAL;
     }
     const uint32_t stride = cpp * req->width;
-    if (req->height > UINT32_MAX / stride || pageAlign(req->height * stride) > UINT32_MAX) {
+    if (req->height > UINT32_MAX / stride || pageAlign(uint64_t{req->height} * stride) > UINT32_MAX) {
         return -EINVAL;
     }
     req->handle = req->pitch = 0;
