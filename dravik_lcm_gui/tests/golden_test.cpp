@@ -222,6 +222,14 @@ std::vector<Scene> edgeScenes() {
     return scenes;
 }
 
+// The example screens, animations at a chosen time: the spinner's fourth
+// slide, the heart at its brightest, the progress bar half full.
+const struct {
+    const char* name;
+    uint64_t at;
+} kExamples[] = {{"hello", 0},     {"logo", 0},      {"boot", 0},
+                 {"spinner", 350}, {"standby", 500}, {"update", 5000}};
+
 class GoldenTest : public ::testing::Test {
 protected:
     static void SetUpTestSuite() {
@@ -359,15 +367,8 @@ void GoldenTest::runScenes(GuiConfig& config, const std::vector<Scene>& scenes) 
 TEST_F(GoldenTest, every_example_screen_matches_its_reference_at_every_depth) {
     GuiConfig config;
     ASSERT_TRUE(config.fromJSONFile(std::string(EXAMPLES_DIR) + "/dravik_lcm_gui.json"));
-    // Animations at a chosen time: the spinner's fourth slide, the heart at its
-    // brightest, the progress bar half full.
-    const struct {
-        const char* name;
-        uint64_t at;
-    } examples[] = {{"hello", 0},     {"logo", 0},      {"boot", 0},
-                    {"spinner", 350}, {"standby", 500}, {"update", 5000}};
     std::vector<Scene> scenes;
-    for (const auto& example : examples) {
+    for (const auto& example : kExamples) {
         bool found = false;
         const GuiScreenDesc& desc = config.getScreenDesc(example.name, found);
         ASSERT_TRUE(found) << example.name;
@@ -381,15 +382,10 @@ TEST_F(GoldenTest, every_example_screen_matches_its_reference_on_a_turned_panel)
     // the references hold the panel's memory, turned.
     GuiConfig config;
     ASSERT_TRUE(config.fromJSONFile(std::string(EXAMPLES_DIR) + "/dravik_lcm_gui.json"));
-    const struct {
-        const char* name;
-        uint64_t at;
-    } examples[] = {{"hello", 0},     {"logo", 0},      {"boot", 0},
-                    {"spinner", 350}, {"standby", 500}, {"update", 5000}};
     const Depth* depths[] = {&kDepths[1], &kDepths[3], &kDepths[4]};  // 16, 32 and 8 bits
     for (const unsigned rotation : {90U, 180U, 270U}) {
         for (const Depth* depth : depths) {
-            for (const auto& example : examples) {
+            for (const auto& example : kExamples) {
                 SCOPED_TRACE(std::string(example.name) + " at depth " + depth->name + ", " +
                              std::to_string(rotation) + " degrees");
                 bool found = false;
