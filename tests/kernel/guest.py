@@ -27,12 +27,15 @@ INIT = r"""#!/bin/busybox sh
 # Runs as PID 1: mounts the kernel's file systems, loads the modules the kernel
 # command line names ("dravik.modules=SET", the list /etc/dravik-modules-SET),
 # waits for the device the daemon draws on ("dravik.device=PATH", /dev/fb0
-# unless named), starts the bus and the daemon, and shows each screen in turn.
+# unless named), starts the bus and the daemon on the screens file
+# ("dravik.screens=PATH", /etc/gui/screens.json unless named), and shows each
+# screen in turn.
 # On a framebuffer the guest settles each frame itself and reports
 # "DRAVIK-READY name". A DRM device's pixels are not readable from here, so the
 # host settles them: the guest reports "DRAVIK-SHOW name" and waits for the
 # host's line (the host takes the frame before), asks for the screen, reports
-# "DRAVIK-READY name" and waits again.
+# "DRAVIK-READY name" and waits again. At the end the daemon's log follows,
+# each line behind "DRAVIK-LOG ".
 /bin/busybox mkdir -p /proc /sys /dev /run /tmp
 /bin/busybox mount -t proc proc /proc
 /bin/busybox mount -t sysfs sysfs /sys
@@ -106,7 +109,9 @@ mkdir -p /run/backlight
 echo 255 >/run/backlight/max_brightness
 dbus-daemon --config-file=/etc/dravik-bus.conf --fork || fail "dbus-daemon"
 export DBUS_SYSTEM_BUS_ADDRESS=unix:path=/run/bus
-dravik_lcm_gui -d "$device" -c /etc/gui/screens.json >/run/daemon.log 2>&1 &
+screens=$(option dravik.screens)
+screens=${screens:-/etc/gui/screens.json}
+dravik_lcm_gui -d "$device" -c "$screens" >/run/daemon.log 2>&1 &
 n=0
 until ipc_call --list dravik_lcm_gui >/dev/null 2>&1; do
   n=$((n + 1)); [ $n -le 300 ] || fail "the daemon is not on the bus"; sleep 0.2
@@ -135,6 +140,7 @@ case "$device" in
     done
     ;;
 esac
+sed 's/^/DRAVIK-LOG /' /run/daemon.log
 echo "DRAVIK-DONE"
 poweroff -f
 """
@@ -153,6 +159,13 @@ BUS_CONFIG = """<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Config
   </policy>
 </busconfig>
 """
+
+
+def daemon_log(console):
+    """The daemon's log, as the guest reports it after its last screen."""
+    prefix = "DRAVIK-LOG "
+    return "".join(line[len(prefix):] for line in console.splitlines(keepends=True)
+                   if line.startswith(prefix))
 
 
 def _needed(path):

@@ -5,8 +5,10 @@ Debian's arm64 kernel boots under qemu-system-aarch64 (TCG) with an initramfs
 holding the installed aarch64 build, its libraries from the sysroot, busybox and
 a bus daemon. Inside, the daemon draws on /dev/fb0: the built-in
 simple-framebuffer driver at four pixel formats (a device-tree node over
-reserved RAM, read back with the monitor's pmemsave), and the bochs DRM driver's
-fbdev emulation (modules from the kernel package, read back with screendump).
+reserved RAM, read back with the monitor's pmemsave), once more at 16 bits with
+the panel turned a quarter ("rotation" in the screens file), and the bochs DRM
+driver's fbdev emulation (modules from the kernel package, read back with
+screendump).
 It also draws on /dev/dri/card0 through KMS, with fbdev emulation off: the bochs
 driver (scanned out from memory) and the virtio-gpu driver (the host sees only
 the rectangles flushed with damage clips), read back with screendump. The
@@ -54,13 +56,18 @@ SCREENS = {
 }
 SCREEN_NAMES = [s["name"] for s in SCREENS["screens"]]
 
-# simple-framebuffer formats: (device-tree format, bits per pixel, fakefb --rgb).
+# simple-framebuffer cases: (device-tree format, bits per pixel, fakefb --rgb,
+# the screens file's "rotation"; 0: the file has no such key). The turned panel
+# takes one boot: its turn is made in the conversion to the panel's pixels, the
+# same code at every depth.
 SIMPLEFB_FORMATS = [
-    ("r5g6b5", 16, "11/5,5/6,0/5"),
-    ("x1r5g5b5", 16, "10/5,5/5,0/5"),
-    ("r8g8b8", 24, "16/8,8/8,0/8"),
-    ("x8r8g8b8", 32, "16/8,8/8,0/8"),
+    ("r5g6b5", 16, "11/5,5/6,0/5", 0),
+    ("x1r5g5b5", 16, "10/5,5/5,0/5", 0),
+    ("r8g8b8", 24, "16/8,8/8,0/8", 0),
+    ("x8r8g8b8", 32, "16/8,8/8,0/8", 0),
+    ("r5g6b5", 16, "11/5,5/6,0/5", 90),
 ]
+ROTATIONS = sorted({case[3] for case in SIMPLEFB_FORMATS if case[3]})
 BOOT_TIMEOUT = 120
 STEP_TIMEOUT = 120
 
@@ -79,6 +86,23 @@ DRM_DISPLAYS = [
 ]
 DRM_DEVICE = "/dev/dri/card0"
 XRGB8888 = "16/8,8/8,0/8"
+
+
+def screens_config(backlight, rotation=0):
+    """The screens file's contents, with the panel turned by `rotation`."""
+    config = dict(SCREENS, backLightPath=backlight)
+    if rotation:
+        config["rotation"] = rotation
+    return config
+
+
+def guest_screens_file(rotation):
+    return f"/etc/gui/screens-turned-{rotation}.json" if rotation else "/etc/gui/screens.json"
+
+
+def screen_size(rotation):
+    """The screen on the WIDTH x HEIGHT panel turned by `rotation`."""
+    return (HEIGHT, WIDTH) if rotation in (90, 270) else (WIDTH, HEIGHT)
 
 
 def require_env(name):
@@ -157,8 +181,9 @@ def initrd(work, kernel_tree, images):
     g.write_file(os.path.join(stage, "etc", "passwd"), "root:x:0:0:root:/root:/bin/sh\n")
     g.write_file(os.path.join(stage, "etc", "group"), "root:x:0:\n")
     g.write_file(os.path.join(stage, "etc", "dravik", "camerainfo.json"), '{"sysid": 418}\n')
-    g.write_file(os.path.join(stage, "etc", "gui", "screens.json"),
-                 json.dumps(dict(SCREENS, backLightPath=g.BACKLIGHT)))
+    for rotation in [0] + ROTATIONS:
+        g.write_file(stage + guest_screens_file(rotation),
+                     json.dumps(screens_config(g.BACKLIGHT, rotation)))
     shutil.copytree(images, os.path.join(stage, "etc", "gui", "images"))
     g.write_file(os.path.join(stage, "init"), g.INIT, 0o755)
     out = os.path.join(work, "initrd.cpio")
@@ -236,9 +261,10 @@ def settled_screendump(guest, screen, before, timeout=120):
     return last
 
 
-def reference_frames(work, name, images, device, panel_options):
+def reference_frames(work, name, images, device, panel_options, rotation=0):
     """The host's daemon on the simulated `device` (fakefb-run with
-    `panel_options`): {screen: backing file bytes}."""
+    `panel_options`), the screens file turning the panel by `rotation`:
+    {screen: backing file bytes}."""
     host_bin = require_env("DRAVIK_HOST_BIN_DIR")
     root = os.path.join(work, name + "-reference")
     os.makedirs(os.path.join(root, "etc-gui"))
@@ -247,7 +273,7 @@ def reference_frames(work, name, images, device, panel_options):
     backlight = os.path.join(root, "backlight")
     g.write_file(os.path.join(backlight, "max_brightness"), "255\n")
     with open(os.path.join(root, "etc-gui", "screens.json"), "w") as f:
-        json.dump(dict(SCREENS, backLightPath=backlight), f)
+        json.dump(screens_config(backlight, rotation), f)
     panel = os.path.join(root, "panel.raw")
     bus = PrivateBus(os.path.join(root, "bus"))
     env = {k: v for k, v in os.environ.items() if k not in ("DRAVIK_EMULATOR", "LD_PRELOAD")}
@@ -345,21 +371,30 @@ def fb_options(geometry, rgb):
             "--line-length", str(stride)]
 
 
-@pytest.mark.parametrize("fmt,bpp,rgb", SIMPLEFB_FORMATS, ids=[f[0] for f in SIMPLEFB_FORMATS])
-def test_simple_framebuffer(work, initrd, images, fmt, bpp, rgb):
+def simplefb_id(case):
+    fmt, _, _, rotation = case
+    return f"{fmt}-turned{rotation}" if rotation else fmt
+
+
+@pytest.mark.parametrize("fmt,bpp,rgb,rotation", SIMPLEFB_FORMATS,
+                         ids=[simplefb_id(c) for c in SIMPLEFB_FORMATS])
+def test_simple_framebuffer(work, initrd, images, fmt, bpp, rgb, rotation):
     stride = WIDTH * bpp // 8
     dtb = g.simplefb_dtb(work, WIDTH, HEIGHT, stride, fmt)
 
     def read_frame(guest, geometry, screen):
         return guest.save_memory(g.FB_BASE, geometry[3] * geometry[1], screen + ".raw")
 
-    name = "simplefb-" + fmt
+    name = "simplefb-" + simplefb_id((fmt, bpp, rgb, rotation))
     # The text console stays off the framebuffer: its cursor and redraws would
     # overwrite the daemon's pixels.
-    geometry, frames, console = capture_guest(work, initrd, name, ["-dtb", dtb], "fbcon=map:1",
+    append = f"fbcon=map:1 dravik.screens={guest_screens_file(rotation)}"
+    geometry, frames, console = capture_guest(work, initrd, name, ["-dtb", dtb], append,
                                               read_frame)
     assert geometry == (WIDTH, HEIGHT, bpp, stride), console
-    reference = reference_frames(work, name, images, "/dev/fb0", fb_options(geometry, rgb))
+    check_screen_of_log(g.daemon_log(console), rotation, console)
+    reference = reference_frames(work, name, images, "/dev/fb0", fb_options(geometry, rgb),
+                                 rotation)
     for screen in SCREEN_NAMES:
         expected = to_rgb(reference[screen], WIDTH, HEIGHT, stride, bpp, channels_of(rgb))
         assert any(expected), f"{name}/{screen}: the reference frame is black"
@@ -367,6 +402,19 @@ def test_simple_framebuffer(work, initrd, images, fmt, bpp, rgb):
             actual = to_rgb(frames[screen], WIDTH, HEIGHT, stride, bpp, channels_of(rgb))
             compare(name, screen, expected, actual, WIDTH, HEIGHT, work)
             pytest.fail(f"{name}/{screen}: the frames differ in their padding bits")
+
+
+def check_screen_of_log(log, rotation, console):
+    """The guest's daemon drew on the panel, on a screen turned by `rotation`,
+    and every screen it showed fitted that screen."""
+    assert f"FB: {WIDTH}x{HEIGHT}," in log, "no daemon's log from the guest:\n" + console
+    turned = "the panel turned"
+    if rotation:
+        width, height = screen_size(rotation)
+        assert f"Screen: {width}x{height}, {turned} {rotation} degrees" in log, log
+    else:
+        assert turned not in log, log
+    assert "out of screen" not in log, log
 
 
 def test_bochs_display(work, initrd, images):
