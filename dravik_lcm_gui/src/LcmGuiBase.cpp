@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <cstring>
 #include <iterator>
@@ -449,37 +450,228 @@ namespace {
 // them stays in the first-level cache while its pixels are put in place.
 constexpr unsigned kBandRows = 16;
 
-// Puts the band's converted pixels (rows x cols of E bytes, `stride` bytes a
-// row; band row k, column j is the screen's pixel (sx0 + j, sy0 + k)) where the
-// turn shows them on the panel: band row k goes to one panel column (90, 270)
-// or one panel row, backwards (180). The panel lines written stay cached
-// across the band's rows.
+// Where the turn shows the band's pixels: band row k, column j is the screen's
+// pixel (sx0 + j, sy0 + k).
+struct Placement {
+    unsigned char* panel;
+    size_t lineLength;
+    unsigned rotation;
+    unsigned sx0, sy0, screenW, screenH;
+};
+
+// Puts the band's converted pixels of rows [k0, k1) and columns [j0, j1)
+// (E bytes each, `stride` bytes a band row) where the turn shows them, one at
+// a time: band row k goes to one panel column (90, 270) or, backwards, to one
+// panel row (180).
 template <size_t E>
-void placeBand(const unsigned char* band, size_t stride, unsigned rows, unsigned cols,
-               unsigned rotation, unsigned sx0, unsigned sy0, unsigned screenW, unsigned screenH,
-               unsigned char* panel, size_t lineLength) {
-    for (unsigned k = 0; k < rows; ++k) {
-        const unsigned char* from = band + k * stride;
-        const unsigned sy = sy0 + k;
+void placeOneByOne(const unsigned char* band, size_t stride, unsigned k0, unsigned k1, unsigned j0,
+                   unsigned j1, const Placement& p) {
+    for (unsigned k = k0; k < k1; ++k) {
+        const unsigned char* from = band + k * stride + size_t{j0} * E;
+        const unsigned sy = p.sy0 + k;
+        const unsigned sx = p.sx0 + j0;
         unsigned char* to = nullptr;
         ptrdiff_t step = 0;
-        switch (rotation) {
+        switch (p.rotation) {
             case 90:  // screen (sx, sy) -> panel (screenH - 1 - sy, sx)
-                to = panel + size_t{sx0} * lineLength + size_t{screenH - 1 - sy} * E;
-                step = static_cast<ptrdiff_t>(lineLength);
+                to = p.panel + size_t{sx} * p.lineLength + size_t{p.screenH - 1 - sy} * E;
+                step = static_cast<ptrdiff_t>(p.lineLength);
                 break;
             case 180:  // screen (sx, sy) -> panel (screenW - 1 - sx, screenH - 1 - sy)
-                to = panel + size_t{screenH - 1 - sy} * lineLength + size_t{screenW - 1 - sx0} * E;
+                to = p.panel + size_t{p.screenH - 1 - sy} * p.lineLength +
+                     size_t{p.screenW - 1 - sx} * E;
                 step = -static_cast<ptrdiff_t>(E);
                 break;
             default:  // 270: screen (sx, sy) -> panel (sy, screenW - 1 - sx)
-                to = panel + size_t{screenW - 1 - sx0} * lineLength + size_t{sy} * E;
-                step = -static_cast<ptrdiff_t>(lineLength);
+                to = p.panel + size_t{p.screenW - 1 - sx} * p.lineLength + size_t{sy} * E;
+                step = -static_cast<ptrdiff_t>(p.lineLength);
                 break;
         }
-        for (unsigned j = 0; j < cols; ++j, to += step, from += E) {
+        for (unsigned j = j0; j < j1; ++j, to += step, from += E) {
             std::memcpy(to, from, E);
         }
+    }
+}
+
+// Sixteen bytes of pixels: eight of 16 bits or four of 32, moved in registers.
+using Lanes16 = uint16_t __attribute__((vector_size(16)));
+using Lanes32 = uint32_t __attribute__((vector_size(16)));
+
+template <typename Lanes>
+Lanes load(const unsigned char* at) {
+    Lanes v;
+    std::memcpy(&v, at, sizeof v);
+    return v;
+}
+
+template <typename Lanes>
+void store(unsigned char* at, Lanes v) {
+    std::memcpy(at, &v, sizeof v);
+}
+
+Lanes32 reversed(Lanes32 v) {
+    return __builtin_shufflevector(v, v, 3, 2, 1, 0);
+}
+
+// Eight 16-bit pixels backwards: four pairs backwards, then each pair swapped
+// (shifts, which every vector unit has, where a shuffle of 16-bit lanes may
+// not be one instruction).
+Lanes16 reversed(Lanes16 v) {
+    Lanes32 pairs;
+    std::memcpy(&pairs, &v, sizeof v);
+    pairs = reversed(pairs);
+    pairs = (pairs << 16) | (pairs >> 16);
+    std::memcpy(&v, &pairs, sizeof v);
+    return v;
+}
+
+// An 8x8 tile of 16-bit pixels whose rows start at row0 (each `stride` bytes
+// after the one before, or before it when `step` is negative): its columns go
+// to eight lines starting at `to`, `lineStep` bytes apart. The rows are
+// interleaved by pixels, then pairs, then fours.
+// Inlined into the tile loop: a call per tile costs as much as the tile.
+#define DRAVIK_TILE_INLINE inline __attribute__((always_inline))
+
+DRAVIK_TILE_INLINE void transposeTile(const unsigned char* row0, ptrdiff_t step, unsigned char* to,
+                                      ptrdiff_t lineStep, Lanes16) {
+    const Lanes16 r0 = load<Lanes16>(row0);
+    const Lanes16 r1 = load<Lanes16>(row0 + step);
+    const Lanes16 r2 = load<Lanes16>(row0 + 2 * step);
+    const Lanes16 r3 = load<Lanes16>(row0 + 3 * step);
+    const Lanes16 r4 = load<Lanes16>(row0 + 4 * step);
+    const Lanes16 r5 = load<Lanes16>(row0 + 5 * step);
+    const Lanes16 r6 = load<Lanes16>(row0 + 6 * step);
+    const Lanes16 r7 = load<Lanes16>(row0 + 7 * step);
+    const Lanes16 a0 = __builtin_shufflevector(r0, r1, 0, 8, 1, 9, 2, 10, 3, 11);
+    const Lanes16 a1 = __builtin_shufflevector(r0, r1, 4, 12, 5, 13, 6, 14, 7, 15);
+    const Lanes16 a2 = __builtin_shufflevector(r2, r3, 0, 8, 1, 9, 2, 10, 3, 11);
+    const Lanes16 a3 = __builtin_shufflevector(r2, r3, 4, 12, 5, 13, 6, 14, 7, 15);
+    const Lanes16 a4 = __builtin_shufflevector(r4, r5, 0, 8, 1, 9, 2, 10, 3, 11);
+    const Lanes16 a5 = __builtin_shufflevector(r4, r5, 4, 12, 5, 13, 6, 14, 7, 15);
+    const Lanes16 a6 = __builtin_shufflevector(r6, r7, 0, 8, 1, 9, 2, 10, 3, 11);
+    const Lanes16 a7 = __builtin_shufflevector(r6, r7, 4, 12, 5, 13, 6, 14, 7, 15);
+    const Lanes16 b0 = __builtin_shufflevector(a0, a2, 0, 1, 8, 9, 2, 3, 10, 11);
+    const Lanes16 b1 = __builtin_shufflevector(a0, a2, 4, 5, 12, 13, 6, 7, 14, 15);
+    const Lanes16 b2 = __builtin_shufflevector(a1, a3, 0, 1, 8, 9, 2, 3, 10, 11);
+    const Lanes16 b3 = __builtin_shufflevector(a1, a3, 4, 5, 12, 13, 6, 7, 14, 15);
+    const Lanes16 b4 = __builtin_shufflevector(a4, a6, 0, 1, 8, 9, 2, 3, 10, 11);
+    const Lanes16 b5 = __builtin_shufflevector(a4, a6, 4, 5, 12, 13, 6, 7, 14, 15);
+    const Lanes16 b6 = __builtin_shufflevector(a5, a7, 0, 1, 8, 9, 2, 3, 10, 11);
+    const Lanes16 b7 = __builtin_shufflevector(a5, a7, 4, 5, 12, 13, 6, 7, 14, 15);
+    store(to, __builtin_shufflevector(b0, b4, 0, 1, 2, 3, 8, 9, 10, 11));
+    store(to + lineStep, __builtin_shufflevector(b0, b4, 4, 5, 6, 7, 12, 13, 14, 15));
+    store(to + 2 * lineStep, __builtin_shufflevector(b1, b5, 0, 1, 2, 3, 8, 9, 10, 11));
+    store(to + 3 * lineStep, __builtin_shufflevector(b1, b5, 4, 5, 6, 7, 12, 13, 14, 15));
+    store(to + 4 * lineStep, __builtin_shufflevector(b2, b6, 0, 1, 2, 3, 8, 9, 10, 11));
+    store(to + 5 * lineStep, __builtin_shufflevector(b2, b6, 4, 5, 6, 7, 12, 13, 14, 15));
+    store(to + 6 * lineStep, __builtin_shufflevector(b3, b7, 0, 1, 2, 3, 8, 9, 10, 11));
+    store(to + 7 * lineStep, __builtin_shufflevector(b3, b7, 4, 5, 6, 7, 12, 13, 14, 15));
+}
+
+// The same for a 4x4 tile of 32-bit pixels.
+DRAVIK_TILE_INLINE void transposeTile(const unsigned char* row0, ptrdiff_t step, unsigned char* to,
+                                      ptrdiff_t lineStep, Lanes32) {
+    const Lanes32 r0 = load<Lanes32>(row0);
+    const Lanes32 r1 = load<Lanes32>(row0 + step);
+    const Lanes32 r2 = load<Lanes32>(row0 + 2 * step);
+    const Lanes32 r3 = load<Lanes32>(row0 + 3 * step);
+    const Lanes32 a0 = __builtin_shufflevector(r0, r1, 0, 4, 1, 5);
+    const Lanes32 a1 = __builtin_shufflevector(r0, r1, 2, 6, 3, 7);
+    const Lanes32 a2 = __builtin_shufflevector(r2, r3, 0, 4, 1, 5);
+    const Lanes32 a3 = __builtin_shufflevector(r2, r3, 2, 6, 3, 7);
+    store(to, __builtin_shufflevector(a0, a2, 0, 1, 4, 5));
+    store(to + lineStep, __builtin_shufflevector(a0, a2, 2, 3, 6, 7));
+    store(to + 2 * lineStep, __builtin_shufflevector(a1, a3, 0, 1, 4, 5));
+    store(to + 3 * lineStep, __builtin_shufflevector(a1, a3, 2, 3, 6, 7));
+}
+
+// The band's pixels N x N at a time (N of them fill sixteen bytes): a half
+// turn reverses each run of N pixels of a band row; a quarter turn transposes
+// each tile, so that its N band rows become runs of N pixels on N panel lines
+// (taken last row first at 90, where they lie backwards). What is left at the
+// band's edges goes one pixel at a time.
+template <typename Lanes>
+void placeInTiles(const unsigned char* band, size_t stride, unsigned rows, unsigned cols,
+                  const Placement& p) {
+    constexpr size_t E = sizeof(Lanes{}[0]);
+    constexpr unsigned N = sizeof(Lanes) / E;
+    const unsigned fullCols = cols / N * N;
+    const auto line = static_cast<ptrdiff_t>(p.lineLength);
+    if (p.rotation == 180) {
+        for (unsigned k = 0; k < rows; ++k) {
+            unsigned char* to = p.panel + size_t{p.screenH - 1 - p.sy0 - k} * p.lineLength +
+                                size_t{p.screenW - p.sx0} * E;
+            const unsigned char* from = band + k * stride;
+            for (unsigned j = 0; j < fullCols; j += N) {
+                store(to - (j + N) * E, reversed(load<Lanes>(from + j * E)));
+            }
+        }
+        placeOneByOne<E>(band, stride, 0, rows, fullCols, cols, p);
+        return;
+    }
+    const unsigned fullRows = rows / N * N;
+    const auto rowStep = static_cast<ptrdiff_t>(stride);
+    for (unsigned k = 0; k < fullRows; k += N) {
+        for (unsigned j = 0; j < fullCols; j += N) {
+            const unsigned char* tile = band + k * stride + size_t{j} * E;
+            if (p.rotation == 90) {  // column j -> panel line sx, band row k + N - 1 first
+                unsigned char* to = p.panel + size_t{p.sx0 + j} * p.lineLength +
+                                    size_t{p.screenH - p.sy0 - k - N} * E;
+                transposeTile(tile + (N - 1) * stride, -rowStep, to, line, Lanes{});
+            } else {  // 270: column j -> panel line screenW - 1 - sx, band row k first
+                unsigned char* to = p.panel + size_t{p.screenW - 1 - p.sx0 - j} * p.lineLength +
+                                    size_t{p.sy0 + k} * E;
+                transposeTile(tile, rowStep, to, -line, Lanes{});
+            }
+        }
+    }
+    placeOneByOne<E>(band, stride, 0, fullRows, fullCols, cols, p);
+    placeOneByOne<E>(band, stride, fullRows, rows, 0, cols, p);
+}
+
+// Reverses `count` pixels of E bytes in place, sixteen bytes from each end at a
+// time, the middle one pixel at a time.
+template <typename Lanes>
+void reverseInPlace(unsigned char* row, unsigned count) {
+    constexpr size_t E = sizeof(Lanes{}[0]);
+    unsigned char* lo = row;
+    unsigned char* hi = row + size_t{count} * E;
+    while (hi - lo >= static_cast<ptrdiff_t>(2 * sizeof(Lanes))) {
+        hi -= sizeof(Lanes);
+        const Lanes a = load<Lanes>(lo);
+        const Lanes b = load<Lanes>(hi);
+        store(lo, reversed(b));
+        store(hi, reversed(a));
+        lo += sizeof(Lanes);
+    }
+    for (hi -= E; lo < hi; lo += E, hi -= E) {
+        unsigned char t[E];
+        std::memcpy(t, lo, E);
+        std::memcpy(lo, hi, E);
+        std::memcpy(hi, t, E);
+    }
+}
+
+void reverseInPlace(unsigned char* row, unsigned count, unsigned bytes) {
+    if (bytes == 2) {
+        reverseInPlace<Lanes16>(row, count);
+    } else {
+        reverseInPlace<Lanes32>(row, count);
+    }
+}
+
+void placeBand(const unsigned char* band, size_t stride, unsigned rows, unsigned cols,
+               unsigned bytes, const Placement& p) {
+    switch (bytes) {
+        case 2:
+            placeInTiles<Lanes16>(band, stride, rows, cols, p);
+            break;
+        case 4:
+            placeInTiles<Lanes32>(band, stride, rows, cols, p);
+            break;
+        default:
+            placeOneByOne<3>(band, stride, 0, rows, 0, cols, p);
+            break;
     }
 }
 
@@ -496,7 +688,19 @@ void LcmGui::convertTurnedByBands(const PanelRect& rect) {
     if (turnedLine.size() < stride * kBandRows) {
         turnedLine.resize(stride * kBandRows);
     }
-    const auto place = bytes == 2 ? placeBand<2> : bytes == 3 ? placeBand<3> : placeBand<4>;
+    if (rotation == 180 && bytes != 3) {
+        // A half turn keeps each line a line: converted straight into its
+        // place on the panel, then reversed there while it is cached.
+        for (unsigned k = 0; k < screen.h; ++k) {
+            unsigned char* src = displayBuf.ptr<unsigned char>(static_cast<int>(screen.y + k)) +
+                                 size_t{screen.x} * 3;
+            unsigned char* dst = fbMem + size_t{rect.y + rect.h - 1 - k} * fbFix.line_length +
+                                 size_t{rect.x} * bytes;
+            (void)convertLine(fbVar.bits_per_pixel, k, screen.w, dst, src);
+            reverseInPlace(dst, screen.w, bytes);
+        }
+        return;
+    }
     for (unsigned y = 0; y < screen.h; y += kBandRows) {
         const unsigned rows = std::min(kBandRows, screen.h - y);
         for (unsigned k = 0; k < rows; ++k) {
@@ -505,8 +709,9 @@ void LcmGui::convertTurnedByBands(const PanelRect& rect) {
             (void)convertLine(fbVar.bits_per_pixel, k, screen.w, turnedLine.data() + k * stride,
                               src);
         }
-        place(turnedLine.data(), stride, rows, screen.w, rotation, screen.x, screen.y + y,
-              screenWidth(), screenHeight(), fbMem, fbFix.line_length);
+        const Placement place{fbMem,        fbFix.line_length, rotation,      screen.x,
+                              screen.y + y, screenWidth(),     screenHeight()};
+        placeBand(turnedLine.data(), stride, rows, screen.w, bytes, place);
     }
 }
 
