@@ -9,8 +9,8 @@ machine's load, and repeated; the figures are medians of the repeats.
   dither8            the 8-bit conversion (dither) of the same screen, against
                      memcpy of its output bytes
   turn90_15 .. 32,   showBuf() of the whole screen on a panel turned 90 (180,
-  turn180_16,        270) degrees, against the unturned showBuf() at that depth
-  turn270_32
+  turn180_16, _32,   270) degrees, against the unturned showBuf() at that depth
+  turn270_16, _32
   breathing          one service() tick of a breathing 120x120 picture, against
                      one saturating add (cv::add) of the same picture
   idle_cpu           CPU time of the daemon on a still screen, against a bare
@@ -90,6 +90,8 @@ ENGINE_PAIRS = [
     ("turn90_24", "BM_ShowBuf_FullScreenTurned/bpp:24/deg:90", "BM_ShowBuf_FullScreen/bpp:24"),
     ("turn90_32", "BM_ShowBuf_FullScreenTurned/bpp:32/deg:90", "BM_ShowBuf_FullScreen/bpp:32"),
     ("turn180_16", "BM_ShowBuf_FullScreenTurned/bpp:16/deg:180", "BM_ShowBuf_FullScreen/bpp:16"),
+    ("turn180_32", "BM_ShowBuf_FullScreenTurned/bpp:32/deg:180", "BM_ShowBuf_FullScreen/bpp:32"),
+    ("turn270_16", "BM_ShowBuf_FullScreenTurned/bpp:16/deg:270", "BM_ShowBuf_FullScreen/bpp:16"),
     ("turn270_32", "BM_ShowBuf_FullScreenTurned/bpp:32/deg:270", "BM_ShowBuf_FullScreen/bpp:32"),
     ("breathing", "BM_Service_BreathingTick", "BM_Add_Breathing120"),
 ]
