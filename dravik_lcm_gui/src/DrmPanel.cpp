@@ -17,16 +17,7 @@
 #include <memory>
 
 #include "dravik_logger/logger.h"
-
-// Hands a framebuffer over to the kernel for good (Linux 6.8): it stays on the
-// plane after the descriptor is closed. Older headers lack it.
-#ifndef DRM_IOCTL_MODE_CLOSEFB
-struct drm_mode_closefb {
-    __u32 fb_id;
-    __u32 pad;
-};
-#define DRM_IOCTL_MODE_CLOSEFB DRM_IOWR(0xD0, struct drm_mode_closefb)
-#endif
+#include "dravik_utils/drm_objects.h"
 
 namespace dravik::lcmgui {
 
@@ -34,20 +25,13 @@ namespace {
 
 constexpr unsigned kDrmMajor = 226;
 
-template <typename T, void (*Free)(T*)>
-struct Freer {
-    void operator()(T* p) const { Free(p); }
-};
-using Resources = std::unique_ptr<drmModeRes, Freer<drmModeRes, drmModeFreeResources>>;
-using Connector = std::unique_ptr<drmModeConnector, Freer<drmModeConnector, drmModeFreeConnector>>;
-using Encoder = std::unique_ptr<drmModeEncoder, Freer<drmModeEncoder, drmModeFreeEncoder>>;
-using PlaneList =
-    std::unique_ptr<drmModePlaneRes, Freer<drmModePlaneRes, drmModeFreePlaneResources>>;
-using Plane = std::unique_ptr<drmModePlane, Freer<drmModePlane, drmModeFreePlane>>;
-using Properties = std::unique_ptr<drmModeObjectProperties,
-                                   Freer<drmModeObjectProperties, drmModeFreeObjectProperties>>;
-using Property =
-    std::unique_ptr<drmModePropertyRes, Freer<drmModePropertyRes, drmModeFreeProperty>>;
+using utils::drm::Connector;
+using utils::drm::Encoder;
+using utils::drm::Plane;
+using utils::drm::Property;
+using utils::drm::Resources;
+using PlaneList = utils::drm::PlaneResources;
+using Properties = utils::drm::ObjectProperties;
 
 // The connector's name as the kernel gives it in /sys/class/drm: "HDMI-A-1".
 std::string nameOf(const drmModeConnector& connector) {

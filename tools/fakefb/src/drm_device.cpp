@@ -19,16 +19,8 @@
 #include <cstring>
 #include <mutex>
 
+#include "dravik_utils/drm_objects.h"
 #include "preload_host.h"
-
-// Linux 6.8 added DRM_IOCTL_MODE_CLOSEFB; older headers lack it.
-#ifndef DRM_IOCTL_MODE_CLOSEFB
-struct drm_mode_closefb {
-    __u32 fb_id;
-    __u32 pad;
-};
-#define DRM_IOCTL_MODE_CLOSEFB DRM_IOWR(0xD0, struct drm_mode_closefb)
-#endif
 
 namespace fakefb::drm {
 namespace {
@@ -433,8 +425,8 @@ void showRect(Device& d, const Framebuffer& fb, const drm_clip_rect& r) {
     const Geometry& g = d.desc.geometry;
     char vramPath[kPathMax + 16];
     sidePathOf(d, ".vram", vramPath);
-    const uint8_t* src = mapWhole(gVramMap, vramPath, buffer.offset + buffer.size, O_RDONLY,
-                                  PROT_READ);
+    const uint8_t* src =
+        mapWhole(gVramMap, vramPath, buffer.offset + buffer.size, O_RDONLY, PROT_READ);
     uint8_t* dst = src == nullptr ? nullptr
                                   : mapWhole(gPanelMap, d.desc.file, g.frameSize(), O_RDWR,
                                              PROT_READ | PROT_WRITE);
@@ -1030,7 +1022,8 @@ int createDumb(Device& d, void* data) {
         return -EINVAL;
     }
     const uint32_t stride = cpp * req->width;
-    if (req->height > UINT32_MAX / stride || pageAlign(uint64_t{req->height} * stride) > UINT32_MAX) {
+    if (req->height > UINT32_MAX / stride ||
+        pageAlign(uint64_t{req->height} * stride) > UINT32_MAX) {
         return -EINVAL;
     }
     req->handle = req->pitch = 0;

@@ -22,16 +22,9 @@
 #include <string>
 #include <vector>
 
+#include "dravik_utils/drm_objects.h"
 #include "dravik_utils/file_descriptor.h"
 #include "fakefb/fakefb.h"
-
-#ifndef DRM_IOCTL_MODE_CLOSEFB
-struct drm_mode_closefb {
-    __u32 fb_id;
-    __u32 pad;
-};
-#define DRM_IOCTL_MODE_CLOSEFB DRM_IOWR(0xD0, struct drm_mode_closefb)
-#endif
 
 namespace {
 
@@ -42,26 +35,17 @@ using fakefb::DamageRecord;
 using fakefb::DrmOptions;
 using fakefb::Geometry;
 using fakefb::Panel;
+using Resources = dravik::utils::drm::Resources;
+using ConnectorPtr = dravik::utils::drm::Connector;
+using EncoderPtr = dravik::utils::drm::Encoder;
+using PlaneRes = dravik::utils::drm::PlaneResources;
+using PlanePtr = dravik::utils::drm::Plane;
+using Properties = dravik::utils::drm::ObjectProperties;
+using PropertyPtr = dravik::utils::drm::Property;
 
 constexpr const char* kCard = "/dev/dri/card0";
 constexpr uint32_t kWidth = 30;
 constexpr uint32_t kHeight = 20;
-
-template <typename T, void (*Free)(T*)>
-struct Freer {
-    void operator()(T* p) const { Free(p); }
-};
-using Resources = std::unique_ptr<drmModeRes, Freer<drmModeRes, drmModeFreeResources>>;
-using ConnectorPtr =
-    std::unique_ptr<drmModeConnector, Freer<drmModeConnector, drmModeFreeConnector>>;
-using EncoderPtr = std::unique_ptr<drmModeEncoder, Freer<drmModeEncoder, drmModeFreeEncoder>>;
-using PlaneRes =
-    std::unique_ptr<drmModePlaneRes, Freer<drmModePlaneRes, drmModeFreePlaneResources>>;
-using PlanePtr = std::unique_ptr<drmModePlane, Freer<drmModePlane, drmModeFreePlane>>;
-using Properties = std::unique_ptr<drmModeObjectProperties,
-                                   Freer<drmModeObjectProperties, drmModeFreeObjectProperties>>;
-using PropertyPtr =
-    std::unique_ptr<drmModePropertyRes, Freer<drmModePropertyRes, drmModeFreeProperty>>;
 
 FileDescriptor openCard(const char* path = kCard) {
     return FileDescriptor(open(path, O_RDWR | O_CLOEXEC));

@@ -16,13 +16,7 @@
 #include <cstring>
 #include <string>
 
-#ifndef DRM_IOCTL_MODE_CLOSEFB
-struct drm_mode_closefb {
-    __u32 fb_id;
-    __u32 pad;
-};
-#define DRM_IOCTL_MODE_CLOSEFB DRM_IOWR(0xD0, struct drm_mode_closefb)
-#endif
+#include "dravik_utils/drm_objects.h"
 
 namespace {
 
