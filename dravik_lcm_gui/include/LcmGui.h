@@ -160,6 +160,7 @@ private:
     void convertPanelRect(const PanelRect& rect);
     // The same for a turned panel whose pixels convert one by one.
     void convertTurnedByBands(const PanelRect& rect);
+    void convertQuarterTurned(const PanelRect& screen);
     // The screen's rectangle that the panel's rectangle shows.
     PanelRect screenRectOf(const PanelRect& panel) const;
     [[nodiscard]] bool readFixedInfo();
@@ -241,6 +242,10 @@ private:
     // panel's layout has none. The dither's check also depends on the shared
     // matrix, so it holds only while the matrix is the one it was checked on.
     void (*fastLine)(const uint8_t* src, uint8_t* dst, unsigned width) = nullptr;
+    // Its quarter-turned form, when the layout has one; used only while
+    // fastLine holds.
+    void (*fastTurned)(const uint8_t* src, ptrdiff_t srcStep, unsigned cols, unsigned rows,
+                       uint8_t* dst, ptrdiff_t dstStep) = nullptr;
     unsigned fastDepth = 0;
     uint32_t fastLineMatrixVersion = 0;
 

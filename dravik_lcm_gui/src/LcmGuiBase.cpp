@@ -37,15 +37,16 @@ struct FixedLayout {
     uint32_t (*blue)(uint32_t);
     unsigned bytes;
     pixels::LineKernel convert;
+    pixels::TurnedKernel convertTurned;  // null: a turned panel's lines go by bands
 };
 
 constexpr FixedLayout kFixedLayouts[] = {
     {15, [](uint32_t v) { return (v & 0xF8U) << 7; }, [](uint32_t v) { return (v & 0xF8U) << 2; },
-     [](uint32_t v) { return v >> 3; }, 2, pixels::toRgb555},
+     [](uint32_t v) { return v >> 3; }, 2, pixels::toRgb555, nullptr},
     {16, [](uint32_t v) { return (v & 0xF8U) << 8; }, [](uint32_t v) { return (v & 0xFCU) << 3; },
-     [](uint32_t v) { return v >> 3; }, 2, pixels::toRgb565},
+     [](uint32_t v) { return v >> 3; }, 2, pixels::toRgb565, nullptr},
     {24, [](uint32_t v) { return v << 16; }, [](uint32_t v) { return v << 8; },
-     [](uint32_t v) { return v; }, 4, pixels::toXrgb8888},
+     [](uint32_t v) { return v; }, 4, pixels::toXrgb8888, pixels::toXrgb8888Turned},
 };
 
 // Depths whose lines go through the lookup tables.
@@ -306,6 +307,7 @@ bool LcmGui::prepareColourPath() {
 
 void LcmGui::chooseFastLine() {
     fastLine = nullptr;
+    fastTurned = nullptr;
     const unsigned depth = fbVar.bits_per_pixel;
     if (depth == 8) {
         if (ditherTakesLowShades() && lowShadesArePaletteIndex884()) {
@@ -322,6 +324,7 @@ void LcmGui::chooseFastLine() {
     for (const auto& layout : kFixedLayouts) {
         if (layout.bytes == (depth + 7) / 8 && tablesHold(layout, lutRed, lutGreen, lutBlue)) {
             fastLine = layout.convert;
+            fastTurned = layout.convertTurned;
             fastDepth = depth;
             return;
         }
@@ -685,6 +688,10 @@ void LcmGui::convertTurnedByBands(const PanelRect& rect) {
     const PanelRect screen = screenRectOf(rect);
     const unsigned bytes = (fbVar.bits_per_pixel + 7) / 8;
     const size_t stride = size_t{screen.w} * bytes;
+    if (rotation != 180 && fastTurned != nullptr && fastLineHolds(fbVar.bits_per_pixel)) {
+        convertQuarterTurned(screen);
+        return;
+    }
     if (turnedLine.size() < stride * kBandRows) {
         turnedLine.resize(stride * kBandRows);
     }
@@ -712,6 +719,29 @@ void LcmGui::convertTurnedByBands(const PanelRect& rect) {
         const Placement place{fbMem,        fbFix.line_length, rotation,      screen.x,
                               screen.y + y, screenWidth(),     screenHeight()};
         placeBand(turnedLine.data(), stride, rows, screen.w, bytes, place);
+    }
+}
+
+// A quarter turn whose layout has a turned conversion: the screen's lines go
+// straight to the panel's columns, read bottom up at 90 degrees (the bottom
+// line shows leftmost) and top down at 270, where the leftmost column of the
+// screen shows on the panel's last line.
+void LcmGui::convertQuarterTurned(const PanelRect& screen) {
+    const auto rowBytes = static_cast<ptrdiff_t>(displayBuf.step[0]);
+    const auto line = static_cast<ptrdiff_t>(fbFix.line_length);
+    const unsigned bytes = (fbVar.bits_per_pixel + 7) / 8;
+    const unsigned char* topLeft = displayBuf.ptr<unsigned char>(static_cast<int>(screen.y)) +
+                                   size_t{screen.x} * 3;
+    if (rotation == 90) {
+        fastTurned(topLeft + ptrdiff_t{screen.h - 1} * rowBytes, -rowBytes, screen.w, screen.h,
+                   fbMem + size_t{screen.x} * fbFix.line_length +
+                       size_t{screenHeight() - screen.y - screen.h} * bytes,
+                   line);
+    } else {
+        fastTurned(topLeft, rowBytes, screen.w, screen.h,
+                   fbMem + size_t{screenWidth() - 1 - screen.x} * fbFix.line_length +
+                       size_t{screen.y} * bytes,
+                   -line);
     }
 }
 

@@ -156,6 +156,75 @@ DRAVIK_PIXEL_KERNEL void toXrgb8888(const uint8_t* src, uint8_t* dst, unsigned w
     }
 }
 
+namespace {
+
+using U32x4 = uint32_t __attribute__((vector_size(16)));
+
+// Four pixels of a line as 32-bit words: a 16-byte load where the line holds
+// it, else the twelve bytes alone.
+DRAVIK_PIXEL_INLINE U32x4 xrgbOf4(const uint8_t* src, bool wholeLoad) {
+    constexpr U8x16 kZero = {};
+    constexpr U8x16 kSpread = {0, 1, 2, 16, 3, 4, 5, 16, 6, 7, 8, 16, 9, 10, 11, 16};
+    U8x16 bytes = {};
+    if (wholeLoad) {
+        bytes = load16(src);
+    } else {
+        std::memcpy(&bytes, src, 12);
+    }
+    return reinterpret_cast<U32x4>(shuffle(bytes, kZero, kSpread));
+}
+
+DRAVIK_PIXEL_INLINE void storeWords(uint8_t* dst, const U32x4& words) {
+    std::memcpy(dst, &words, sizeof words);
+}
+
+}  // namespace
+
+// Four lines by four pixels at a time: each line's four pixels are spread to
+// words, and the 4 x 4 words transposed in registers, so that each panel
+// column receives four pixels in one store. The edges go one pixel at a time.
+DRAVIK_PIXEL_KERNEL void toXrgb8888Turned(const uint8_t* src, ptrdiff_t srcStep, unsigned cols,
+                                          unsigned rows, uint8_t* dst, ptrdiff_t dstStep) {
+    const unsigned fullRows = rows / 4 * 4;
+    const unsigned fullCols = cols / 4 * 4;
+    for (unsigned i = 0; i < fullRows; i += 4) {
+        const uint8_t* line = src + static_cast<ptrdiff_t>(i) * srcStep;
+        uint8_t* to = dst + size_t{i} * 4;
+        for (unsigned j = 0; j < fullCols; j += 4, to += 4 * dstStep) {
+            // The load may take sixteen bytes while they stay within the line.
+            const bool wholeLoad = 3 * size_t{j} + 16 <= 3 * size_t{cols};
+            const U32x4 r0 = xrgbOf4(line + 3 * j, wholeLoad);
+            const U32x4 r1 = xrgbOf4(line + srcStep + 3 * j, wholeLoad);
+            const U32x4 r2 = xrgbOf4(line + 2 * srcStep + 3 * j, wholeLoad);
+            const U32x4 r3 = xrgbOf4(line + 3 * srcStep + 3 * j, wholeLoad);
+            const U32x4 a0 = __builtin_shufflevector(r0, r1, 0, 4, 1, 5);
+            const U32x4 a1 = __builtin_shufflevector(r0, r1, 2, 6, 3, 7);
+            const U32x4 a2 = __builtin_shufflevector(r2, r3, 0, 4, 1, 5);
+            const U32x4 a3 = __builtin_shufflevector(r2, r3, 2, 6, 3, 7);
+            storeWords(to, __builtin_shufflevector(a0, a2, 0, 1, 4, 5));
+            storeWords(to + dstStep, __builtin_shufflevector(a0, a2, 2, 3, 6, 7));
+            storeWords(to + 2 * dstStep, __builtin_shufflevector(a1, a3, 0, 1, 4, 5));
+            storeWords(to + 3 * dstStep, __builtin_shufflevector(a1, a3, 2, 3, 6, 7));
+        }
+    }
+    const auto onePixel = [&](unsigned i, unsigned j) {
+        const uint8_t* from = src + static_cast<ptrdiff_t>(i) * srcStep + 3 * size_t{j};
+        uint8_t* to = dst + static_cast<ptrdiff_t>(j) * dstStep + size_t{i} * 4;
+        const uint8_t word[4] = {from[0], from[1], from[2], 0};
+        std::memcpy(to, word, sizeof word);
+    };
+    for (unsigned i = 0; i < fullRows; ++i) {
+        for (unsigned j = fullCols; j < cols; ++j) {
+            onePixel(i, j);
+        }
+    }
+    for (unsigned i = fullRows; i < rows; ++i) {
+        for (unsigned j = 0; j < cols; ++j) {
+            onePixel(i, j);
+        }
+    }
+}
+
 DRAVIK_PIXEL_KERNEL void toPaletteIndex884(const uint8_t* src, uint8_t* dst, unsigned width) {
     size_t i = 0;
     for (; i + kLanePixels <= width; i += kLanePixels) {

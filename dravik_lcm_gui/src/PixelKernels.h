@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 
 // Line conversions from drawing-buffer pixels (three bytes each: blue, green,
@@ -18,6 +19,16 @@ void toRgb565(const uint8_t* src, uint8_t* dst, unsigned width);
 void toRgb555(const uint8_t* src, uint8_t* dst, unsigned width);
 // 32-bit words red 16/8, green 8/8, blue 0/8 (top byte clear).
 void toXrgb8888(const uint8_t* src, uint8_t* dst, unsigned width);
+// A quarter-turned conversion: `rows` lines of `cols` pixels, line i starting
+// at src + i * srcStep, go to the panel's columns, so that pixel j of line i
+// lands at dst + j * dstStep + i * (bytes of a panel pixel). Each line is read
+// as the line conversion reads it, 3 x `cols` bytes.
+using TurnedKernel = void (*)(const uint8_t* src, ptrdiff_t srcStep, unsigned cols, unsigned rows,
+                              uint8_t* dst, ptrdiff_t dstStep);
+
+// toXrgb8888 quarter-turned.
+void toXrgb8888Turned(const uint8_t* src, ptrdiff_t srcStep, unsigned cols, unsigned rows,
+                      uint8_t* dst, ptrdiff_t dstStep);
 // One byte per pixel: the index into the 8 x 8 x 4 dither palette of the
 // channels' truncated levels, byte 0 giving the 8 levels weighted 32, byte 1
 // the 8 levels weighted 4 and byte 2 the 4 levels weighted 1.
