@@ -730,8 +730,8 @@ void LcmGui::convertQuarterTurned(const PanelRect& screen) {
     const auto rowBytes = static_cast<ptrdiff_t>(displayBuf.step[0]);
     const auto line = static_cast<ptrdiff_t>(fbFix.line_length);
     const unsigned bytes = (fbVar.bits_per_pixel + 7) / 8;
-    const unsigned char* topLeft = displayBuf.ptr<unsigned char>(static_cast<int>(screen.y)) +
-                                   size_t{screen.x} * 3;
+    const unsigned char* topLeft =
+        displayBuf.ptr<unsigned char>(static_cast<int>(screen.y)) + size_t{screen.x} * 3;
     if (rotation == 90) {
         fastTurned(topLeft + ptrdiff_t{screen.h - 1} * rowBytes, -rowBytes, screen.w, screen.h,
                    fbMem + size_t{screen.x} * fbFix.line_length +
