@@ -55,9 +55,9 @@ constexpr size_t kMaxDecodedSize = size_t{16} * 1024 * 1024;
 [[nodiscard]] bool ReadVariant(sd_bus_message* message, dravik::variant::Variant& value,
                                std::string& error);
 
-// Reads a whole request or response body: no argument gives an empty object,
-// one dictionary with string keys gives the object; any other signature is
-// refused with a reason that names it.
+// Reads a whole request or response body: one dictionary with string keys
+// gives the object. An empty body is refused ("not an empty body"), and any
+// other signature with a reason that names it.
 [[nodiscard]] bool ReadObjectBody(sd_bus_message* message, dravik::variant::Variant& object,
                                   std::string& error);
 
