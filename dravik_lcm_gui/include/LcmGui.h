@@ -178,6 +178,8 @@ private:
     // Picks a dedicated conversion for the panel's layout when one gives
     // exactly the bytes of the tables just prepared.
     void chooseFastLine();
+    // Drops the dedicated conversion: the tables it was checked against change.
+    void forgetFastLine();
     [[nodiscard]] bool fastLineHolds(unsigned depth) const;
     [[nodiscard]] bool ditherTakesLowShades() const;
     [[nodiscard]] bool lowShadesArePaletteIndex884() const;

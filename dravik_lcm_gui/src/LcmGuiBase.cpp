@@ -12,6 +12,7 @@
 #include "GuiLimits.h"
 #include "LcmGui.h"
 #include "PixelKernels.h"
+#include "TileTranspose.h"
 #include "dravik_image/image_file.h"
 #include "dravik_ipc_messages/messages.h"
 #include "dravik_logger/logger.h"
@@ -305,9 +306,13 @@ bool LcmGui::prepareColourPath() {
     return false;
 }
 
-void LcmGui::chooseFastLine() {
+void LcmGui::forgetFastLine() {
     fastLine = nullptr;
     fastTurned = nullptr;
+}
+
+void LcmGui::chooseFastLine() {
+    forgetFastLine();
     const unsigned depth = fbVar.bits_per_pixel;
     if (depth == 8) {
         if (ditherTakesLowShades() && lowShadesArePaletteIndex884()) {
@@ -497,8 +502,8 @@ void placeOneByOne(const unsigned char* band, size_t stride, unsigned k0, unsign
 }
 
 // Sixteen bytes of pixels: eight of 16 bits or four of 32, moved in registers.
-using Lanes16 = uint16_t __attribute__((vector_size(16)));
-using Lanes32 = uint32_t __attribute__((vector_size(16)));
+using Lanes16 = tiles::U16x8;
+using Lanes32 = tiles::U32x4;
 
 template <typename Lanes>
 Lanes load(const unsigned char* at) {
@@ -528,64 +533,24 @@ Lanes16 reversed(Lanes16 v) {
     return v;
 }
 
-// An 8x8 tile of 16-bit pixels whose rows start at row0 (each `stride` bytes
-// after the one before, or before it when `step` is negative): its columns go
-// to eight lines starting at `to`, `lineStep` bytes apart. The rows are
-// interleaved by pixels, then pairs, then fours.
-// Inlined into the tile loop: a call per tile costs as much as the tile.
-#define DRAVIK_TILE_INLINE inline __attribute__((always_inline))
-
+// A tile of N x N pixels whose rows start at row0 (each `step` bytes after the
+// one before, or before it when `step` is negative): its columns go to N lines
+// starting at `to`, `lineStep` bytes apart.
+template <typename Lanes>
 DRAVIK_TILE_INLINE void transposeTile(const unsigned char* row0, ptrdiff_t step, unsigned char* to,
-                                      ptrdiff_t lineStep, Lanes16) {
-    const Lanes16 r0 = load<Lanes16>(row0);
-    const Lanes16 r1 = load<Lanes16>(row0 + step);
-    const Lanes16 r2 = load<Lanes16>(row0 + 2 * step);
-    const Lanes16 r3 = load<Lanes16>(row0 + 3 * step);
-    const Lanes16 r4 = load<Lanes16>(row0 + 4 * step);
-    const Lanes16 r5 = load<Lanes16>(row0 + 5 * step);
-    const Lanes16 r6 = load<Lanes16>(row0 + 6 * step);
-    const Lanes16 r7 = load<Lanes16>(row0 + 7 * step);
-    const Lanes16 a0 = __builtin_shufflevector(r0, r1, 0, 8, 1, 9, 2, 10, 3, 11);
-    const Lanes16 a1 = __builtin_shufflevector(r0, r1, 4, 12, 5, 13, 6, 14, 7, 15);
-    const Lanes16 a2 = __builtin_shufflevector(r2, r3, 0, 8, 1, 9, 2, 10, 3, 11);
-    const Lanes16 a3 = __builtin_shufflevector(r2, r3, 4, 12, 5, 13, 6, 14, 7, 15);
-    const Lanes16 a4 = __builtin_shufflevector(r4, r5, 0, 8, 1, 9, 2, 10, 3, 11);
-    const Lanes16 a5 = __builtin_shufflevector(r4, r5, 4, 12, 5, 13, 6, 14, 7, 15);
-    const Lanes16 a6 = __builtin_shufflevector(r6, r7, 0, 8, 1, 9, 2, 10, 3, 11);
-    const Lanes16 a7 = __builtin_shufflevector(r6, r7, 4, 12, 5, 13, 6, 14, 7, 15);
-    const Lanes16 b0 = __builtin_shufflevector(a0, a2, 0, 1, 8, 9, 2, 3, 10, 11);
-    const Lanes16 b1 = __builtin_shufflevector(a0, a2, 4, 5, 12, 13, 6, 7, 14, 15);
-    const Lanes16 b2 = __builtin_shufflevector(a1, a3, 0, 1, 8, 9, 2, 3, 10, 11);
-    const Lanes16 b3 = __builtin_shufflevector(a1, a3, 4, 5, 12, 13, 6, 7, 14, 15);
-    const Lanes16 b4 = __builtin_shufflevector(a4, a6, 0, 1, 8, 9, 2, 3, 10, 11);
-    const Lanes16 b5 = __builtin_shufflevector(a4, a6, 4, 5, 12, 13, 6, 7, 14, 15);
-    const Lanes16 b6 = __builtin_shufflevector(a5, a7, 0, 1, 8, 9, 2, 3, 10, 11);
-    const Lanes16 b7 = __builtin_shufflevector(a5, a7, 4, 5, 12, 13, 6, 7, 14, 15);
-    store(to, __builtin_shufflevector(b0, b4, 0, 1, 2, 3, 8, 9, 10, 11));
-    store(to + lineStep, __builtin_shufflevector(b0, b4, 4, 5, 6, 7, 12, 13, 14, 15));
-    store(to + 2 * lineStep, __builtin_shufflevector(b1, b5, 0, 1, 2, 3, 8, 9, 10, 11));
-    store(to + 3 * lineStep, __builtin_shufflevector(b1, b5, 4, 5, 6, 7, 12, 13, 14, 15));
-    store(to + 4 * lineStep, __builtin_shufflevector(b2, b6, 0, 1, 2, 3, 8, 9, 10, 11));
-    store(to + 5 * lineStep, __builtin_shufflevector(b2, b6, 4, 5, 6, 7, 12, 13, 14, 15));
-    store(to + 6 * lineStep, __builtin_shufflevector(b3, b7, 0, 1, 2, 3, 8, 9, 10, 11));
-    store(to + 7 * lineStep, __builtin_shufflevector(b3, b7, 4, 5, 6, 7, 12, 13, 14, 15));
-}
-
-// The same for a 4x4 tile of 32-bit pixels.
-DRAVIK_TILE_INLINE void transposeTile(const unsigned char* row0, ptrdiff_t step, unsigned char* to,
-                                      ptrdiff_t lineStep, Lanes32) {
-    const Lanes32 r0 = load<Lanes32>(row0);
-    const Lanes32 r1 = load<Lanes32>(row0 + step);
-    const Lanes32 r2 = load<Lanes32>(row0 + 2 * step);
-    const Lanes32 r3 = load<Lanes32>(row0 + 3 * step);
-    const Lanes32 a0 = __builtin_shufflevector(r0, r1, 0, 4, 1, 5);
-    const Lanes32 a1 = __builtin_shufflevector(r0, r1, 2, 6, 3, 7);
-    const Lanes32 a2 = __builtin_shufflevector(r2, r3, 0, 4, 1, 5);
-    const Lanes32 a3 = __builtin_shufflevector(r2, r3, 2, 6, 3, 7);
-    store(to, __builtin_shufflevector(a0, a2, 0, 1, 4, 5));
-    store(to + lineStep, __builtin_shufflevector(a0, a2, 2, 3, 6, 7));
-    store(to + 2 * lineStep, __builtin_shufflevector(a1, a3, 0, 1, 4, 5));
-    store(to + 3 * lineStep, __builtin_shufflevector(a1, a3, 2, 3, 6, 7));
+                                      ptrdiff_t lineStep) {
+    constexpr int N = sizeof(Lanes) / sizeof(Lanes{}[0]);
+    Lanes rows[N];
+    Lanes columns[N];
+#pragma GCC unroll 8
+    for (int i = 0; i < N; ++i) {
+        rows[i] = load<Lanes>(row0 + i * step);
+    }
+    tiles::transpose(rows, columns);
+#pragma GCC unroll 8
+    for (int i = 0; i < N; ++i) {
+        store(to + i * lineStep, columns[i]);
+    }
 }
 
 // The band's pixels N x N at a time (N of them fill sixteen bytes): a half
@@ -620,11 +585,11 @@ void placeInTiles(const unsigned char* band, size_t stride, unsigned rows, unsig
             if (p.rotation == 90) {  // column j -> panel line sx, band row k + N - 1 first
                 unsigned char* to = p.panel + size_t{p.sx0 + j} * p.lineLength +
                                     size_t{p.screenH - p.sy0 - k - N} * E;
-                transposeTile(tile + (N - 1) * stride, -rowStep, to, line, Lanes{});
+                transposeTile<Lanes>(tile + (N - 1) * stride, -rowStep, to, line);
             } else {  // 270: column j -> panel line screenW - 1 - sx, band row k first
                 unsigned char* to = p.panel + size_t{p.screenW - 1 - p.sx0 - j} * p.lineLength +
                                     size_t{p.sy0 + k} * E;
-                transposeTile(tile, rowStep, to, -line, Lanes{});
+                transposeTile<Lanes>(tile, rowStep, to, -line);
             }
         }
     }
@@ -877,7 +842,7 @@ void LcmGui::ditherPalette(int r, int g, int b) {
 }
 
 void LcmGui::lutInit(unsigned depth) {
-    fastLine = nullptr;  // chosen again from the new tables by init
+    forgetFastLine();  // chosen again from the new tables by init
     if (fbVar.red.length != 0 && fbVar.green.length != 0 && fbVar.blue.length != 0) {
         initOne(lutRed, fbVar.red.length, fbVar.red.offset);
         initOne(lutGreen, fbVar.green.length, fbVar.green.offset);
@@ -899,7 +864,7 @@ void LcmGui::lutInit(unsigned depth) {
 void LcmGui::initOne(unsigned* table, unsigned bits, unsigned shift) {
     // Offsets come from the device: a shift past the pixel word yields no bits.
     const auto shiftLeft = [](unsigned v, unsigned s) { return s < 32 ? v << s : 0U; };
-    fastLine = nullptr;  // the table may be one a dedicated conversion was checked against
+    forgetFastLine();  // the table may be one a dedicated conversion was checked against
     for (unsigned v = 0; v < 256; ++v) {
         // A channel wider than 8 bits keeps its top bits zero.
         table[v] = bits <= 8 ? shiftLeft(v >> (8 - bits), shift) : shiftLeft(v, shift + bits - 8);

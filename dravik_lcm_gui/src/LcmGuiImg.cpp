@@ -68,7 +68,7 @@ void LcmGui::resetDitherMatrix() {
 // ---- Dithering for 8-bit panels ----
 
 void LcmGui::initDither(int shadesR, int shadesG, int shadesB, int shadesGray) {
-    fastLine = nullptr;  // chosen again from the new tables by init
+    forgetFastLine();  // chosen again from the new tables by init
     redMult = shadesG * shadesB;
     greenMult = shadesB;
     struct Channel {

@@ -1,5 +1,7 @@
 #include "PixelKernels.h"
 
+#include "TileTranspose.h"
+
 #include <cstddef>
 #include <cstring>
 
@@ -158,7 +160,7 @@ DRAVIK_PIXEL_KERNEL void toXrgb8888(const uint8_t* src, uint8_t* dst, unsigned w
 
 namespace {
 
-using U32x4 = uint32_t __attribute__((vector_size(16)));
+using tiles::U32x4;
 
 // Four pixels of a line as 32-bit words: a 16-byte load where the line holds
 // it, else the twelve bytes alone.
@@ -193,18 +195,17 @@ DRAVIK_PIXEL_KERNEL void toXrgb8888Turned(const uint8_t* src, ptrdiff_t srcStep,
         for (unsigned j = 0; j < fullCols; j += 4, to += 4 * dstStep) {
             // The load may take sixteen bytes while they stay within the line.
             const bool wholeLoad = 3 * size_t{j} + 16 <= 3 * size_t{cols};
-            const U32x4 r0 = xrgbOf4(line + 3 * j, wholeLoad);
-            const U32x4 r1 = xrgbOf4(line + srcStep + 3 * j, wholeLoad);
-            const U32x4 r2 = xrgbOf4(line + 2 * srcStep + 3 * j, wholeLoad);
-            const U32x4 r3 = xrgbOf4(line + 3 * srcStep + 3 * j, wholeLoad);
-            const U32x4 a0 = __builtin_shufflevector(r0, r1, 0, 4, 1, 5);
-            const U32x4 a1 = __builtin_shufflevector(r0, r1, 2, 6, 3, 7);
-            const U32x4 a2 = __builtin_shufflevector(r2, r3, 0, 4, 1, 5);
-            const U32x4 a3 = __builtin_shufflevector(r2, r3, 2, 6, 3, 7);
-            storeWords(to, __builtin_shufflevector(a0, a2, 0, 1, 4, 5));
-            storeWords(to + dstStep, __builtin_shufflevector(a0, a2, 2, 3, 6, 7));
-            storeWords(to + 2 * dstStep, __builtin_shufflevector(a1, a3, 0, 1, 4, 5));
-            storeWords(to + 3 * dstStep, __builtin_shufflevector(a1, a3, 2, 3, 6, 7));
+            U32x4 rows4[4];
+            U32x4 columns[4];
+#pragma GCC unroll 8
+            for (int k = 0; k < 4; ++k) {
+                rows4[k] = xrgbOf4(line + k * srcStep + 3 * j, wholeLoad);
+            }
+            tiles::transpose(rows4, columns);
+#pragma GCC unroll 8
+            for (int k = 0; k < 4; ++k) {
+                storeWords(to + k * dstStep, columns[k]);
+            }
         }
     }
     const auto onePixel = [&](unsigned i, unsigned j) {
