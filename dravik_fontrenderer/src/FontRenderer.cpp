@@ -89,8 +89,14 @@ struct FontRenderer::Impl {
     FaceSet faces;
     LineShaper shaper;
     ShapedLine line;
+    // What `line` holds: a measure and the draw that follows it shape the
+    // same text at the same size, so the second one takes the first's line.
+    std::string shapedText;
+    unsigned shapedSize = 0;
+    bool shaped = false;
 
     bool start(const std::vector<std::string>& candidates) {
+        shaped = false;
         return faces.open(candidates, dravik::fontrenderer::fallbackFaces());
     }
     bool checkSize(unsigned size) const;
@@ -128,7 +134,17 @@ unsigned FontRenderer::Impl::maxLineHeight(unsigned size) const {
 }
 
 bool FontRenderer::Impl::shape(const std::string& text, unsigned size) {
-    return shaper.shape(faces, dravik::fontrenderer::decodeLine(text, kMaxCodePoints), size, line);
+    if (shaped && size == shapedSize && text == shapedText) {
+        return true;
+    }
+    shaped = false;
+    if (!shaper.shape(faces, dravik::fontrenderer::decodeLine(text, kMaxCodePoints), size, line)) {
+        return false;
+    }
+    shapedText = text;
+    shapedSize = size;
+    shaped = true;
+    return true;
 }
 
 const FT_GlyphSlotRec_* FontRenderer::Impl::loadGlyph(const ShapedGlyph& glyph, unsigned size,

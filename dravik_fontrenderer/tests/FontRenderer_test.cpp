@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "ScriptLines.h"
@@ -476,6 +477,33 @@ TEST_F(FontRendererTest, measuring_and_drawing_are_repeatable) {
     const auto second = render("Repeat 123", 33, b);
     EXPECT_EQ(a.width, b.width);
     EXPECT_EQ(first, second);
+}
+
+// The renderer keeps the last line it shaped for the draw that follows its
+// measurement: a line of other text, or of the same text at another size,
+// must not take it. Each line of the sequence must come out as a renderer
+// that never drew before draws it.
+TEST_F(FontRendererTest, each_line_is_drawn_as_a_fresh_renderer_draws_it_whatever_came_before) {
+    const std::pair<std::string, unsigned> sequence[] = {
+        {"Beta 42", 20}, {"Beta 42", 31}, {"Alpha 17", 31}, {"Beta 42", 31}, {"Beta 42", 20}};
+    for (const auto& [text, size] : sequence) {
+        Extent extent;
+        const auto pixels = render(text, size, extent);
+        FontRenderer fresh;
+        ASSERT_TRUE(fresh.init());
+        unsigned lineHeight = 0;
+        ASSERT_TRUE(fresh.maxLineHeight(size, lineHeight));
+        unsigned width = 0;
+        unsigned height = 0;
+        ASSERT_TRUE(fresh.lineRender(text, size, nullptr, kAvailWidth, lineHeight, kAvailWidth,
+                                     true, width, height));
+        EXPECT_EQ(extent.width, width) << "'" << text << "' at " << size;
+        EXPECT_EQ(extent.height, height) << "'" << text << "' at " << size;
+        GuardedBuffer expected(width, height, width);
+        ASSERT_TRUE(fresh.lineRender(text, size, expected.data(), width, kAvailHeight,
+                                     expected.stride, false, width, height));
+        EXPECT_EQ(pixels, expected.pixels()) << "'" << text << "' at " << size;
+    }
 }
 
 TEST(FontRendererInit, missing_file_fails_with_one_log_line_naming_it) {
