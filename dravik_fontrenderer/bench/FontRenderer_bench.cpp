@@ -5,7 +5,6 @@
 #include <string>
 #include <vector>
 
-#include "SimpleLineRenderer.h"
 #include "dravik_fontrenderer/FontRenderer.h"
 
 namespace {
@@ -16,15 +15,11 @@ const std::string kLatinLine = "Firmware 2.1 is ready: restart in 00:30.";
 bool start(FontRenderer& renderer) {
     return renderer.init();
 }
-bool start(SimpleLineRenderer& renderer) {
-    return renderer.init(DRAVIK_DEFAULT_FONT_FILE);
-}
 
 // One text element as the engine draws it: measure, then draw into a zeroed
 // buffer of the measured size. False when either step fails or nothing is drawn.
-template <typename Renderer>
-bool measureAndDraw(Renderer& renderer, const std::string& text, unsigned size, unsigned lineHeight,
-                    std::vector<unsigned char>& buffer) {
+bool measureAndDraw(FontRenderer& renderer, const std::string& text, unsigned size,
+                    unsigned lineHeight, std::vector<unsigned char>& buffer) {
     unsigned width = 0;
     unsigned height = 0;
     if (!renderer.lineRender(text, size, nullptr, 320, lineHeight, 320, true, width, height)) {
@@ -35,9 +30,8 @@ bool measureAndDraw(Renderer& renderer, const std::string& text, unsigned size, 
            std::any_of(buffer.begin(), buffer.end(), [](unsigned char v) { return v != 0; });
 }
 
-template <typename Renderer>
 void run(benchmark::State& state, const std::string& text) {
-    Renderer renderer;
+    FontRenderer renderer;
     const auto size = static_cast<unsigned>(state.range(0));
     unsigned lineHeight = 0;
     std::vector<unsigned char> buffer;
@@ -56,14 +50,11 @@ void run(benchmark::State& state, const std::string& text) {
     }
 }
 
-// The same Latin line through the layout before shaping (one glyph per code
-// point from one face) and through the shaping layout, side by side.
-template <typename Renderer>
+// A status line in Latin script at three sizes.
 void BM_LatinLine(benchmark::State& state) {
-    run<Renderer>(state, kLatinLine);
+    run(state, kLatinLine);
 }
-BENCHMARK_TEMPLATE(BM_LatinLine, SimpleLineRenderer)->Arg(12)->Arg(24)->Arg(48);
-BENCHMARK_TEMPLATE(BM_LatinLine, FontRenderer)->Arg(12)->Arg(24)->Arg(48);
+BENCHMARK(BM_LatinLine)->Arg(12)->Arg(24)->Arg(48);
 
 struct ScriptSample {
     const char* name;
@@ -81,7 +72,7 @@ const ScriptSample kScripts[] = {
 };
 
 void BM_ScriptLine(benchmark::State& state, const char* text) {
-    run<FontRenderer>(state, text);
+    run(state, text);
 }
 
 // From a renderer just initialised to the first line drawn: for scripts the
