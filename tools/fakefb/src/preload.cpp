@@ -118,16 +118,14 @@ Fn real(RealIndex index) {
 std::mutex gReportLock;
 char gLastReport[fakefb::kErrorMax + fakefb::kPathMax];
 
-// Prints a problem once; the same problem found again at the next open stays quiet.
-void report(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
+// Prints a problem once; the same problem found again at the next open stays
+// quiet. The library's code reports through fakefb::host::report.
+using fakefb::host::report;
+void reportArgs(const char* fmt, va_list ap) __attribute__((format(printf, 1, 0)));
 
-void report(const char* fmt, ...) {
+void reportArgs(const char* fmt, va_list ap) {
     char line[sizeof gLastReport];
-    va_list ap;
-    va_start(ap, fmt);
-    // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized): started just above
     (void)vsnprintf(line, sizeof line, fmt, ap);  // a cut message is still a message
-    va_end(ap);
     const std::lock_guard<std::mutex> lock(gReportLock);
     if (strcmp(line, gLastReport) == 0) {
         return;
@@ -577,13 +575,10 @@ int fstat(int fd, struct stat* st) {
 }
 
 void report(const char* fmt, ...) {
-    char line[sizeof gLastReport];
     va_list ap;
     va_start(ap, fmt);
-    // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized): started just above
-    (void)vsnprintf(line, sizeof line, fmt, ap);  // a cut message is still a message
+    reportArgs(fmt, ap);
     va_end(ap);
-    ::report("%s", line);
 }
 
 }  // namespace fakefb::host
