@@ -53,12 +53,8 @@ struct Scene {
 // What 8-bit panel memory of `width` x `height` palette indices shows: each
 // index as the top 8 bits of its colour-map entry.
 cv::Mat indexPicture(LcmGui& gui, const unsigned char* indices, unsigned width, unsigned height) {
-    dravik::panel::PanelMemoryFormat format;
-    format.width = width;
-    format.height = height;
-    format.bpp = 8;
-    format.lineLength = width;
-    format.lookup = dravik::panel::PixelLookup::palette;
+    const dravik::panel::PanelMemoryFormat format{
+        width, height, 8, {}, {}, {}, width, dravik::panel::PixelLookup::palette};
     const dravik::panel::ColourMap map{Access::palRed(gui), Access::palGreen(gui),
                                        Access::palBlue(gui), 256};
     return dravik::panel::panelPicture(format, indices, &map);

@@ -63,15 +63,8 @@ bool SceneClock::show(lcmgui::LcmGui& gui, const lcmgui::GuiScreenDesc& screen, 
 }
 
 PanelMemoryFormat memoryFormat(const fb_var_screeninfo& var, std::size_t lineLength) {
-    PanelMemoryFormat format;
-    format.width = var.xres;
-    format.height = var.yres;
-    format.bpp = var.bits_per_pixel;
-    format.red = channel(var.red);
-    format.green = channel(var.green);
-    format.blue = channel(var.blue);
-    format.lineLength = lineLength;
-    return format;
+    return {var.xres,           var.yres,          var.bits_per_pixel, channel(var.red),
+            channel(var.green), channel(var.blue), lineLength,         PixelLookup::direct};
 }
 
 cv::Mat enginePicture(const lcmgui::LcmGui& gui) {

@@ -8,24 +8,21 @@
 
 namespace {
 
-using dravik::panel::ColourMap;
-using dravik::panel::layoutForDepth;
-using dravik::panel::PanelMemoryFormat;
-using dravik::panel::panelPicture;
-using dravik::panel::PixelLookup;
+namespace panel = dravik::panel;
+using panel::layoutForDepth;
+using panel::panelPicture;
 
-PanelMemoryFormat formatOf(uint32_t bpp, uint32_t width, uint32_t height) {
+// A panel of the usual layout of `bpp`, without padding.
+panel::PanelMemoryFormat formatOf(uint32_t bpp, uint32_t width, uint32_t height) {
     const auto* layout = layoutForDepth(bpp);
-    PanelMemoryFormat format;
-    format.width = width;
-    format.height = height;
-    format.bpp = bpp;
-    format.red = layout->red;
-    format.green = layout->green;
-    format.blue = layout->blue;
-    format.lineLength = width * ((bpp + 7) / 8);
-    format.lookup = layout->palette ? PixelLookup::palette : PixelLookup::direct;
-    return format;
+    return {width,
+            height,
+            bpp,
+            layout->red,
+            layout->green,
+            layout->blue,
+            width * ((bpp + 7) / 8),
+            layout->palette ? panel::PixelLookup::palette : panel::PixelLookup::direct};
 }
 
 TEST(layoutForDepth, knows_the_five_depths_and_no_other) {
@@ -48,7 +45,7 @@ TEST(placeInChannel, keeps_the_top_bits_of_a_colour_value) {
 
 TEST(panelPicture, scales_each_channel_to_8_bits_rounded) {
     // RGB565: full red; green 0x20 of 0x3F; blue 1 of 0x1F; padded lines.
-    PanelMemoryFormat format = formatOf(16, 1, 2);
+    panel::PanelMemoryFormat format = formatOf(16, 1, 2);
     format.lineLength = 4;
     const uint16_t pixel = 0xF800 | (0x20 << 5) | 0x01;
     const unsigned char memory[] = {pixel & 0xFF, pixel >> 8, 0xAA, 0xAA, 0, 0, 0xAA, 0xAA};
@@ -59,7 +56,7 @@ TEST(panelPicture, scales_each_channel_to_8_bits_rounded) {
 }
 
 TEST(panelPicture, reads_24_bit_pixels_as_three_bytes) {
-    const PanelMemoryFormat format = formatOf(24, 2, 1);
+    const panel::PanelMemoryFormat format = formatOf(24, 2, 1);
     const unsigned char memory[] = {1, 2, 3, 4, 5, 6};  // B, G, R per pixel
     const cv::Mat picture = panelPicture(format, memory);
     EXPECT_EQ(picture.at<cv::Vec3b>(0, 0), cv::Vec3b(1, 2, 3));
@@ -67,11 +64,11 @@ TEST(panelPicture, reads_24_bit_pixels_as_three_bytes) {
 }
 
 TEST(panelPicture, looks_palette_indices_up_in_the_colour_map) {
-    const PanelMemoryFormat format = formatOf(8, 3, 1);
+    const panel::PanelMemoryFormat format = formatOf(8, 3, 1);
     const uint16_t red[] = {0x1234, 0xFF00};
     const uint16_t green[] = {0x5678, 0x0100};
     const uint16_t blue[] = {0x9ABC, 0x8000};
-    const ColourMap map{red, green, blue, 2};
+    const panel::ColourMap map{red, green, blue, 2};
     const unsigned char memory[] = {0, 1, 2};
     const cv::Mat picture = panelPicture(format, memory, &map);
     EXPECT_EQ(picture.at<cv::Vec3b>(0, 0), cv::Vec3b(0x9A, 0x56, 0x12));
@@ -80,13 +77,13 @@ TEST(panelPicture, looks_palette_indices_up_in_the_colour_map) {
 }
 
 TEST(panelPicture, looks_each_channel_up_in_its_column_of_the_map) {
-    PanelMemoryFormat format = formatOf(16, 1, 1);
-    format.lookup = PixelLookup::channels;
+    panel::PanelMemoryFormat format = formatOf(16, 1, 1);
+    format.lookup = panel::PixelLookup::channels;
     std::vector<uint16_t> red(64), green(64), blue(64);
     red[3] = 0x4100;
     green[5] = 0x4200;
     blue[7] = 0x4300;
-    const ColourMap map{red.data(), green.data(), blue.data(), 64};
+    const panel::ColourMap map{red.data(), green.data(), blue.data(), 64};
     const uint16_t pixel = (3 << 11) | (5 << 5) | 7;
     const unsigned char memory[] = {pixel & 0xFF, pixel >> 8};
     EXPECT_EQ(panelPicture(format, memory, &map).at<cv::Vec3b>(0, 0), cv::Vec3b(0x43, 0x42, 0x41));

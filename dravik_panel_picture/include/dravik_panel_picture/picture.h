@@ -18,15 +18,13 @@ enum class PixelLookup {
     channels  // each channel is an index into its own column of the map (directcolor)
 };
 
+// `height` lines of `lineLength` bytes (padding included), each of `width`
+// pixels of `bpp` bits.
 struct PanelMemoryFormat {
-    uint32_t width = 0;
-    uint32_t height = 0;
-    uint32_t bpp = 0;
-    ChannelLayout red;
-    ChannelLayout green;
-    ChannelLayout blue;
-    std::size_t lineLength = 0;  // bytes per line, padding included
-    PixelLookup lookup = PixelLookup::direct;
+    uint32_t width, height, bpp;
+    ChannelLayout red, green, blue;
+    std::size_t lineLength;
+    PixelLookup lookup;
 };
 
 // A colour map of 16-bit entries, as FBIOPUTCMAP takes it.

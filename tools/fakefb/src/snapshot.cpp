@@ -171,15 +171,10 @@ cv::Mat decodeFrame(const Geometry& geometry, const std::string& data, const Col
                                     " bytes, the frame needs " +
                                     std::to_string(geometry.frameSize())};
     }
-    dravik::panel::PanelMemoryFormat format;
-    format.width = geometry.width;
-    format.height = geometry.height;
-    format.bpp = geometry.bpp;
-    format.red = layoutOf(geometry.red);
-    format.green = layoutOf(geometry.green);
-    format.blue = layoutOf(geometry.blue);
-    format.lineLength = geometry.lineLength;
-    format.lookup = lookupOf(geometry.visual);
+    const dravik::panel::PanelMemoryFormat format{
+        geometry.width,         geometry.height,          geometry.bpp,
+        layoutOf(geometry.red), layoutOf(geometry.green), layoutOf(geometry.blue),
+        geometry.lineLength,    lookupOf(geometry.visual)};
     const dravik::panel::ColourMap colourMap{
         map != nullptr ? map->red : nullptr, map != nullptr ? map->green : nullptr,
         map != nullptr ? map->blue : nullptr, fakefb::kCmapEntries};
