@@ -8,15 +8,18 @@
 #include <string>
 #include <vector>
 
-#include "GoldenImage.h"
 #include "ScriptLines.h"
 #include "dravik_fontrenderer/FontRenderer.h"
+#include "dravik_test_support/golden_picture.h"
 
 namespace {
 
-using dravik::fontrenderer::testing::matchesGolden;
 using dravik::fontrenderer::testing::ScriptLine;
 using dravik::fontrenderer::testing::scriptLines;
+using dravik::testsupport::GoldenPictures;
+
+// The references: 8-bit coverage buffers, one grey PNG each.
+const GoldenPictures kGolden(DRAVIK_GOLDEN_DIR, DRAVIK_GOLDEN_FAILURE_DIR);
 
 constexpr unsigned kGoldenSize = 24;
 constexpr unsigned kWide = 4000;
@@ -53,7 +56,7 @@ protected:
 TEST_P(ScriptLineTest, draws_like_its_reference_picture) {
     const cv::Mat coverage = renderLine(renderer, GetParam().text, kGoldenSize);
     ASSERT_FALSE(coverage.empty());
-    EXPECT_TRUE(matchesGolden(GetParam().name, coverage));
+    EXPECT_TRUE(kGolden.matches(GetParam().name, coverage));
 }
 
 INSTANTIATE_TEST_SUITE_P(Scripts, ScriptLineTest, ::testing::ValuesIn(scriptLines()),

@@ -102,6 +102,9 @@ public:
     bool setState(GuiScreenDesc screen, unsigned long now);
     // The main loop's tick: backlight, full redraw of a new screen, animation step.
     bool service();
+    // Whether the screen on show has its image: false when it has none or its
+    // image did not load (such a screen stays still).
+    bool imageShown() const { return !state.img.empty(); }
 
     // Show commands. Both normalise and repair the request in place and return
     // true only when the screen and the brightness were both taken.

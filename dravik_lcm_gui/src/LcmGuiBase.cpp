@@ -16,6 +16,7 @@
 #include "dravik_image/image_file.h"
 #include "dravik_ipc_messages/messages.h"
 #include "dravik_logger/logger.h"
+#include "dravik_panel_picture/layout.h"
 #include "dravik_utils/utils.h"
 
 namespace dravik::lcmgui {
@@ -28,35 +29,47 @@ namespace {
 
 constexpr unsigned kCmapEntries = 256;
 
-// The channel placement of panels that report no channel lengths, by depth
-// (24 serves 32-bit panels). The same three layouts are the ones real panels
-// report, so each has a dedicated line conversion for pixels of `bytes` bytes.
+// The depths whose panels may report no channel lengths: they get the usual
+// layout of the depth (24 serves 32-bit panels). The same layouts are the ones
+// real panels report, so each has a dedicated line conversion for pixels of
+// `bytes` bytes.
 struct FixedLayout {
     unsigned depth;
-    uint32_t (*red)(uint32_t);
-    uint32_t (*green)(uint32_t);
-    uint32_t (*blue)(uint32_t);
     unsigned bytes;
     pixels::LineKernel convert;
     pixels::TurnedKernel convertTurned;  // null: a turned panel's lines go by bands
 };
 
 constexpr FixedLayout kFixedLayouts[] = {
-    {15, [](uint32_t v) { return (v & 0xF8U) << 7; }, [](uint32_t v) { return (v & 0xF8U) << 2; },
-     [](uint32_t v) { return v >> 3; }, 2, pixels::toRgb555, nullptr},
-    {16, [](uint32_t v) { return (v & 0xF8U) << 8; }, [](uint32_t v) { return (v & 0xFCU) << 3; },
-     [](uint32_t v) { return v >> 3; }, 2, pixels::toRgb565, nullptr},
-    {24, [](uint32_t v) { return v << 16; }, [](uint32_t v) { return v << 8; },
-     [](uint32_t v) { return v; }, 4, pixels::toXrgb8888, pixels::toXrgb8888Turned},
+    {15, 2, pixels::toRgb555, nullptr},
+    {16, 2, pixels::toRgb565, nullptr},
+    {24, 4, pixels::toXrgb8888, pixels::toXrgb8888Turned},
 };
+
+constexpr bool everyFixedLayoutIsUsual() {
+    for (const auto& layout : kFixedLayouts) {
+        if (panel::layoutForDepth(layout.depth) == nullptr) {
+            return false;
+        }
+    }
+    return true;
+}
+static_assert(everyFixedLayoutIsUsual(), "a fixed layout is the usual one of its depth");
+
+const panel::DepthLayout& usualLayout(const FixedLayout& layout) {
+    return *panel::layoutForDepth(layout.depth);
+}
 
 // Depths whose lines go through the lookup tables.
 constexpr unsigned kTableDepths[] = {15, 16, 32};
 
 bool tablesHold(const FixedLayout& layout, const uint32_t* red, const uint32_t* green,
                 const uint32_t* blue) {
+    const panel::DepthLayout& usual = usualLayout(layout);
     for (uint32_t v = 0; v < 256; ++v) {
-        if (red[v] != layout.red(v) || green[v] != layout.green(v) || blue[v] != layout.blue(v)) {
+        if (red[v] != panel::placeInChannel(v, usual.red) ||
+            green[v] != panel::placeInChannel(v, usual.green) ||
+            blue[v] != panel::placeInChannel(v, usual.blue)) {
             return false;
         }
     }
@@ -853,10 +866,11 @@ void LcmGui::lutInit(unsigned depth) {
         if (layout.depth != depth) {
             continue;
         }
+        const panel::DepthLayout& usual = usualLayout(layout);
         for (uint32_t v = 0; v < 256; ++v) {
-            lutRed[v] = layout.red(v);
-            lutGreen[v] = layout.green(v);
-            lutBlue[v] = layout.blue(v);
+            lutRed[v] = panel::placeInChannel(v, usual.red);
+            lutGreen[v] = panel::placeInChannel(v, usual.green);
+            lutBlue[v] = panel::placeInChannel(v, usual.blue);
         }
     }
 }

@@ -16,38 +16,32 @@
 
 #include "LcmGui.h"
 #include "LcmGuiTestAccess.h"
-#include "dravik_test_support/clock_guard.h"
+#include "dravik_panel_picture/layout.h"
+#include "dravik_panel_picture/picture.h"
+#include "dravik_test_support/golden_picture.h"
 #include "dravik_test_support/temp_dir.h"
+#include "panel_scene.h"
 
 using namespace dravik::lcmgui;
 using Access = LcmGuiTestAccess;
-using dravik::testsupport::ClockGuard;
+using dravik::panel::enginePicture;
+using dravik::panel::SceneClock;
+using dravik::testsupport::GoldenPictures;
 using dravik::testsupport::TempDir;
 namespace fs = std::filesystem;
 
 namespace {
 
 constexpr uint64_t kStart = 7'000'000;
-constexpr uint64_t kTickMs = 30;  // the main loop's pace without requests
 
-uint64_t gNow = kStart;
-uint64_t testClock() {
-    return gNow;
-}
-
-// The panel formats: a depth as its driver usually reports it; depth 8 is
-// drawn on a 24-bit panel and its drawing buffer converted line by line as an
-// 8-bit panel's would be.
+// The panel formats: a depth with the layout its driver usually reports;
+// depth 8 is drawn on a 24-bit panel and its drawing buffer converted line by
+// line as an 8-bit panel's would be.
 struct Depth {
     const char* name;
     unsigned bits;
-    fb_bitfield red, green, blue;
 };
-const Depth kDepths[] = {
-    {"15", 15, {10, 5, 0}, {5, 5, 0}, {0, 5, 0}}, {"16", 16, {11, 5, 0}, {5, 6, 0}, {0, 5, 0}},
-    {"24", 24, {16, 8, 0}, {8, 8, 0}, {0, 8, 0}}, {"32", 32, {16, 8, 0}, {8, 8, 0}, {0, 8, 0}},
-    {"8", 24, {16, 8, 0}, {8, 8, 0}, {0, 8, 0}},
-};
+const Depth kDepths[] = {{"15", 15}, {"16", 16}, {"24", 24}, {"32", 32}, {"8", 24}};
 
 struct Scene {
     std::string name;
@@ -56,28 +50,14 @@ struct Scene {
     uint64_t atMs;  // shown this long after it was set
 };
 
-uint8_t scaled(uint32_t pixel, const fb_bitfield& channel) {
-    const uint64_t max = (uint64_t{1} << channel.length) - 1;
-    return static_cast<uint8_t>((((pixel >> channel.offset) & max) * 255 + max / 2) / max);
-}
-
-// What the panel's memory shows, each channel scaled to 8 bits.
-cv::Mat panelPicture(LcmGui& gui) {
-    const fb_var_screeninfo& var = gui.panelFormat();
-    const unsigned bytes = (var.bits_per_pixel + 7) / 8;
-    cv::Mat picture(static_cast<int>(var.yres), static_cast<int>(var.xres), CV_8UC3);
-    for (unsigned y = 0; y < var.yres; ++y) {
-        const unsigned char* at = gui.panelMemory() + size_t{y} * gui.panelLineLength();
-        for (unsigned x = 0; x < var.xres; ++x, at += bytes) {
-            uint32_t pixel = 0;
-            for (unsigned i = 0; i < bytes; ++i) {
-                pixel |= uint32_t{at[i]} << (8 * i);
-            }
-            picture.at<cv::Vec3b>(static_cast<int>(y), static_cast<int>(x)) = {
-                scaled(pixel, var.blue), scaled(pixel, var.green), scaled(pixel, var.red)};
-        }
-    }
-    return picture;
+// What 8-bit panel memory of `width` x `height` palette indices shows: each
+// index as the top 8 bits of its colour-map entry.
+cv::Mat indexPicture(LcmGui& gui, const unsigned char* indices, unsigned width, unsigned height) {
+    const dravik::panel::PanelMemoryFormat format{
+        width, height, 8, {}, {}, {}, width, dravik::panel::PixelLookup::palette};
+    const dravik::panel::ColourMap map{Access::palRed(gui), Access::palGreen(gui),
+                                       Access::palBlue(gui), 256};
+    return dravik::panel::panelPicture(format, indices, &map);
 }
 
 // The drawing buffer through the 8-bit panel's colour path: its palette and
@@ -89,19 +69,13 @@ cv::Mat palettePicture(LcmGui& gui) {
     gui.initDither(8, 8, 4, 2);
     LcmGui::resetDitherMatrix();  // the matrix is shared: leave it as found
     cv::Mat& buffer = Access::displayBuf(gui);
-    cv::Mat picture(buffer.rows, buffer.cols, CV_8UC3);
-    std::vector<unsigned char> indices(static_cast<size_t>(buffer.cols));
+    const auto width = static_cast<unsigned>(buffer.cols);
+    std::vector<unsigned char> indices(size_t{width} * static_cast<size_t>(buffer.rows));
     for (int y = 0; y < buffer.rows; ++y) {
-        gui.convertLine(8, static_cast<unsigned>(y), static_cast<unsigned>(buffer.cols),
-                        indices.data(), buffer.ptr<unsigned char>(y));
-        for (int x = 0; x < buffer.cols; ++x) {
-            const unsigned i = indices[static_cast<size_t>(x)];
-            picture.at<cv::Vec3b>(y, x) = {static_cast<uint8_t>(Access::palBlue(gui)[i] >> 8),
-                                           static_cast<uint8_t>(Access::palGreen(gui)[i] >> 8),
-                                           static_cast<uint8_t>(Access::palRed(gui)[i] >> 8)};
-        }
+        gui.convertLine(8, static_cast<unsigned>(y), width, &indices[size_t{width} * size_t(y)],
+                        buffer.ptr<unsigned char>(y));
     }
-    return picture;
+    return indexPicture(gui, indices.data(), width, static_cast<unsigned>(buffer.rows));
 }
 
 // The drawing buffer through an 8-bit panel's colour path as showBuf converts
@@ -121,35 +95,7 @@ cv::Mat turnedPalettePicture(LcmGui& gui) {
     if (!shown) {
         return {};
     }
-    cv::Mat picture(static_cast<int>(var.yres), static_cast<int>(var.xres), CV_8UC3);
-    for (int y = 0; y < picture.rows; ++y) {
-        for (int x = 0; x < picture.cols; ++x) {
-            const unsigned i = indices[size_t(y) * var.xres + size_t(x)];
-            picture.at<cv::Vec3b>(y, x) = {static_cast<uint8_t>(Access::palBlue(gui)[i] >> 8),
-                                           static_cast<uint8_t>(Access::palGreen(gui)[i] >> 8),
-                                           static_cast<uint8_t>(Access::palRed(gui)[i] >> 8)};
-        }
-    }
-    return picture;
-}
-
-// Shows the scene as the daemon would at its time: the full redraw, then a
-// tick every 30 ms and one at the time itself.
-bool show(LcmGui& gui, const Scene& scene) {
-    gNow = kStart;
-    if (!gui.setState(scene.desc, gNow)) {
-        return false;
-    }
-    (void)gui.service();
-    for (uint64_t t = kTickMs; t < scene.atMs; t += kTickMs) {
-        gNow = kStart + t;
-        (void)gui.service();
-    }
-    if (scene.atMs > 0) {
-        gNow = kStart + scene.atMs;
-        (void)gui.service();
-    }
-    return true;
+    return indexPicture(gui, indices.data(), var.xres, var.yres);
 }
 
 GuiScreenDesc image(const char* file, AnimType animation = kAnimStatic, uint32_t duration = 0,
@@ -261,7 +207,7 @@ protected:
         ASSERT_TRUE(dravik::image::writePng((images / "bar.png").string(), bar));
         ASSERT_TRUE(dravik::image::writePng((images / "block.png").string(),
                                             cv::Mat(30, 40, CV_8UC3, cv::Scalar(200, 200, 200))));
-        clock_ = std::make_unique<ClockGuard>(testClock);
+        clock_ = std::make_unique<SceneClock>(kStart);
         fs::remove_all(GOLDEN_FAILURE_DIR);  // only this run's differences stay there
     }
     static void TearDownTestSuite() {
@@ -279,69 +225,26 @@ protected:
         format.xres = width;
         format.yres = height;
         format.bits_per_pixel = depth.bits;
-        format.red = depth.red;
-        format.green = depth.green;
-        format.blue = depth.blue;
+        const dravik::panel::DepthLayout& usual = *dravik::panel::layoutForDepth(depth.bits);
+        format.red = {usual.red.offset, usual.red.length, 0};
+        format.green = {usual.green.offset, usual.green.length, 0};
+        format.blue = {usual.blue.offset, usual.blue.length, 0};
         if (!gui->initInMemory(format)) {
             return nullptr;
         }
         return gui;
     }
 
-    static void expectGolden(const std::string& name, const cv::Mat& actual);
     static void runScenes(GuiConfig& config, const std::vector<Scene>& scenes);
 
     static std::unique_ptr<TempDir> root_;
-    static std::unique_ptr<ClockGuard> clock_;
+    static std::unique_ptr<SceneClock> clock_;
+    static const GoldenPictures golden_;
 };
 
 std::unique_ptr<TempDir> GoldenTest::root_;
-std::unique_ptr<ClockGuard> GoldenTest::clock_;
-
-// A picture of where two pictures differ: the reference dimmed, differing
-// pixels in red.
-cv::Mat difference(const cv::Mat& expected, const cv::Mat& actual) {
-    cv::Mat diff = expected * 0.3;
-    for (int y = 0; y < expected.rows; ++y) {
-        for (int x = 0; x < expected.cols; ++x) {
-            if (expected.at<cv::Vec3b>(y, x) != actual.at<cv::Vec3b>(y, x)) {
-                diff.at<cv::Vec3b>(y, x) = {0, 0, 255};
-            }
-        }
-    }
-    return diff;
-}
-
-void GoldenTest::expectGolden(const std::string& name, const cv::Mat& actual) {
-    const std::string reference = std::string(GOLDEN_DIR) + "/" + name + ".png";
-    const char* update = getenv("DRAVIK_UPDATE_GOLDEN");
-    if (update != nullptr && std::string(update) == "1") {
-        ASSERT_TRUE(dravik::image::writePng(reference, actual)) << reference;
-        std::cout << "wrote " << reference << "\n";
-        return;
-    }
-    const cv::Mat expected = dravik::image::readImage(reference);
-    const fs::path failures = fs::path(GOLDEN_FAILURE_DIR);
-    const std::string actualPath = (failures / (name + "-actual.png")).string();
-    const std::string diffPath = (failures / (name + "-diff.png")).string();
-    const bool same = !expected.empty() && expected.size() == actual.size() &&
-                      cv::norm(expected, actual, cv::NORM_INF) == 0;
-    if (same) {
-        return;
-    }
-    fs::create_directories(failures);
-    (void)dravik::image::writePng(actualPath, actual);
-    if (expected.empty()) {
-        ADD_FAILURE() << "no reference " << reference << "; the picture drawn is " << actualPath
-                      << " (scripts/update-golden writes the references)";
-        return;
-    }
-    if (expected.size() == actual.size()) {
-        (void)dravik::image::writePng(diffPath, difference(expected, actual));
-    }
-    ADD_FAILURE() << name << " differs from " << reference << ": drawn " << actualPath
-                  << ", difference (red) " << diffPath;
-}
+std::unique_ptr<SceneClock> GoldenTest::clock_;
+const GoldenPictures GoldenTest::golden_(GOLDEN_DIR, GOLDEN_FAILURE_DIR);
 
 void GoldenTest::runScenes(GuiConfig& config, const std::vector<Scene>& scenes) {
     for (const Depth& depth : kDepths) {
@@ -356,10 +259,10 @@ void GoldenTest::runScenes(GuiConfig& config, const std::vector<Scene>& scenes) 
                 height = scene.height;
                 ASSERT_NE(gui, nullptr);
             }
-            ASSERT_TRUE(show(*gui, scene));
+            ASSERT_TRUE(clock_->show(*gui, scene.desc, scene.atMs));
             const bool palette = std::string(depth.name) == "8";
-            expectGolden(scene.name + "-" + depth.name,
-                         palette ? palettePicture(*gui) : panelPicture(*gui));
+            EXPECT_TRUE(golden_.matches(scene.name + "-" + depth.name,
+                                        palette ? palettePicture(*gui) : enginePicture(*gui)));
         }
     }
 }
@@ -393,11 +296,12 @@ TEST_F(GoldenTest, every_example_screen_matches_its_reference_on_a_turned_panel)
                 ASSERT_TRUE(found);
                 auto gui = engine(config, *depth, 240, 320, rotation);
                 ASSERT_NE(gui, nullptr);
-                ASSERT_TRUE(show(*gui, {example.name, 240, 320, desc, example.at}));
+                ASSERT_TRUE(clock_->show(*gui, desc, example.at));
                 const bool palette = std::string(depth->name) == "8";
-                expectGolden(std::string("turned") + std::to_string(rotation) + "_" + example.name +
-                                 "-" + depth->name,
-                             palette ? turnedPalettePicture(*gui) : panelPicture(*gui));
+                EXPECT_TRUE(
+                    golden_.matches(std::string("turned") + std::to_string(rotation) + "_" +
+                                        example.name + "-" + depth->name,
+                                    palette ? turnedPalettePicture(*gui) : enginePicture(*gui)));
             }
         }
     }

@@ -15,6 +15,7 @@
 #include <ctime>
 #include <string>
 
+#include "dravik_utils/utf8.h"
 #include "dravik_utils/utils.h"
 
 namespace {
@@ -22,6 +23,11 @@ namespace {
 dravik::logger::Hook& hook() {
     static dravik::logger::Hook h;
     return h;
+}
+
+dravik::logger::Hook& sink() {
+    static dravik::logger::Hook s;
+    return s;
 }
 
 const char* levelName(int level) {
@@ -74,35 +80,13 @@ void writeJournal(const dravik::logger::Record& r) {
 constexpr size_t kMaxLine = 4096;
 constexpr size_t kCutMarkerRoom = 48;
 
-// Length of the valid UTF-8 sequence at `p` (at most `left` bytes), 0 if the
-// bytes there are not one. Overlong forms, surrogates and values above
-// U+10FFFF are not valid.
-size_t utf8Length(const unsigned char* p, size_t left) {
-    const unsigned char c = p[0];
-    size_t length = 0;
-    uint32_t min = 0;
-    uint32_t value = 0;
-    if (c >= 0xC2 && c <= 0xDF) {
-        length = 2, min = 0x80, value = c & 0x1Fu;
-    } else if (c >= 0xE0 && c <= 0xEF) {
-        length = 3, min = 0x800, value = c & 0x0Fu;
-    } else if (c >= 0xF0 && c <= 0xF4) {
-        length = 4, min = 0x10000, value = c & 0x07u;
-    } else {
-        return 0;
-    }
-    if (length > left) {
-        return 0;
-    }
-    for (size_t i = 1; i < length; ++i) {
-        if ((p[i] & 0xC0u) != 0x80u) {
-            return 0;
-        }
-        value = (value << 6) | (p[i] & 0x3Fu);
-    }
-    const bool surrogate = value >= 0xD800 && value <= 0xDFFF;
-    const bool c1Control = value >= 0x80 && value <= 0x9F;
-    return value >= min && value <= 0x10FFFF && !surrogate && !c1Control ? length : 0;
+// Length of the valid UTF-8 sequence at `text[pos]`, 0 if the bytes there are
+// not one. C1 controls (U+0080 .. U+009F) count as not valid: they are escaped.
+size_t utf8Length(const std::string& text, size_t pos) {
+    size_t end = pos;
+    uint32_t cp = 0;
+    const bool valid = dravik::utils::decodeUtf8(text, end, cp);
+    return valid && !(cp >= 0x80 && cp <= 0x9F) ? end - pos : 0;
 }
 
 // Appends byte `c` in its escaped form.
@@ -142,7 +126,7 @@ std::string oneLine(const std::string& text, size_t limit) {
             piece += static_cast<char>(c);
         } else if (c < 0x80) {
             appendEscaped(piece, c);  // other control characters and DEL
-        } else if (const size_t length = utf8Length(p + i, size - i)) {
+        } else if (const size_t length = utf8Length(text, i)) {
             piece.append(text, i, length);
             used = length;
         } else {
@@ -210,7 +194,9 @@ void logInternal(const char* tag, const char* sourceFile, const char* function, 
         r.message = dravik::utils::vformat(format, args);
         va_end(args);
     }
-    if (stderrIsJournal()) {
+    if (sink()) {
+        sink()(r);
+    } else if (stderrIsJournal()) {
         writeJournal(r);
     } else {
         writeLine(r);
@@ -229,6 +215,10 @@ namespace dravik::logger {
 
 void setHook(Hook h) {
     hook() = std::move(h);
+}
+
+void setSink(Hook s) {
+    sink() = std::move(s);
 }
 
 }  // namespace dravik::logger

@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <string>
+#include <vector>
 
 #include "dravik_logger/log_capture.h"
 
@@ -105,6 +106,32 @@ TEST(logInternal, keeps_long_messages_whole) {
     (void)captureStderr([&] { logInternal("t", "f", "fn", 1, 6, 0, 0, "%s", big.c_str()); });
     ASSERT_EQ(capture.records.size(), 1u);
     EXPECT_EQ(capture.records[0].message, big);
+}
+
+TEST(logInternal, a_sink_takes_the_records_instead_of_standard_error) {
+    unsetenv("JOURNAL_STREAM");
+    std::vector<std::string> sunk;
+    dravik::logger::setSink([&](const dravik::logger::Record& r) { sunk.push_back(r.message); });
+    const std::string quiet = captureStderr([] { logInternal("t", "f", "fn", 1, 4, 0, 0, "one"); });
+    dravik::logger::setSink(nullptr);
+    const std::string written =
+        captureStderr([] { logInternal("t", "f", "fn", 1, 4, 0, 0, "two"); });
+    EXPECT_EQ(quiet, "");
+    EXPECT_EQ(sunk, std::vector<std::string>{"one"});
+    EXPECT_NE(written.find("fn: two\n"), std::string::npos) << written;
+}
+
+TEST(LogCapture, a_quiet_capture_collects_records_off_standard_error_while_it_lives) {
+    unsetenv("JOURNAL_STREAM");
+    std::string during;
+    {
+        LogCapture capture(LogCapture::kQuiet);
+        during = captureStderr([] { logInternal("t", "f", "fn", 1, 3, 0, 0, "held back"); });
+        EXPECT_TRUE(capture.has(3, "held back"));
+    }
+    const std::string after = captureStderr([] { logInternal("t", "f", "fn", 1, 3, 0, 0, "out"); });
+    EXPECT_EQ(during, "");
+    EXPECT_NE(after.find("fn: out\n"), std::string::npos) << after;
 }
 
 TEST(forceCrash, aborts_the_process) {

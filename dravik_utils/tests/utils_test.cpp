@@ -8,6 +8,7 @@
 #include <string>
 
 #include "dravik_test_support/temp_dir.h"
+#include "dravik_utils/utf8.h"
 
 namespace {
 
@@ -109,6 +110,40 @@ TEST(resolvePath, resolves_existing_files_and_refuses_missing_ones) {
     EXPECT_FALSE(resolvePath(dir.file("missing.png").c_str(), resolved, isDir, nullptr));
     EXPECT_FALSE(resolvePath("", resolved, isDir, nullptr));
     EXPECT_FALSE(resolvePath(nullptr, resolved, isDir, nullptr));
+}
+
+TEST(decodeUtf8, well_formed_sequences_of_one_to_four_bytes_decode) {
+    const std::string text = "a\xC3\xA9\xE2\x82\xAC\xF0\x9F\x98\x80";
+    const uint32_t expected[] = {0x61, 0xE9, 0x20AC, 0x1F600};
+    std::size_t pos = 0;
+    for (const uint32_t want : expected) {
+        uint32_t cp = 0;
+        ASSERT_TRUE(dravik::utils::decodeUtf8(text, pos, cp));
+        EXPECT_EQ(cp, want);
+    }
+    EXPECT_EQ(pos, text.size());
+}
+
+TEST(decodeUtf8, malformed_sequences_fail_and_skip_what_cannot_continue) {
+    struct Row {
+        const char* bytes;
+        std::size_t skipped;
+    } rows[] = {
+        {"\xC0\xAF", 1},          // overlong lead
+        {"\xE0\x80\x80", 1},      // overlong three-byte form
+        {"\xED\xA0\x80", 1},      // surrogate
+        {"\xF4\x90\x80\x80", 1},  // above U+10FFFF
+        {"\xE2\x82", 2},          // cut short
+        {"\xE2\x82x", 2},         // broken by an ASCII byte
+        {"\x80", 1},              // lone continuation byte
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.bytes);
+        std::size_t pos = 0;
+        uint32_t cp = 0;
+        EXPECT_FALSE(dravik::utils::decodeUtf8(row.bytes, pos, cp));
+        EXPECT_EQ(pos, row.skipped);
+    }
 }
 
 }  // namespace

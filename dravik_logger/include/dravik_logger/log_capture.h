@@ -8,13 +8,26 @@
 
 namespace dravik::logger {
 
-// Collects the records written while it lives (for tests).
+// Collects the records written while it lives: tests check them, and tools
+// that run the display engine report them in their own words.
 class LogCapture {
 public:
-    LogCapture() {
+    // kQuiet keeps the records off standard error and the journal while the
+    // capture lives; kWritten writes them as usual.
+    enum Output { kWritten, kQuiet };
+
+    explicit LogCapture(Output output = kWritten) : quiet_(output == kQuiet) {
         setHook([this](const Record& r) { records.push_back(r); });
+        if (quiet_) {
+            setSink([](const Record& /*record*/) {});  // the hook above keeps it
+        }
     }
-    ~LogCapture() { setHook(nullptr); }
+    ~LogCapture() {
+        if (quiet_) {
+            setSink(nullptr);
+        }
+        setHook(nullptr);
+    }
     LogCapture(const LogCapture&) = delete;
     LogCapture& operator=(const LogCapture&) = delete;
 
@@ -36,6 +49,9 @@ public:
     void clear() { records.clear(); }
 
     std::vector<Record> records;
+
+private:
+    bool quiet_;
 };
 
 }  // namespace dravik::logger

@@ -45,4 +45,8 @@ std::string oneLine(const std::string& text, size_t limit);
 using Hook = std::function<void(const Record&)>;
 void setHook(Hook hook);
 
+// Receives every record instead of standard error (or the journal) while it is
+// set; nullptr writes records there again. The hook sees them either way.
+void setSink(Hook sink);
+
 }  // namespace dravik::logger

@@ -6,26 +6,10 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "dravik_panel_picture/layout.h"
+
 namespace fakefb {
 namespace {
-
-struct DepthDefaults {
-    uint32_t bpp;
-    Channel red;
-    Channel green;
-    Channel blue;
-    Visual visual;
-};
-
-// A pseudo-colour panel reports 8 significant bits per colour-map channel, all at
-// offset 0; the pixel itself is an index.
-constexpr DepthDefaults kDepthDefaults[] = {
-    {8, {0, 8}, {0, 8}, {0, 8}, Visual::pseudocolor},
-    {15, {10, 5}, {5, 5}, {0, 5}, Visual::truecolor},
-    {16, {11, 5}, {5, 6}, {0, 5}, Visual::truecolor},
-    {24, {16, 8}, {8, 8}, {0, 8}, Visual::truecolor},
-    {32, {16, 8}, {8, 8}, {0, 8}, Visual::truecolor},
-};
 
 struct VisualNameEntry {
     const char* name;
@@ -87,15 +71,6 @@ constexpr uint32_t fourcc(char a, char b, char c, char d) {
 
 constexpr uint32_t kMaxDimension = 16384;
 constexpr uint64_t kMaxFrameSize = 256ull * 1024 * 1024;
-
-const DepthDefaults* findDepth(uint32_t bpp) {
-    for (const auto& entry : kDepthDefaults) {
-        if (entry.bpp == bpp) {
-            return &entry;
-        }
-    }
-    return nullptr;
-}
 
 void setError(char* error, std::size_t errorLen, const char* fmt, ...)
     __attribute__((format(printf, 3, 4)));
@@ -316,7 +291,7 @@ bool channelFits(const Channel& channel, uint32_t bpp) {
 }
 
 bool validateGeometry(const Geometry& g, char* error, std::size_t errorLen) {
-    if (findDepth(g.bpp) == nullptr) {
+    if (dravik::panel::layoutForDepth(g.bpp) == nullptr) {
         setError(error, errorLen, "bpp %u is not one of 8, 15, 16, 24, 32", g.bpp);
         return false;
     }
@@ -391,20 +366,22 @@ bool validateDrm(const PanelDesc& panelDesc, char* error, std::size_t errorLen) 
 }  // namespace
 
 bool applyDepthDefaults(Geometry& geometry, unsigned given) {
-    const DepthDefaults* defaults = findDepth(geometry.bpp);
-    if (defaults == nullptr) {
+    const dravik::panel::DepthLayout* layout = dravik::panel::layoutForDepth(geometry.bpp);
+    if (layout == nullptr) {
         return false;
     }
     if ((given & kGivenChannels) == 0) {
-        geometry.red = defaults->red;
-        geometry.green = defaults->green;
-        geometry.blue = defaults->blue;
+        geometry.red = {layout->red.offset, layout->red.length};
+        geometry.green = {layout->green.offset, layout->green.length};
+        geometry.blue = {layout->blue.offset, layout->blue.length};
     }
     if ((given & kGivenTransp) == 0) {
         geometry.transp = Channel{};
     }
     if ((given & kGivenVisual) == 0) {
-        geometry.visual = defaults->visual;
+        // A pseudo-colour panel reports 8 significant bits per colour-map
+        // channel, all at offset 0; the pixel itself is an index.
+        geometry.visual = layout->palette ? Visual::pseudocolor : Visual::truecolor;
     }
     if ((given & kGivenLineLength) == 0) {
         geometry.lineLength = geometry.width * geometry.bytesPerPixel();

@@ -84,8 +84,8 @@ enum Given : unsigned {
 };
 
 // Fills the fields not flagged in given with what a panel of geometry.bpp has when
-// nothing else is said: RGB565 for 16 bits, 10/5,5/5,0/5 for 15, 16/8,8/8,0/8 for
-// 24 and 32, pseudo-colour for 8; truecolor otherwise; a line of width * bytes.
+// nothing else is said: the usual layout of the depth (dravik_panel_picture/layout.h),
+// pseudo-colour for 8 bits and truecolor otherwise, a line of width * bytes.
 // Returns false for a depth other than 8, 15, 16, 24 or 32.
 [[nodiscard]] bool applyDepthDefaults(Geometry& geometry, unsigned given);
 

@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 #include "dravik_image/image_file.h"
+#include "dravik_panel_picture/picture.h"
 
 #include "dravik_utils/getopt_table.h"
 #include "panel_files.h"
@@ -149,47 +150,19 @@ bool loadColourMap(const std::string& path, ColourMapRecord& map) {
     return true;
 }
 
-uint32_t readPixel(const uint8_t* at, uint32_t bytes) {
-    uint32_t value = 0;
-    for (uint32_t i = 0; i < bytes; ++i) {
-        value |= static_cast<uint32_t>(at[i]) << (8 * i);
-    }
-    return value;
+dravik::panel::ChannelLayout layoutOf(const fakefb::Channel& channel) {
+    return {channel.offset, channel.length};
 }
 
-uint32_t extract(uint32_t pixel, const fakefb::Channel& channel) {
-    if (channel.length == 0) {
-        return 0;
+dravik::panel::PixelLookup lookupOf(Visual visual) {
+    switch (visual) {
+        case Visual::pseudocolor:
+            return dravik::panel::PixelLookup::palette;
+        case Visual::directcolor:
+            return dravik::panel::PixelLookup::channels;
+        default:
+            return dravik::panel::PixelLookup::direct;
     }
-    const uint64_t mask = (uint64_t{1} << channel.length) - 1;
-    return static_cast<uint32_t>((pixel >> channel.offset) & mask);
-}
-
-uint8_t scaleTo8Bits(uint32_t value, uint32_t length) {
-    if (length == 0) {
-        return 0;
-    }
-    const uint64_t max = (uint64_t{1} << length) - 1;
-    return static_cast<uint8_t>((value * uint64_t{255} + max / 2) / max);
-}
-
-// A colour-map entry is 16 bits; the picture keeps its top 8.
-uint8_t mapEntry(const uint16_t* table, uint32_t index) {
-    return index < fakefb::kCmapEntries ? static_cast<uint8_t>(table[index] >> 8) : 0;
-}
-
-cv::Vec3b decodePixel(const Geometry& geometry, uint32_t pixel, const ColourMapRecord* map) {
-    if (geometry.visual == Visual::pseudocolor) {
-        return {mapEntry(map->blue, pixel), mapEntry(map->green, pixel), mapEntry(map->red, pixel)};
-    }
-    const uint32_t r = extract(pixel, geometry.red);
-    const uint32_t g = extract(pixel, geometry.green);
-    const uint32_t b = extract(pixel, geometry.blue);
-    if (geometry.visual == Visual::directcolor && map != nullptr) {
-        return {mapEntry(map->blue, b), mapEntry(map->green, g), mapEntry(map->red, r)};
-    }
-    return {scaleTo8Bits(b, geometry.blue.length), scaleTo8Bits(g, geometry.green.length),
-            scaleTo8Bits(r, geometry.red.length)};
 }
 
 cv::Mat decodeFrame(const Geometry& geometry, const std::string& data, const ColourMapRecord* map) {
@@ -198,18 +171,15 @@ cv::Mat decodeFrame(const Geometry& geometry, const std::string& data, const Col
                                     " bytes, the frame needs " +
                                     std::to_string(geometry.frameSize())};
     }
-    cv::Mat image(static_cast<int>(geometry.height), static_cast<int>(geometry.width), CV_8UC3);
-    const auto* bytes = reinterpret_cast<const uint8_t*>(data.data());
-    const uint32_t bpp = geometry.bytesPerPixel();
-    for (uint32_t y = 0; y < geometry.height; ++y) {
-        const uint8_t* line = bytes + static_cast<uint64_t>(y) * geometry.lineLength;
-        auto* out = image.ptr<cv::Vec3b>(static_cast<int>(y));
-        for (uint32_t x = 0; x < geometry.width; ++x) {
-            out[x] = decodePixel(geometry, readPixel(line + static_cast<std::size_t>(x) * bpp, bpp),
-                                 map);
-        }
-    }
-    return image;
+    const dravik::panel::PanelMemoryFormat format{
+        geometry.width,         geometry.height,          geometry.bpp,
+        layoutOf(geometry.red), layoutOf(geometry.green), layoutOf(geometry.blue),
+        geometry.lineLength,    lookupOf(geometry.visual)};
+    const dravik::panel::ColourMap colourMap{
+        map != nullptr ? map->red : nullptr, map != nullptr ? map->green : nullptr,
+        map != nullptr ? map->blue : nullptr, fakefb::kCmapEntries};
+    return dravik::panel::panelPicture(format, reinterpret_cast<const unsigned char*>(data.data()),
+                                       map != nullptr ? &colourMap : nullptr);
 }
 
 int snapshot(const Options& options) {

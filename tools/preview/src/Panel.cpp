@@ -1,8 +1,10 @@
 #include "preview/Panel.h"
 
-#include <cstdint>
 #include <cstdio>
 #include <regex>
+
+#include "dravik_panel_picture/layout.h"
+#include "panel_scene.h"
 
 namespace dravik::preview {
 
@@ -11,19 +13,6 @@ namespace {
 // Largest side accepted: far beyond any LCD module, small enough that a frame
 // always fits in memory.
 constexpr unsigned kMaxSide = 4096;
-
-struct DepthLayout {
-    unsigned depth;
-    fb_bitfield red, green, blue;
-};
-
-// The layouts drivers usually report for each depth.
-const DepthLayout kLayouts[] = {
-    {15, {10, 5, 0}, {5, 5, 0}, {0, 5, 0}},
-    {16, {11, 5, 0}, {5, 6, 0}, {0, 5, 0}},
-    {24, {16, 8, 0}, {8, 8, 0}, {0, 8, 0}},
-    {32, {16, 8, 0}, {8, 8, 0}, {0, 8, 0}},
-};
 
 bool toUnsigned(const std::string& digits, unsigned& value) {
     if (digits.empty() || digits.size() > 9) {
@@ -60,19 +49,18 @@ bool parsePanel(const std::string& text, PanelFormat& format, std::string& error
             "its start-up, so it never draws a screen on them";
         return false;
     }
-    for (const DepthLayout& layout : kLayouts) {
-        if (layout.depth == depth) {
-            format.var = {};
-            format.var.xres = width;
-            format.var.yres = height;
-            format.var.xres_virtual = width;
-            format.var.yres_virtual = height;
-            format.var.bits_per_pixel = depth;
-            format.var.red = layout.red;
-            format.var.green = layout.green;
-            format.var.blue = layout.blue;
-            return true;
-        }
+    const panel::DepthLayout* layout = panel::layoutForDepth(depth);
+    if (layout != nullptr) {
+        format.var = {};
+        format.var.xres = width;
+        format.var.yres = height;
+        format.var.xres_virtual = width;
+        format.var.yres_virtual = height;
+        format.var.bits_per_pixel = depth;
+        format.var.red = {layout->red.offset, layout->red.length, 0};
+        format.var.green = {layout->green.offset, layout->green.length, 0};
+        format.var.blue = {layout->blue.offset, layout->blue.length, 0};
+        return true;
     }
     error = "the daemon draws on 15, 16, 24 and 32 bits per pixel, not " + std::to_string(depth);
     return false;
@@ -113,36 +101,9 @@ std::string describe(const PanelFormat& format) {
     return text;
 }
 
-namespace {
-
-uint8_t channelValue(uint32_t pixel, const fb_bitfield& channel) {
-    if (channel.length == 0 || channel.offset >= 32) {
-        return 0;
-    }
-    const uint64_t max = (uint64_t{1} << channel.length) - 1;
-    const uint64_t value = (pixel >> channel.offset) & max;
-    return static_cast<uint8_t>((value * 255 + max / 2) / max);
-}
-
-}  // namespace
-
 cv::Mat panelPicture(const fb_var_screeninfo& var, const unsigned char* memory,
                      unsigned lineLength) {
-    cv::Mat picture(static_cast<int>(var.yres), static_cast<int>(var.xres), CV_8UC3);
-    const unsigned bytes = (var.bits_per_pixel + 7) / 8;
-    for (unsigned y = 0; y < var.yres; ++y) {
-        const unsigned char* at = memory + static_cast<size_t>(y) * lineLength;
-        auto* out = picture.ptr<cv::Vec3b>(static_cast<int>(y));
-        for (unsigned x = 0; x < var.xres; ++x, at += bytes) {
-            uint32_t pixel = 0;
-            for (unsigned i = 0; i < bytes; ++i) {
-                pixel |= static_cast<uint32_t>(at[i]) << (8 * i);
-            }
-            out[x] = {channelValue(pixel, var.blue), channelValue(pixel, var.green),
-                      channelValue(pixel, var.red)};
-        }
-    }
-    return picture;
+    return panel::panelPicture(panel::memoryFormat(var, lineLength), memory);
 }
 
 }  // namespace dravik::preview

@@ -1,12 +1,7 @@
 #include "preview/Renderer.h"
 
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <opencv2/imgproc.hpp>
-
-#include "dravik_utils/utils.h"
 
 namespace dravik::preview {
 
@@ -14,17 +9,9 @@ namespace {
 
 using lcmgui::GuiScreenDesc;
 
-// The main loop services the engine about every 30 ms when no request arrives.
-constexpr uint64_t kTickMs = 30;
 // Where the preview's clock starts; any value above 0 serves, since an
 // animation start of 0 means "nothing animates".
 constexpr uint64_t kClockStart = 1000000;
-
-uint64_t gNow = kClockStart;
-
-uint64_t previewClock() {
-    return gNow;
-}
 
 // The engine's reasons, as plain lines.
 std::vector<std::string> texts(const std::vector<logger::Record>& records) {
@@ -35,47 +22,7 @@ std::vector<std::string> texts(const std::vector<logger::Record>& records) {
     return lines;
 }
 
-bool imageLoaded(const std::vector<logger::Record>& records) {
-    return std::none_of(records.begin(), records.end(),
-                        [](const logger::Record& r) { return r.function == "loadImage"; });
-}
-
-// Where the ticks before `atMs` start. A cycling animation clears and redraws
-// its image's rectangle whole at every change of level, and changes level
-// within any one cycle that has more than one level: ticks before its last two
-// cycles cannot change the picture, and are skipped so that a late time costs
-// no more than an early one.
-uint64_t firstTick(const lcmgui::GuiImgConf& img, uint64_t atMs) {
-    const bool cycles =
-        img.animation == lcmgui::kAnimSlideshow || img.animation == lcmgui::kAnimBreathing;
-    const uint64_t keep = 2 * uint64_t{img.duration};
-    if (!cycles || img.duration == 0 || atMs <= keep + kTickMs) {
-        return kTickMs;
-    }
-    return (atMs - keep) / kTickMs * kTickMs;
-}
-
 }  // namespace
-
-EngineMessages::EngineMessages() {
-    logger::setHook([this](const logger::Record& r) { records_.push_back(r); });
-    (void)fflush(stderr);
-    savedStderr_ = dup(STDERR_FILENO);
-    const int devNull = open("/dev/null", O_WRONLY | O_CLOEXEC);
-    if (devNull >= 0) {
-        (void)dup2(devNull, STDERR_FILENO);
-        close(devNull);
-    }
-}
-
-EngineMessages::~EngineMessages() {
-    (void)fflush(stderr);
-    if (savedStderr_ >= 0) {
-        (void)dup2(savedStderr_, STDERR_FILENO);
-        close(savedStderr_);
-    }
-    logger::setHook(nullptr);
-}
 
 cv::Mat asMounted(const cv::Mat& panel, unsigned rotation) {
     static const std::pair<unsigned, cv::RotateFlags> kBack[] = {
@@ -93,13 +40,9 @@ cv::Mat asMounted(const cv::Mat& panel, unsigned rotation) {
     return panel;
 }
 
-Renderer::Renderer(lcmgui::GuiConfig& config) : gui_(config) {
-    (void)utils::setMsClock(previewClock);  // the system clock is put back on destruction
-}
+Renderer::Renderer(lcmgui::GuiConfig& config) : clock_(kClockStart), gui_(config) {}
 
-Renderer::~Renderer() {
-    (void)utils::setMsClock(nullptr);
-}
+Renderer::~Renderer() = default;
 
 bool Renderer::start(const PanelFormat& format, const std::string& root, std::string& error) {
     gui_.setGuiRoot(root);
@@ -117,25 +60,12 @@ bool Renderer::start(const PanelFormat& format, const std::string& root, std::st
 bool Renderer::render(const GuiScreenDesc& screen, uint64_t atMs, cv::Mat& picture,
                       std::vector<std::string>& messages) {
     EngineMessages log;
-    gNow = kClockStart;
-    if (!gui_.setState(screen, gNow)) {
+    if (!clock_.show(gui_, screen, atMs)) {
         messages = texts(log.records());
         return false;
     }
-    (void)gui_.service();  // the full redraw
-    for (uint64_t t = firstTick(screen.img, atMs); t < atMs; t += kTickMs) {
-        gNow = kClockStart + t;
-        (void)gui_.service();
-    }
-    if (atMs > 0) {
-        gNow = kClockStart + atMs;
-        (void)gui_.service();
-    }
-    picture =
-        asMounted(panelPicture(gui_.panelFormat(), gui_.panelMemory(), gui_.panelLineLength()),
-                  gui_.screenRotation());
+    picture = asMounted(panel::enginePicture(gui_), gui_.screenRotation());
     messages = texts(log.records());
-    imageLoaded_ = imageLoaded(log.records());
     return true;
 }
 
@@ -189,7 +119,7 @@ bool Renderer::renderPeriod(const GuiScreenDesc& screen, std::vector<Frame>& fra
     }
     // An image that does not load leaves the screen still, as on the device.
     const bool animated =
-        screen.img.animation != lcmgui::kAnimStatic && !screen.img.file.empty() && imageLoaded_;
+        screen.img.animation != lcmgui::kAnimStatic && !screen.img.file.empty() && imageShown();
     if (!animated) {
         frames.push_back({"", first});
         return true;

@@ -27,9 +27,9 @@ struct Geometry {
     uint32_t lineLength = 0;  // bytes per line, padding included
     Visual visual = Visual::truecolor;
 
-    // The usual layout of a depth (8, 15, 16, 24 or 32): RGB565 for 16 bits,
-    // 10/5,5/5,0/5 for 15, 16/8,8/8,0/8 for 24 and 32, pseudo-colour for 8, and no
-    // padding. Throws std::invalid_argument for another depth.
+    // The usual layout of a depth (8, 15, 16, 24 or 32; the table is
+    // dravik_panel_picture/layout.h) and no padding. Throws
+    // std::invalid_argument for another depth.
     static Geometry forDepth(uint32_t bpp, uint32_t width, uint32_t height);
 
     uint32_t bytesPerPixel() const { return (bpp + 7) / 8; }

@@ -7,25 +7,20 @@
 
 #include "GuiConfig.h"
 #include "LcmGui.h"
-#include "dravik_logger/logger.h"
+#include "dravik_logger/log_capture.h"
+#include "panel_scene.h"
 #include "preview/Panel.h"
 
 namespace dravik::preview {
 
-// Collects the display engine's log records while it lives, instead of letting
-// them reach standard error; the tools report them in their own words.
+// The display engine's log records while it lives, kept off standard error:
+// the tools report them in their own words.
 class EngineMessages {
 public:
-    EngineMessages();
-    ~EngineMessages();
-    EngineMessages(const EngineMessages&) = delete;
-    EngineMessages& operator=(const EngineMessages&) = delete;
-
-    const std::vector<logger::Record>& records() const { return records_; }
+    const std::vector<logger::Record>& records() const { return capture_.records; }
 
 private:
-    std::vector<logger::Record> records_;
-    int savedStderr_ = -1;
+    logger::LogCapture capture_{logger::LogCapture::kQuiet};
 };
 
 // One picture of a contact sheet and what it shows.
@@ -61,10 +56,13 @@ public:
                       std::vector<std::string>& messages);
 
     lcmgui::LcmGui& engine() { return gui_; }
+    // Whether the last render showed its screen's image (false when the image
+    // did not load, or the screen has none).
+    bool imageShown() const { return gui_.imageShown(); }
 
 private:
+    panel::SceneClock clock_;
     lcmgui::LcmGui gui_;
-    bool imageLoaded_ = false;  // whether the last render loaded its image
 };
 
 // The picture of a panel turned `rotation` degrees clockwise from the screen,
