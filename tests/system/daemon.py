@@ -50,6 +50,28 @@ def wait_for(predicate, timeout=10.0, interval=0.02):
         time.sleep(interval)
 
 
+def settled(daemon, before=None, timeout=10):
+    """The panel once it differs from `before` and has not changed for 0.3 s."""
+    deadline = time.monotonic() + timeout
+    last, still = daemon.panel_bytes(), 0
+    while still < 3:
+        assert time.monotonic() < deadline, "the panel did not settle:\n" + daemon.log()
+        time.sleep(0.1)
+        now = daemon.panel_bytes()
+        still = still + 1 if now == last and now != before else 0
+        last = now
+    return last
+
+
+def status_kb(pid, field, error=KeyError):
+    """A field of /proc/PID/status that is counted in kB (VmRSS, RssAnon, VmHWM,
+    ...); raises `error` when the process has no such field."""
+    with open(f"/proc/{pid}/status") as f:
+        for line in f:
+            if line.startswith(field + ":"):
+                return int(line.split()[1])
+    raise error(f"no {field} for process {pid}")
+
 
 def bus_config(address, policy=None):
     """The private bus's configuration (tests/support/private-bus.conf.in, on
