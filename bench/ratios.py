@@ -56,7 +56,7 @@ SOURCE_DIR = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 sys.path.insert(0, os.path.join(SOURCE_DIR, "tests", "system"))
 
 import dbus  # noqa: E402
-from daemon import HEIGHT, WIDTH, Daemon, PrivateBus, bin_dir  # noqa: E402
+from daemon import HEIGHT, WIDTH, Daemon, PrivateBus, bin_dir, status_kb  # noqa: E402
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 import drm  # noqa: E402
@@ -136,11 +136,7 @@ def cpu_ns(pid):
 
 def resident_kb(pid):
     """VmRSS of a running process, in kB."""
-    with open(f"/proc/{pid}/status") as f:
-        for line in f:
-            if line.startswith("VmRSS:"):
-                return int(line.split()[1])
-    raise RuntimeError(f"no VmRSS for process {pid}")
+    return status_kb(pid, "VmRSS", RuntimeError)
 
 
 def shared_objects(pid):

@@ -51,9 +51,8 @@ sys.path.insert(0, SYSTEM_TESTS)
 import dbus  # noqa: E402
 import load_client  # noqa: E402
 from daemon import BUS_NAME, INTERFACE, OBJECT_PATH, Daemon, PrivateBus, \
-    is_daemon_process, unwrap  # noqa: E402
-from load_client import INVALID_ARGS, NOT_A_DICTIONARY, REJECTED, SCREENS, \
-    WRONG_VALUE_TYPES  # noqa: E402
+    is_daemon_process, status_kb, unwrap  # noqa: E402
+from load_client import SCREENS  # noqa: E402
 from ratios import Panel, resident_kb  # noqa: E402
 
 # Each client waits this long (uniformly drawn, in ms) after an answer before
@@ -279,18 +278,11 @@ class SoakClient(load_client.Client):
                 self.send_without_reply("ShowSimpleScreen", {"text": text_record(rng)})
             self.count("no reply")
         elif pick < 0.85:
-            function = rng.choice(["ShowSomething", "Reboot", "showgui", "ShowGUI"])
-            self.expect_error("unknown function", function, "a{sv}",
-                              (dbus.Dictionary({"guiId": "logo"}, signature="sv"),), {REJECTED})
+            self.unknown_function(["ShowSomething", "Reboot", "showgui", "ShowGUI"])
         elif pick < 0.95:
-            if rng.random() < 0.2:
-                self.empty_body()
-            else:
-                signature, args = rng.choice(NOT_A_DICTIONARY)
-                self.expect_error("not a dictionary", rng.choice(["ShowGui", "ShowSimpleScreen"]),
-                                  signature, args, {INVALID_ARGS})
+            self.not_a_request()
         else:
-            self.expect_reply("wrong value types", "ShowGui", rng.choice(WRONG_VALUE_TYPES), 0)
+            self.wrong_value_types()
 
     def report(self):
         """What happened since the last report, as one JSON line."""
@@ -330,11 +322,7 @@ def client_main(address, client, seed):
 def anonymous_kib(pid):
     """RssAnon of /proc/PID/status: the part of the resident size that is the
     process's own memory (heap, stacks), not pages of files."""
-    with open(f"/proc/{pid}/status") as f:
-        for line in f:
-            if line.startswith("RssAnon:"):
-                return int(line.split()[1])
-    raise Failure(f"no RssAnon for process {pid}")
+    return status_kb(pid, "RssAnon", Failure)
 
 
 def open_descriptors(pid):

@@ -33,7 +33,7 @@ import pytest
 import guest as g
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "system"))
-from daemon import PrivateBus, source_dir, wait_for  # noqa: E402
+from daemon import PrivateBus, bus_config, source_dir, wait_for  # noqa: E402
 from pngs import write_png  # noqa: E402
 
 WIDTH, HEIGHT = 320, 240
@@ -176,7 +176,8 @@ def initrd(work, kernel_tree, images):
         g.write_file(os.path.join(stage, "etc", "dravik-modules-" + module_set),
                      " ".join(n for n, _ in order))
     g.write_file(os.path.join(stage, "etc", "dravik-screens"), " ".join(SCREEN_NAMES))
-    g.write_file(os.path.join(stage, "etc", "dravik-bus.conf"), g.BUS_CONFIG)
+    g.write_file(os.path.join(stage, "etc", "dravik-bus.conf"),
+                 bus_config("unix:path=/run/bus"))
     # The bus daemon looks its user up; the daemon needs the device properties.
     g.write_file(os.path.join(stage, "etc", "passwd"), "root:x:0:0:root:/root:/bin/sh\n")
     g.write_file(os.path.join(stage, "etc", "group"), "root:x:0:\n")

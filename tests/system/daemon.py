@@ -50,31 +50,48 @@ def wait_for(predicate, timeout=10.0, interval=0.02):
         time.sleep(interval)
 
 
-# Anyone may do anything: the bus of tests that are not about its policy.
-PERMISSIVE_POLICY = """
-  <policy context="default">
-    <allow user="*"/>
-    <allow own="*"/>
-    <allow send_type="method_call"/>
-    <allow send_destination="*" eavesdrop="true"/>
-    <allow eavesdrop="true"/>
-  </policy>
-"""
+def settled(daemon, before=None, timeout=10):
+    """The panel once it differs from `before` and has not changed for 0.3 s."""
+    deadline = time.monotonic() + timeout
+    last, still = daemon.panel_bytes(), 0
+    while still < 3:
+        assert time.monotonic() < deadline, "the panel did not settle:\n" + daemon.log()
+        time.sleep(0.1)
+        now = daemon.panel_bytes()
+        still = still + 1 if now == last and now != before else 0
+        last = now
+    return last
 
 
-def bus_config(address, policy):
-    """The private bus's configuration (tests/support/private-bus.conf.in): listening
-    on `address`, with `policy` as its rules."""
+def status_kb(pid, field, error=KeyError):
+    """A field of /proc/PID/status that is counted in kB (VmRSS, RssAnon, VmHWM,
+    ...); raises `error` when the process has no such field."""
+    with open(f"/proc/{pid}/status") as f:
+        for line in f:
+            if line.startswith(field + ":"):
+                return int(line.split()[1])
+    raise error(f"no {field} for process {pid}")
+
+
+def bus_config(address, policy=None):
+    """The private bus's configuration (tests/support/private-bus.conf.in, on
+    which anyone may do anything) listening on `address`. A test about the
+    policy itself gives its own rules as `policy` (<policy> elements, and
+    <include>s of more), which take the place of the file's <policy> element."""
     with open(os.path.join(source_dir(), "tests", "support", "private-bus.conf.in")) as f:
-        template = f.read()
-    return template.replace("@ADDRESS@", address).replace("@POLICY@", policy)
+        config = f.read().replace("@ADDRESS@", address)
+    if policy is not None:
+        start = config.index("  <policy ")
+        end = config.index("</policy>\n", start) + len("</policy>\n")
+        config = config[:start] + policy + config[end:]
+    return config
 
 
 class PrivateBus:
-    """A dbus-daemon of its own, used as the daemon's system bus; `policy` is the
-    XML that says who may do what: <policy> elements, and <include>s of more."""
+    """A dbus-daemon of its own, used as the daemon's system bus, configured by
+    bus_config(): `policy` replaces the open policy of the tests' bus."""
 
-    def __init__(self, directory, policy=PERMISSIVE_POLICY):
+    def __init__(self, directory, policy=None):
         os.makedirs(directory, exist_ok=True)
         config = os.path.join(directory, "bus.conf")
         with open(config, "w") as f:

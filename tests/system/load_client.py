@@ -134,6 +134,25 @@ class Client:
             return
         self.mismatch(["empty body", reply])
 
+    def unknown_function(self, functions):
+        """A call of one of `functions`, which the daemon does not have."""
+        function = self.rng.choice(functions)
+        self.expect_error("unknown function", function, "a{sv}",
+                          (dbus.Dictionary({"guiId": "logo"}, signature="sv"),), {REJECTED})
+
+    def not_a_request(self):
+        """A body that is empty or not one dictionary with string keys."""
+        rng = self.rng
+        if rng.random() < 0.2:
+            self.empty_body()
+        else:
+            signature, args = rng.choice(NOT_A_DICTIONARY)
+            self.expect_error("not a dictionary", rng.choice(["ShowGui", "ShowSimpleScreen"]),
+                              signature, args, {INVALID_ARGS})
+
+    def wrong_value_types(self):
+        self.expect_reply("wrong value types", "ShowGui", self.rng.choice(WRONG_VALUE_TYPES), 0)
+
     def one_call(self, i):
         rng = self.rng
         pick = rng.random()
@@ -158,18 +177,11 @@ class Client:
             self.send_without_reply("ShowSimpleScreen", {"text": text_record(rng)})
             self.count("ShowSimpleScreen no reply")
         elif pick < 0.83:
-            function = rng.choice(["ShowSomething", "Reboot", "showgui"])
-            self.expect_error("unknown function", function, "a{sv}",
-                              (dbus.Dictionary({"guiId": "logo"}, signature="sv"),), {REJECTED})
+            self.unknown_function(["ShowSomething", "Reboot", "showgui"])
         elif pick < 0.93:
-            if rng.random() < 0.2:
-                self.empty_body()
-            else:
-                signature, args = rng.choice(NOT_A_DICTIONARY)
-                self.expect_error("not a dictionary", rng.choice(["ShowGui", "ShowSimpleScreen"]),
-                                  signature, args, {INVALID_ARGS})
+            self.not_a_request()
         else:
-            self.expect_reply("wrong value types", "ShowGui", rng.choice(WRONG_VALUE_TYPES), 0)
+            self.wrong_value_types()
 
     def run(self, calls):
         start = time.monotonic()

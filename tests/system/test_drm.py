@@ -7,7 +7,7 @@ import time
 
 import pytest
 
-from daemon import Daemon, HEIGHT, WIDTH, wait_for
+from daemon import Daemon, HEIGHT, WIDTH, settled, wait_for
 
 FRAME = (0, 0, WIDTH, HEIGHT)
 STATIC_SCREENS = ["hello", "logo", "boot"]
@@ -25,19 +25,6 @@ def dirty_records(daemon):
 def area(clip):
     x1, y1, x2, y2 = clip
     return (x2 - x1) * (y2 - y1)
-
-
-def settled(daemon, before=None, timeout=10):
-    """The panel once it differs from `before` and has not changed for 0.3 s."""
-    deadline = time.monotonic() + timeout
-    last, still = daemon.panel_bytes(), 0
-    while still < 3:
-        assert time.monotonic() < deadline, "the panel did not settle:\n" + daemon.log()
-        time.sleep(0.1)
-        now = daemon.panel_bytes()
-        still = still + 1 if now == last and now != before else 0
-        last = now
-    return last
 
 
 def frames_of(daemon, screens):

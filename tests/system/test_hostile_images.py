@@ -6,7 +6,7 @@ import time
 import dbus
 import pytest
 
-from daemon import HEIGHT, WIDTH, is_daemon_process, wait_for
+from daemon import HEIGHT, WIDTH, is_daemon_process, status_kb, wait_for
 from pngs import solid_png
 
 PREFIX_LINES = ("Image path should start with next prefixes:", "\t\t/usr/etc/gui/", "\t\t/etc/gui/")
@@ -27,14 +27,6 @@ def daemon_pid(daemon):
     pid = daemon.process.pid
     assert is_daemon_process(pid)
     return pid
-
-
-def status_kb(pid, field):
-    with open(f"/proc/{pid}/status") as f:
-        for line in f:
-            if line.startswith(field + ":"):
-                return int(line.split()[1])
-    raise KeyError(field)
 
 
 def image_screen(name, **img):

@@ -8,21 +8,9 @@ import time
 import dbus
 import pytest
 
-from daemon import HEIGHT, WIDTH, Daemon
+from daemon import HEIGHT, WIDTH, Daemon, settled
 
 TURNS = [90, 180, 270]
-
-
-def settled(daemon, timeout=10):
-    deadline = time.monotonic() + timeout
-    last, still = daemon.panel_bytes(), 0
-    while still < 3:
-        assert time.monotonic() < deadline, "the panel did not settle:\n" + daemon.log()
-        time.sleep(0.1)
-        now = daemon.panel_bytes()
-        still = still + 1 if now == last else 0
-        last = now
-    return last
 
 
 def turned(frame, width, height, degrees, bytes_per_pixel=2):

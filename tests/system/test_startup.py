@@ -18,6 +18,27 @@ def daemon_binary():
     return os.path.join(bin_dir(), "dravik_lcm_gui")
 
 
+def using(path):
+    """The log line that names the screens file the daemon reads."""
+    return "Using the following config file: `" + path + "`"
+
+
+def log_once_up(daemon):
+    """Starts the daemon and stops it again; its log."""
+    daemon.start()
+    log = daemon.log()
+    daemon.stop()
+    return log
+
+
+def log_of_failed_start_up(daemon, *args):
+    """Runs the daemon on the example screens with `args` to its end, which
+    must be exit status 255; its log."""
+    daemon.install_example()
+    assert daemon.run(*args) == 255
+    return daemon.log()
+
+
 def test_help_is_printed_and_exits_0_before_anything_else():
     # No bus, no device, no configuration: help must not need any of them.
     env = {k: v for k, v in os.environ.items() if not k.startswith("DBUS_")}
@@ -72,36 +93,30 @@ def test_debug_log_lists_all_candidates_before_the_first_is_tried(daemon):
     assert header < positions[0] < positions[1] < positions[2] < positions[3]
     first_try = log.index("Looking file '/usr/etc/gui/" + SYSID_NAME + "'...")
     assert positions[3] < first_try
-    assert "Using the following config file: `/usr/etc/gui/" + SYSID_NAME + "`" in log
+    assert using("/usr/etc/gui/" + SYSID_NAME) in log
     assert daemon.stop() == 0
 
 
 def test_system_specific_file_wins_in_the_same_directory(daemon):
     daemon.install_example(directory=daemon.etc_gui, name=GENERIC)
     daemon.install_example(directory=daemon.etc_gui, name=SYSID_NAME)
-    daemon.start()
-    assert "Using the following config file: `/etc/gui/" + SYSID_NAME + "`" in daemon.log()
-    daemon.stop()
+    assert using("/etc/gui/" + SYSID_NAME) in log_once_up(daemon)
 
 
 def test_any_file_in_usr_etc_gui_wins_over_etc_gui(daemon):
     daemon.install_example(directory=daemon.etc_gui, name=SYSID_NAME)
     daemon.install_example(directory=daemon.usr_etc_gui, name=GENERIC)
-    daemon.start()
-    assert "Using the following config file: `/usr/etc/gui/" + GENERIC + "`" in daemon.log()
-    daemon.stop()
+    assert using("/usr/etc/gui/" + GENERIC) in log_once_up(daemon)
 
 
 def test_an_invalid_candidate_is_skipped_for_the_next(daemon):
     daemon.install_example(directory=daemon.etc_gui, name=GENERIC)
     daemon.write(os.path.join(daemon.usr_etc_gui, SYSID_NAME), "{\"imgPath\": ")
     daemon.write(os.path.join(daemon.usr_etc_gui, GENERIC), json.dumps({"imgPath": "/etc/gui"}))
-    daemon.start()
-    log = daemon.log()
+    log = log_once_up(daemon)
     assert "Could not read configuration from file '/usr/etc/gui/" + SYSID_NAME + "'" in log
     assert "Could not find key 'screens'" in log
-    assert "Using the following config file: `/etc/gui/" + GENERIC + "`" in log
-    daemon.stop()
+    assert using("/etc/gui/" + GENERIC) in log
 
 
 def test_config_file_option_alone_is_tried(daemon):
@@ -118,7 +133,7 @@ def test_config_file_option_alone_is_tried(daemon):
 def test_config_file_option_loads_that_file(daemon):
     path = daemon.install_example(directory=daemon.etc_gui, name="custom.json")
     daemon.start("--configFile", "/etc/gui/custom.json")
-    assert "Using the following config file: `/etc/gui/custom.json`" in daemon.log()
+    assert using("/etc/gui/custom.json") in daemon.log()
     assert path.endswith("custom.json")
     daemon.stop()
 
@@ -242,7 +257,7 @@ def test_a_screens_file_candidate_that_is_not_a_regular_file_is_passed_over(daem
     assert wait_for(lambda: daemon.lit_pixels() > 50), daemon.log()
     log = daemon.log()
     assert "Could not read configuration from file '/etc/gui/dravik_lcm_gui_sysid_01a2.json'" in log
-    assert "Using the following config file: `/etc/gui/dravik_lcm_gui.json`" in log
+    assert using("/etc/gui/dravik_lcm_gui.json") in log
     daemon.stop()
 
 
@@ -255,16 +270,12 @@ def test_startup_screen_and_brightness_are_shown(daemon):
 
 
 def test_startup_screen_that_does_not_exist_fails_start_up(daemon):
-    daemon.install_example()
-    assert daemon.run("-s", "nosuchscreen") == 255
-    log = daemon.log()
+    log = log_of_failed_start_up(daemon, "-s", "nosuchscreen")
     assert "Could not find gui id 'nosuchscreen'" in log
     assert "Failed to initialize lcmGui" in log
 
 
 def test_missing_panel_device_exits_255(daemon):
-    daemon.install_example()
-    assert daemon.run("-d", "/dev/fb7") == 255
-    log = daemon.log()
+    log = log_of_failed_start_up(daemon, "-d", "/dev/fb7")
     assert "Unable to open /dev/fb7" in log
     assert "Failed to initialize lcmGui" in log

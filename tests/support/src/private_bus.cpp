@@ -13,7 +13,7 @@
 #include <iterator>
 #include <memory>
 #include <stdexcept>
-#include <utility>
+#include <string_view>
 
 #include "dravik_test_support/temp_dir.h"
 
@@ -25,25 +25,12 @@ constexpr const char* kDaemon = "/usr/bin/dbus-daemon";
 constexpr int kAddressFd = 3;
 constexpr int kStartTimeoutMs = 10000;
 
-// Replaces the one `placeholder` of `text` with `value`; false when it is missing.
-bool fillIn(std::string& text, const std::string& placeholder, const std::string& value) {
-    const size_t at = text.find(placeholder);
-    if (at == std::string::npos) {
-        return false;
-    }
-    text.replace(at, placeholder.size(), value);
-    return true;
-}
+// The placeholder of the template that the listening address replaces.
+constexpr std::string_view kAddressPlaceholder = "@ADDRESS@";
 
 }  // namespace
 
-const char* const kOpenBusPolicy = R"(  <policy context="default">
-    <allow own="*"/>
-    <allow send_destination="*"/>
-    <allow receive_sender="*"/>
-  </policy>)";
-
-PrivateBus::PrivateBus(std::string policy) : policy_(std::move(policy)) {}
+PrivateBus::PrivateBus() = default;
 
 bool PrivateBus::DaemonInstalled() {
     return access(kDaemon, X_OK) == 0;
@@ -85,11 +72,12 @@ bool PrivateBus::Start(std::string& why) {
 bool PrivateBus::writeConfig(std::string& why) {
     std::ifstream in(DRAVIK_PRIVATE_BUS_TEMPLATE);
     std::string text{std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-    if (!fillIn(text, "@ADDRESS@", "unix:path=" + dir_->file("bus")) ||
-        !fillIn(text, "@POLICY@", policy_)) {
+    const size_t at = text.find(kAddressPlaceholder);
+    if (at == std::string::npos) {
         why = std::string("cannot read the bus configuration ") + DRAVIK_PRIVATE_BUS_TEMPLATE;
         return false;
     }
+    text.replace(at, kAddressPlaceholder.size(), "unix:path=" + dir_->file("bus"));
     try {
         config_ = dir_->write("bus.conf", text);
     } catch (const std::runtime_error& e) {

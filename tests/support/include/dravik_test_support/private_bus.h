@@ -9,18 +9,14 @@ namespace dravik::testsupport {
 
 class TempDir;
 
-// The policy of a bus on which anyone may own every name and send and receive
-// everything.
-extern const char* const kOpenBusPolicy;
-
 // A dbus-daemon of the test's own, listening on a socket in a temporary
-// directory, configured from tests/support/private-bus.conf.in with `policy`
-// (the <policy> elements). Start() points DBUS_SYSTEM_BUS_ADDRESS and
-// DBUS_SESSION_BUS_ADDRESS at it; the destructor stops it and removes the
-// directory.
+// directory, configured from tests/support/private-bus.conf.in: anyone may own
+// every name and send and receive everything. Start() points
+// DBUS_SYSTEM_BUS_ADDRESS and DBUS_SESSION_BUS_ADDRESS at it; the destructor
+// stops it and removes the directory.
 class PrivateBus {
 public:
-    explicit PrivateBus(std::string policy = kOpenBusPolicy);
+    PrivateBus();
     ~PrivateBus();
     PrivateBus(const PrivateBus&) = delete;
     PrivateBus& operator=(const PrivateBus&) = delete;
@@ -39,7 +35,6 @@ private:
     bool spawn(std::string& why);
     bool readAddress(int fd, std::string& why);
 
-    std::string policy_;
     std::unique_ptr<TempDir> dir_;
     std::string config_;
     std::string address_;
