@@ -20,16 +20,34 @@ using fakefb::test::ToolResult;
 
 constexpr const char* kDevice = "/dev/fakefb-run-test";
 
-// Runs the probe on the given devices under fakefb-run with the given panel options.
-ToolResult runProbe(const std::vector<std::string>& options,
-                    const std::vector<std::string>& probeArgs,
+// Runs fakefb-run with the given options, then `command` after "--".
+ToolResult runUnder(const std::vector<std::string>& options,
+                    const std::vector<std::string>& command,
                     const std::vector<std::pair<std::string, std::string>>& env = {}) {
     std::vector<std::string> args = {FAKEFB_RUN};
     args.insert(args.end(), options.begin(), options.end());
     args.push_back("--");
-    args.push_back(FAKEFB_PROBE);
-    args.insert(args.end(), probeArgs.begin(), probeArgs.end());
+    args.insert(args.end(), command.begin(), command.end());
     return runTool(args, env);
+}
+
+// Runs the probe on the given devices under fakefb-run with the given panel options.
+ToolResult runProbe(const std::vector<std::string>& options,
+                    const std::vector<std::string>& probeArgs,
+                    const std::vector<std::pair<std::string, std::string>>& env = {}) {
+    std::vector<std::string> command = {FAKEFB_PROBE};
+    command.insert(command.end(), probeArgs.begin(), probeArgs.end());
+    return runUnder(options, command, env);
+}
+
+// fakefb-run with `args`, refused with status 2 and `message` on standard error.
+ToolResult expectRefused(const std::vector<std::string>& args, const char* message) {
+    std::vector<std::string> all = {FAKEFB_RUN};
+    all.insert(all.end(), args.begin(), args.end());
+    ToolResult result = runTool(all);
+    EXPECT_EQ(result.status, 2);
+    EXPECT_NE(result.err.find(message), std::string::npos) << result.err;
+    return result;
 }
 
 TEST(FakefbRun, help_lists_every_option) {
@@ -59,11 +77,7 @@ TEST(FakefbRun, bad_options_are_reported_with_status_2) {
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.message);
-        std::vector<std::string> args = {FAKEFB_RUN};
-        args.insert(args.end(), row.args.begin(), row.args.end());
-        const ToolResult result = runTool(args);
-        EXPECT_EQ(result.status, 2);
-        EXPECT_NE(result.err.find(row.message), std::string::npos) << result.err;
+        const ToolResult result = expectRefused(row.args, row.message);
         EXPECT_NE(result.err.find("Try 'fakefb-run --help'"), std::string::npos);
     }
 }
@@ -201,11 +215,9 @@ TEST(FakefbRun, finds_its_library_in_an_installed_layout) {
 // Runs the DRM probe on device under fakefb-run with the given panel options.
 ToolResult runDrmProbe(const std::vector<std::string>& options, const std::string& device,
                        const std::vector<std::string>& probeArgs = {}) {
-    std::vector<std::string> args = {FAKEFB_RUN};
-    args.insert(args.end(), options.begin(), options.end());
-    args.insert(args.end(), {"--", FAKEFB_DRM_PROBE, device});
-    args.insert(args.end(), probeArgs.begin(), probeArgs.end());
-    return runTool(args);
+    std::vector<std::string> command = {FAKEFB_DRM_PROBE, device};
+    command.insert(command.end(), probeArgs.begin(), probeArgs.end());
+    return runUnder(options, command);
 }
 
 std::vector<std::string> damageKinds(const std::string& file) {
@@ -243,11 +255,7 @@ TEST(FakefbRun, bad_drm_options_are_reported_with_status_2) {
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.message);
-        std::vector<std::string> args = {FAKEFB_RUN};
-        args.insert(args.end(), row.args.begin(), row.args.end());
-        const ToolResult result = runTool(args);
-        EXPECT_EQ(result.status, 2);
-        EXPECT_NE(result.err.find(row.message), std::string::npos) << result.err;
+        (void)expectRefused(row.args, row.message);  // status and message are the whole check
     }
 }
 

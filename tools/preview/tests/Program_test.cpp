@@ -10,6 +10,7 @@
 #include <opencv2/core.hpp>
 #include <string>
 #include "dravik_image/image_file.h"
+#include "dravik_test_support/command_line.h"
 
 #include "MistakesRoot.h"
 
@@ -86,11 +87,8 @@ TEST_F(ProgramTest, help_reads_like_a_manual_page) {
     }
 }
 
-TEST_F(ProgramTest, a_bad_command_line_exits_64_with_the_reason) {
-    const struct {
-        const char* arguments;
-        const char* reason;
-    } cases[] = {
+TEST_F(ProgramTest, a_bad_command_line_exits_2_with_the_reason) {
+    const dravik::testsupport::TextCase cases[] = {
         {"", "expected one screens file"},
         {"a.json", "--out DIR is required"},
         {"--panel 240x240x8 --out x a.json", "ends its start-up"},
@@ -102,12 +100,11 @@ TEST_F(ProgramTest, a_bad_command_line_exits_64_with_the_reason) {
         {"--json --out x a.json", "--json goes with --check"},
         {"--bogus a.json", "unrecognized option"},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.arguments);
-        const Outcome r = run(c.arguments);
-        EXPECT_EQ(r.status, 64);
-        EXPECT_NE(r.out.find(c.reason), std::string::npos) << r.out;
-    }
+    dravik::testsupport::forEachCase(cases, [](const char* arguments, const char* reason) {
+        const Outcome r = run(arguments);
+        EXPECT_EQ(r.status, 2);
+        EXPECT_NE(r.out.find(reason), std::string::npos) << r.out;
+    });
 }
 
 TEST_F(ProgramTest, check_exits_0_on_the_examples) {
