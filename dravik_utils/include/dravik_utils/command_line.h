@@ -10,6 +10,7 @@
 #include <cstddef>
 #include <cstdio>
 #include <string>
+#include <utility>
 
 #include "dravik_utils/getopt_table.h"
 
@@ -27,15 +28,20 @@ struct UsageError {
 
 // What a tool's parser made of its command line; the tool's main acts on it.
 struct ParseOutcome {
-    enum Kind { kRun, kHelp, kUsageError } kind = kRun;
+    enum Kind { kRun, kHelp, kUsageError };
+    // Implicit, so that a parser may return a bare Kind.
+    ParseOutcome(Kind kind = kRun, std::string message = {})
+        : kind(kind), message(std::move(message)) {}
+
+    Kind kind;
     std::string message;  // kUsageError: why ("" when getopt_long has said it)
 };
 
-// The outcome of read(), which returns kRun or kHelp, or throws UsageError.
+// The outcome of read(), which returns one, or a Kind, or throws UsageError.
 template <typename Read>
 ParseOutcome catchUsageError(Read read) {
     try {
-        return {read(), {}};
+        return read();
     } catch (const UsageError& error) {
         return {ParseOutcome::kUsageError, error.message};
     }
@@ -106,13 +112,15 @@ inline void reportUsageError(const Tool& tool, const char* argv0, const std::str
     std::fprintf(stderr, "Try '%s --help' for more information.\n", prog);
 }
 
-// The main of every tool: parse(argc, argv, options) reads the command line;
-// --help prints the help and exits 0, a usage error is reported and exits
-// kExitUsage, and otherwise the exit status is run(options)'s.
+// The main of every tool: parse(argc, argv, options) reads the command line,
+// returning a ParseOutcome or a Kind, or throwing UsageError; --help prints the
+// help and exits 0, a usage error is reported and exits kExitUsage, and
+// otherwise the exit status is run(options)'s.
 template <typename Options, typename Parse, typename Run>
 int toolMain(const Tool& tool, int argc, char** argv, Parse parse, Run run) {
     Options options;
-    const ParseOutcome outcome = parse(argc, argv, options);
+    const ParseOutcome outcome =
+        catchUsageError([&]() -> ParseOutcome { return parse(argc, argv, options); });
     switch (outcome.kind) {
         case ParseOutcome::kRun:
             break;

@@ -179,7 +179,7 @@ void parseOrientationOption(const char* arg, PanelArgs& panel) {
 
 // One command-line option. The panel options set a part of the panel being
 // described (and throw UsageError for a value they cannot take); --panel and
-// --help have none, parseCommandLine handles them.
+// --help have none, readCommandLine handles them.
 using OptionRow = dravik::utils::OptionRow<PanelArgs>;
 
 const OptionRow kOptionRows[] = {
@@ -279,12 +279,12 @@ struct Invocation {
 
 ParseOutcome::Kind readCommandLine(int argc, char** argv, Invocation& inv) {
     PanelArgs current;
-    // '+': stop at the first word that is not an option, which begins the command.
-    const auto next = [&](int) {  // --panel
+    const auto nextPanel = [&](int /*'p'*/) {
         inv.panels.push_back(finishPanel(current));
         current = PanelArgs{};
     };
-    if (dravik::utils::readOptions(argc, argv, kOptionRows, current, next, "+") ==
+    // '+': stop at the first word that is not an option, which begins the command.
+    if (dravik::utils::readOptions(argc, argv, kOptionRows, current, nextPanel, "+") ==
         ParseOutcome::kHelp) {
         return ParseOutcome::kHelp;
     }
@@ -296,10 +296,6 @@ ParseOutcome::Kind readCommandLine(int argc, char** argv, Invocation& inv) {
     inv.command.assign(argv + optind, argv + argc);
     inv.command.push_back(nullptr);
     return ParseOutcome::kRun;
-}
-
-ParseOutcome parseCommandLine(int argc, char** argv, Invocation& inv) {
-    return dravik::utils::catchUsageError([&] { return readCommandLine(argc, argv, inv); });
 }
 
 // The library lies in ../lib next to bin/, in the build tree and when installed.
@@ -407,5 +403,5 @@ int run(const Invocation& inv) {
 
 int main(int argc, char** argv) {
     return dravik::utils::toolMain<Invocation>({"fakefb-run", dravik::utils::printText<kHelp>},
-                                               argc, argv, parseCommandLine, run);
+                                               argc, argv, readCommandLine, run);
 }

@@ -103,10 +103,6 @@ ParseOutcome::Kind readCommandLine(int argc, char** argv, Options& options) {
     return ParseOutcome::kRun;
 }
 
-ParseOutcome parseCommandLine(int argc, char** argv, Options& options) {
-    return dravik::utils::catchUsageError([&] { return readCommandLine(argc, argv, options); });
-}
-
 Geometry loadGeometry(const std::string& path) {
     std::string text;
     if (!fakefb::readWholeFile(path, text)) {
@@ -244,5 +240,5 @@ int run(const Options& options) {
 
 int main(int argc, char** argv) {
     return dravik::utils::toolMain<Options>({"fakefb-snapshot", dravik::utils::printText<kHelp>},
-                                            argc, argv, parseCommandLine, run);
+                                            argc, argv, readCommandLine, run);
 }

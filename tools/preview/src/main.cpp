@@ -221,10 +221,6 @@ ParseOutcome::Kind readCommandLine(int argc, char** argv, Options& options) {
     return ParseOutcome::kRun;
 }
 
-ParseOutcome parseCommandLine(int argc, char** argv, Options& options) {
-    return dravik::utils::catchUsageError([&] { return readCommandLine(argc, argv, options); });
-}
-
 int check(const Options& options) {
     const auto findings = dravik::preview::checkScreensFile(
         options.file, {options.panel, options.root, options.rotation});
@@ -379,6 +375,6 @@ int run(const Options& options, const char* argv0) {
 
 int main(int argc, char** argv) {
     return dravik::utils::toolMain<Options>(
-        {nullptr, dravik::utils::printText<kHelp>}, argc, argv, parseCommandLine,
+        {nullptr, dravik::utils::printText<kHelp>}, argc, argv, readCommandLine,
         [argv](const Options& options) { return run(options, argv[0]); });
 }
