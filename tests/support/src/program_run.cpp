@@ -26,7 +26,8 @@ namespace {
         }
     }
     std::vector<std::string> words;
-    std::istringstream split(getenv("DRAVIK_EMULATOR") != nullptr ? getenv("DRAVIK_EMULATOR") : "");
+    const char* emulator = getenv("DRAVIK_EMULATOR");
+    std::istringstream split(emulator != nullptr ? emulator : "");
     for (std::string word; split >> word;) {
         words.push_back(word);
     }
