@@ -3,12 +3,13 @@
 #include <getopt.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <limits>
 #include <string>
 #include <vector>
+
+#include "dravik_utils/decimal.h"
 
 namespace dravik::variant {
 
@@ -100,17 +101,14 @@ const Option* findByValue(const std::vector<Option>& options, int value) {
 // A decimal integer taking the whole argument, stored as 32 bits when it
 // fits. Returns why the text is refused, or nullptr.
 const char* parseInteger(const char* text, Variant& value) {
-    if (!(*text == '-' || *text == '+' || (*text >= '0' && *text <= '9'))) {
-        return "is not a decimal integer";  // strtoll would skip leading blanks
-    }
-    char* end = nullptr;
-    errno = 0;
-    const long long number = std::strtoll(text, &end, 10);
-    if (end == text || *end != '\0') {
-        return "is not a decimal integer";
-    }
-    if (errno == ERANGE) {
-        return "is out of range";
+    long long number = 0;
+    switch (dravik::utils::parseDecimal(text, number)) {
+        case dravik::utils::DecimalProblem::kNone:
+            break;
+        case dravik::utils::DecimalProblem::kNotDecimal:
+            return "is not a decimal integer";
+        case dravik::utils::DecimalProblem::kOutOfRange:
+            return "is out of range";
     }
     if (number >= std::numeric_limits<int>::min() && number <= std::numeric_limits<int>::max()) {
         value = static_cast<int>(number);

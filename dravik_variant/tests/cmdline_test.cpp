@@ -2,10 +2,11 @@
 
 #include <gtest/gtest.h>
 
-#include <initializer_list>
 #include <limits>
 #include <string>
 #include <vector>
+
+#include "dravik_test_support/command_line.h"
 
 namespace {
 
@@ -32,14 +33,12 @@ struct Parse {
     std::string errors;  // what the parser wrote to standard error
 };
 
-Parse parse(std::initializer_list<const char*> words) {
-    std::vector<const char*> argv{"dravik_lcm_gui"};
-    argv.insert(argv.end(), words.begin(), words.end());
+Parse parse(const std::vector<const char*>& words) {
+    dravik::testsupport::Argv argv("dravik_lcm_gui", words);
     Variant definitions = daemonDefinitions();
     Parse outcome;
     ::testing::internal::CaptureStderr();
-    outcome.ok =
-        ParseCommandLine(static_cast<int>(argv.size()), argv.data(), definitions, outcome.result);
+    outcome.ok = ParseCommandLine(argv.argc(), argv.constArgv(), definitions, outcome.result);
     outcome.errors = ::testing::internal::GetCapturedStderr();
     return outcome;
 }
@@ -129,14 +128,9 @@ TEST(ParseCommandLine, integers_are_parsed_strictly) {
     };
     for (const Row& row : rows) {
         SCOPED_TRACE(row.words.back());
-        std::vector<const char*> argv{"prog"};
-        argv.insert(argv.end(), row.words.begin(), row.words.end());
-        Variant definitions = daemonDefinitions();
-        Variant result;
-        EXPECT_TRUE(
-            ParseCommandLine(static_cast<int>(argv.size()), argv.data(), definitions, result));
-        const Variant* value =
-            result.GetKeyChain(vt::kNumericPattern, "parameters/brightness", false);
+        const Parse p = parse(row.words);
+        EXPECT_TRUE(p.ok);
+        const Variant* value = param(p, "brightness", vt::kNumericPattern);
         ASSERT_NE(value, nullptr);
         EXPECT_EQ(value->Type(), row.tag);
         EXPECT_EQ(value->AsInt64(), row.value);
@@ -144,10 +138,7 @@ TEST(ParseCommandLine, integers_are_parsed_strictly) {
 }
 
 TEST(ParseCommandLine, bad_integers_are_reported_and_left_out) {
-    struct Row {
-        const char* text;
-        const char* reason;
-    } rows[] = {
+    const dravik::testsupport::TextCase rows[] = {
         {"abc", "is not a decimal integer"},
         {"12x", "is not a decimal integer"},
         {"", "is not a decimal integer"},
@@ -158,17 +149,15 @@ TEST(ParseCommandLine, bad_integers_are_reported_and_left_out) {
         {"99999999999999999999", "is out of range"},
         {"-99999999999999999999", "is out of range"},
     };
-    for (const Row& row : rows) {
-        SCOPED_TRACE(row.text);
-        const Parse p = parse({"-d", "/dev/fb0", "-b", row.text});
+    dravik::testsupport::forEachCase(rows, [](const char* text, const char* reason) {
+        const Parse p = parse({"-d", "/dev/fb0", "-b", text});
         EXPECT_FALSE(p.ok);
         EXPECT_EQ(param(p, "brightness"), nullptr);
         EXPECT_NE(param(p, "device"), nullptr);  // what did parse is kept
-        EXPECT_NE(
-            p.errors.find(std::string("option '--brightness': '") + row.text + "' " + row.reason),
-            std::string::npos)
+        EXPECT_NE(p.errors.find(std::string("option '--brightness': '") + text + "' " + reason),
+                  std::string::npos)
             << p.errors;
-    }
+    });
 }
 
 TEST(ParseCommandLine, unknown_options_are_reported) {
@@ -183,15 +172,9 @@ TEST(ParseCommandLine, unknown_options_are_reported) {
     };
     for (const Row& row : rows) {
         SCOPED_TRACE(row.message);
-        std::vector<const char*> argv{"prog"};
-        argv.insert(argv.end(), row.words.begin(), row.words.end());
-        Variant definitions = daemonDefinitions();
-        Variant result;
-        ::testing::internal::CaptureStderr();
-        EXPECT_FALSE(
-            ParseCommandLine(static_cast<int>(argv.size()), argv.data(), definitions, result));
-        const std::string errors = ::testing::internal::GetCapturedStderr();
-        EXPECT_NE(errors.find(row.message), std::string::npos) << errors;
+        const Parse p = parse(row.words);
+        EXPECT_FALSE(p.ok);
+        EXPECT_NE(p.errors.find(row.message), std::string::npos) << p.errors;
     }
 }
 

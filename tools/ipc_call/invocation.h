@@ -9,15 +9,16 @@
 #include <set>
 #include <string>
 
+#include "dravik_utils/command_line.h"
 #include "dravik_variant/variant.h"
 
-namespace ipc_call {
+namespace dravik::ipccall {
 
 // Exit statuses, documented in --help.
 enum Exit {
     kOk = 0,
     kStatusNotZero = 1,
-    kUsage = 2,
+    kUsage = dravik::utils::kExitUsage,
     kBusError = 3,
     kNoBus = 4,
 };
@@ -46,16 +47,11 @@ struct Invocation {
         dravik::variant::Variant::MakeContainer(dravik::variant::kObject);
 };
 
-enum class Parsed {
-    kRun,       // `invocation` holds the call to make
-    kHelp,      // --help: print the usage on standard output
-    kBadUsage,  // print the usage on standard error (getopt has named a bad option)
-    kBadValue,  // print `error` on standard error
-};
-
 // Reads the options and operands of a whole command line (argv[0] is the
-// program). getopt_long's state is reset first, so it may be called again.
-Parsed ParseCommandLine(int argc, char* const argv[], Invocation& invocation, std::string& error);
+// program). A usage error without a message means that getopt_long has named a
+// bad option or that the operands do not fit the form, for which ipc_call shows
+// its usage. getopt_long's state is reset first, so it may be called again.
+dravik::utils::ParseOutcome ParseCommandLine(int argc, char* const argv[], Invocation& invocation);
 
 // The exit status for a response: kOk when "statusCode" is 0 or absent.
 int ExitStatusOf(const dravik::variant::Variant& response);
@@ -64,4 +60,4 @@ int ExitStatusOf(const dravik::variant::Variant& response);
 // sorted; none when the interface is not there.
 std::set<std::string> FunctionsIn(const std::string& xml, const std::string& interfaceName);
 
-}  // namespace ipc_call
+}  // namespace dravik::ipccall

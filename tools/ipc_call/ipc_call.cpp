@@ -16,18 +16,9 @@ using dravik::ipc::BusError;
 using dravik::ipc::BusHandle;
 using dravik::ipc::MessageHandle;
 using dravik::variant::Variant;
-using ipc_call::Invocation;
-using ipc_call::Parsed;
 
+namespace dravik::ipccall {
 namespace {
-
-using ipc_call::kBusError;
-using ipc_call::kDaemon;
-using ipc_call::kDefaultShowTextSize;
-using ipc_call::kDefaultTimeoutMs;
-using ipc_call::kNoBus;
-using ipc_call::kOk;
-using ipc_call::kUsage;
 
 void usage(FILE* out, const char* prog) {
     fprintf(
@@ -129,7 +120,7 @@ int listFunctions(sd_bus* bus, const std::string& process) {
         fprintf(stderr, "ipc_call: the introspection reply holds no XML\n");
         return kBusError;
     }
-    for (const auto& name : ipc_call::FunctionsIn(xml, Ipc::kInterface)) {
+    for (const auto& name : FunctionsIn(xml, Ipc::kInterface)) {
         printf("%s\n", name.c_str());
     }
     return kOk;
@@ -183,7 +174,7 @@ int callAndPrint(sd_bus* bus, sd_bus_message* message, const Invocation& o) {
         return kBusError;
     }
     printf("%s\n", response.ToJSON(o.indent).c_str());
-    return ipc_call::ExitStatusOf(response);
+    return ExitStatusOf(response);
 }
 
 int call(sd_bus* bus, const Invocation& o) {
@@ -194,28 +185,20 @@ int call(sd_bus* bus, const Invocation& o) {
     return o.noReply ? sendWithoutReply(bus, message.get()) : callAndPrint(bus, message.get(), o);
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
-    Invocation invocation;
-    std::string error;
-    switch (ipc_call::ParseCommandLine(argc, argv, invocation, error)) {
-        case Parsed::kRun:
-            break;
-        case Parsed::kHelp:
-            usage(stdout, argv[0]);
-            return kOk;
-        case Parsed::kBadUsage:
-            usage(stderr, argv[0]);
-            return kUsage;
-        case Parsed::kBadValue:
-            fprintf(stderr, "ipc_call: %s\n", error.c_str());
-            return kUsage;
-    }
+int run(const Invocation& invocation) {
     const BusHandle bus = connect(invocation);
     if (!bus) {
         return kNoBus;
     }
     return invocation.list ? listFunctions(bus.get(), invocation.process)
                            : call(bus.get(), invocation);
+}
+
+}  // namespace
+}  // namespace dravik::ipccall
+
+int main(int argc, char** argv) {
+    namespace ipccall = dravik::ipccall;
+    return dravik::utils::toolMain<ipccall::Invocation>(
+        {"ipc_call", ipccall::usage, true}, argc, argv, ipccall::ParseCommandLine, ipccall::run);
 }

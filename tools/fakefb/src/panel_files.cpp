@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "dravik_panel_picture/layout.h"
+#include "dravik_utils/decimal.h"
 
 namespace fakefb {
 namespace {
@@ -501,17 +502,7 @@ int formatDesc(const PanelDesc& panelDesc, char* buf, std::size_t bufLen) {
 }
 
 bool parseUnsigned(const char* text, uint32_t& value) {
-    if (text[0] < '0' || text[0] > '9') {
-        return false;
-    }
-    errno = 0;
-    char* end = nullptr;
-    const unsigned long parsed = strtoul(text, &end, 10);
-    if (errno != 0 || *end != '\0' || parsed > 0xFFFFFFFFul) {
-        return false;
-    }
-    value = static_cast<uint32_t>(parsed);
-    return true;
+    return dravik::utils::isDecimal(text, value);
 }
 
 bool parseVisual(const char* name, Visual& visual) {

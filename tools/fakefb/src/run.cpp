@@ -13,22 +13,21 @@
 #include <string>
 #include <vector>
 
+#include "dravik_utils/command_line.h"
 #include "dravik_utils/file_descriptor.h"
-#include "dravik_utils/getopt_table.h"
 #include "panel_files.h"
 #include "tool_support.h"
 
 namespace {
 
-using dravik::utils::GetoptTables;
-using dravik::utils::getoptTables;
+using dravik::utils::ParseOutcome;
+using dravik::utils::UsageError;
 
 namespace fs = std::filesystem;
 using fakefb::Geometry;
 using fakefb::Join;
 using fakefb::PanelDesc;
 
-constexpr int kUsageError = 2;
 constexpr int kCannotRun = 127;
 
 const char kHelp[] =
@@ -94,10 +93,6 @@ struct PanelArgs {
         geometry.height = 240;
         geometry.bpp = 16;
     }
-};
-
-struct UsageError {
-    std::string message;
 };
 
 void parseSize(const std::string& text, Geometry& geometry) {
@@ -184,7 +179,7 @@ void parseOrientationOption(const char* arg, PanelArgs& panel) {
 
 // One command-line option. The panel options set a part of the panel being
 // described (and throw UsageError for a value they cannot take); --panel and
-// --help have none, parseCommandLine handles them.
+// --help have none, readCommandLine handles them.
 using OptionRow = dravik::utils::OptionRow<PanelArgs>;
 
 const OptionRow kOptionRows[] = {
@@ -227,13 +222,6 @@ const OptionRow kOptionRows[] = {
     {"panel", 'p', false, nullptr},
     {"help", 'h', false, nullptr},
 };
-
-void applyOption(int opt, const char* arg, PanelArgs& panel) {
-    if (dravik::utils::applyOptionRow(kOptionRows, opt, arg, panel) ==
-        dravik::utils::OptionOutcome::kUnknown) {
-        throw UsageError{""};  // getopt_long has described the problem
-    }
-}
 
 void copyInto(char (&field)[fakefb::kPathMax], const std::string& path, const char* what) {
     if (!fakefb::storePath(field, path)) {
@@ -287,27 +275,18 @@ void checkDistinct(const std::vector<PanelDesc>& panels) {
 struct Invocation {
     std::vector<PanelDesc> panels;
     std::vector<char*> command;
-    bool help = false;
 };
 
-Invocation parseCommandLine(int argc, char** argv) {
-    Invocation inv;
+ParseOutcome::Kind readCommandLine(int argc, char** argv, Invocation& inv) {
     PanelArgs current;
+    const auto nextPanel = [&](int /*'p'*/) {
+        inv.panels.push_back(finishPanel(current));
+        current = PanelArgs{};
+    };
     // '+': stop at the first word that is not an option, which begins the command.
-    const GetoptTables tables = getoptTables(kOptionRows, "+");
-    int opt = 0;
-    while ((opt = getopt_long(argc, argv, tables.shortOptions.c_str(), tables.longOptions.data(),
-                              nullptr)) != -1) {
-        if (opt == 'h') {
-            inv.help = true;
-            return inv;
-        }
-        if (opt == 'p') {
-            inv.panels.push_back(finishPanel(current));
-            current = PanelArgs{};
-            continue;
-        }
-        applyOption(opt, optarg, current);
+    if (dravik::utils::readOptions(argc, argv, kOptionRows, current, nextPanel, "+") ==
+        ParseOutcome::kHelp) {
+        return ParseOutcome::kHelp;
     }
     inv.panels.push_back(finishPanel(current));
     checkDistinct(inv.panels);
@@ -316,7 +295,7 @@ Invocation parseCommandLine(int argc, char** argv) {
     }
     inv.command.assign(argv + optind, argv + argc);
     inv.command.push_back(nullptr);
-    return inv;
+    return ParseOutcome::kRun;
 }
 
 // The library lies in ../lib next to bin/, in the build tree and when installed.
@@ -423,18 +402,6 @@ int run(const Invocation& inv) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    try {
-        const Invocation inv = parseCommandLine(argc, argv);
-        if (inv.help) {
-            fputs(kHelp, stdout);
-            return 0;
-        }
-        return run(inv);
-    } catch (const UsageError& error) {
-        if (!error.message.empty()) {
-            fprintf(stderr, "fakefb-run: %s\n", error.message.c_str());
-        }
-        fprintf(stderr, "Try 'fakefb-run --help' for more information.\n");
-        return kUsageError;
-    }
+    return dravik::utils::toolMain<Invocation>({"fakefb-run", dravik::utils::printText<kHelp>},
+                                               argc, argv, readCommandLine, run);
 }

@@ -12,20 +12,19 @@
 #include "dravik_image/image_file.h"
 #include "dravik_panel_picture/picture.h"
 
-#include "dravik_utils/getopt_table.h"
+#include "dravik_utils/command_line.h"
 #include "panel_files.h"
 #include "tool_support.h"
 
 namespace {
 
-using dravik::utils::GetoptTables;
-using dravik::utils::getoptTables;
+using dravik::utils::ParseOutcome;
+using dravik::utils::UsageError;
 
 using fakefb::ColourMapRecord;
 using fakefb::Geometry;
 using fakefb::Visual;
 
-constexpr int kUsageError = 2;
 constexpr int kFailure = 1;
 constexpr uint32_t kMaxScale = 64;
 
@@ -54,18 +53,17 @@ struct Options {
     std::string cmap;
     std::string input;
     std::string output;
-    bool help = false;
 };
 
+// A snapshot that cannot be taken: the tool says why and exits kFailure.
 struct Failure {
-    int status;
     std::string message;
 };
 
 uint32_t parseScale(const char* text) {
     uint32_t value = 0;
     if (!fakefb::parseUnsigned(text, value) || value < 1 || value > kMaxScale) {
-        throw Failure{kUsageError, std::string("bad --scale \"") + text + "\": expected 1..64"};
+        throw UsageError{std::string("bad --scale \"") + text + "\": expected 1..64"};
     }
     return value;
 }
@@ -73,8 +71,7 @@ uint32_t parseScale(const char* text) {
 uint32_t parseMounted(const char* text) {
     uint32_t value = 0;
     if (!fakefb::parseUnsigned(text, value) || value % 90 != 0 || value > 270) {
-        throw Failure{kUsageError,
-                      std::string("bad --mounted \"") + text + "\": expected 0, 90, 180 or 270"};
+        throw UsageError{std::string("bad --mounted \"") + text + "\": expected 0, 90, 180 or 270"};
     }
     return value;
 }
@@ -89,28 +86,12 @@ const OptionRow kOptionRows[] = {
     {"help", 'h', false, nullptr},
 };
 
-// Applies one option found by getopt_long; false for --help.
-bool applyOption(int opt, const char* arg, Options& options) {
-    const auto outcome = dravik::utils::applyOptionRow(kOptionRows, opt, arg, options);
-    if (outcome == dravik::utils::OptionOutcome::kUnknown) {
-        throw Failure{kUsageError, ""};  // getopt_long has described the problem
-    }
-    return outcome == dravik::utils::OptionOutcome::kApplied;
-}
-
-Options parseCommandLine(int argc, char** argv) {
-    Options options;
-    const GetoptTables tables = getoptTables(kOptionRows);
-    int opt = 0;
-    while ((opt = getopt_long(argc, argv, tables.shortOptions.c_str(), tables.longOptions.data(),
-                              nullptr)) != -1) {
-        if (!applyOption(opt, optarg, options)) {
-            options.help = true;
-            return options;
-        }
+ParseOutcome::Kind readCommandLine(int argc, char** argv, Options& options) {
+    if (dravik::utils::readOptions(argc, argv, kOptionRows, options) == ParseOutcome::kHelp) {
+        return ParseOutcome::kHelp;
     }
     if (argc - optind != 2) {
-        throw Failure{kUsageError, "expected the backing file and the output PNG"};
+        throw UsageError{"expected the backing file and the output PNG"};
     }
     options.input = argv[optind];
     options.output = argv[optind + 1];
@@ -120,20 +101,20 @@ Options parseCommandLine(int argc, char** argv) {
     if (options.cmap.empty()) {
         options.cmap = options.input + ".cmap";
     }
-    return options;
+    return ParseOutcome::kRun;
 }
 
 Geometry loadGeometry(const std::string& path) {
     std::string text;
     if (!fakefb::readWholeFile(path, text)) {
-        throw Failure{kFailure, "cannot read geometry " + path + ": " + strerror(errno)};
+        throw Failure{"cannot read geometry " + path + ": " + strerror(errno)};
     }
     fakefb::PanelDesc panelDesc;
     char error[fakefb::kErrorMax];
     const std::string dir =
         path.find('/') == std::string::npos ? std::string() : path.substr(0, path.rfind('/'));
     if (!fakefb::parseDesc(text.data(), text.size(), dir.c_str(), panelDesc, error, sizeof error)) {
-        throw Failure{kFailure, path + ": " + error};
+        throw Failure{path + ": " + error};
     }
     return panelDesc.geometry;
 }
@@ -145,7 +126,7 @@ bool loadColourMap(const std::string& path, ColourMapRecord& map) {
         return false;
     }
     if (!fakefb::parseColourMap(text.data(), text.size(), map)) {
-        throw Failure{kFailure, "unreadable colour map record " + path};
+        throw Failure{"unreadable colour map record " + path};
     }
     return true;
 }
@@ -167,9 +148,8 @@ dravik::panel::PixelLookup lookupOf(Visual visual) {
 
 cv::Mat decodeFrame(const Geometry& geometry, const std::string& data, const ColourMapRecord* map) {
     if (data.size() < geometry.frameSize()) {
-        throw Failure{kFailure, "backing file holds " + std::to_string(data.size()) +
-                                    " bytes, the frame needs " +
-                                    std::to_string(geometry.frameSize())};
+        throw Failure{"backing file holds " + std::to_string(data.size()) +
+                      " bytes, the frame needs " + std::to_string(geometry.frameSize())};
     }
     const dravik::panel::PanelMemoryFormat format{
         geometry.width,         geometry.height,          geometry.bpp,
@@ -182,17 +162,17 @@ cv::Mat decodeFrame(const Geometry& geometry, const std::string& data, const Col
                                        map != nullptr ? &colourMap : nullptr);
 }
 
-int snapshot(const Options& options) {
+void snapshot(const Options& options) {
     const Geometry geometry = loadGeometry(options.geometry);
     std::string data;
     if (!fakefb::readWholeFile(options.input, data)) {
-        throw Failure{kFailure, "cannot read " + options.input + ": " + strerror(errno)};
+        throw Failure{"cannot read " + options.input + ": " + strerror(errno)};
     }
     ColourMapRecord map;
     const bool haveMap = loadColourMap(options.cmap, map);
     if (geometry.visual == Visual::pseudocolor && !haveMap) {
-        throw Failure{kFailure, "pseudo-colour panel without a colour map: " + options.cmap +
-                                    " is missing (nothing called FBIOPUTCMAP)"};
+        throw Failure{"pseudo-colour panel without a colour map: " + options.cmap +
+                      " is missing (nothing called FBIOPUTCMAP)"};
     }
     cv::Mat image = decodeFrame(geometry, data, haveMap ? &map : nullptr);
     if (options.mounted != 0) {
@@ -210,31 +190,25 @@ int snapshot(const Options& options) {
         image = large;
     }
     if (!dravik::image::writePng(options.output, image)) {
-        throw Failure{kFailure, "cannot write " + options.output};
+        throw Failure{"cannot write " + options.output};
     }
-    return 0;
+}
+
+int run(const Options& options) {
+    try {
+        snapshot(options);
+        return 0;
+    } catch (const Failure& failure) {
+        fprintf(stderr, "fakefb-snapshot: %s\n", failure.message.c_str());
+    } catch (const cv::Exception& error) {
+        fprintf(stderr, "fakefb-snapshot: %s\n", error.what());
+    }
+    return kFailure;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-    try {
-        const Options options = parseCommandLine(argc, argv);
-        if (options.help) {
-            fputs(kHelp, stdout);
-            return 0;
-        }
-        return snapshot(options);
-    } catch (const Failure& failure) {
-        if (!failure.message.empty()) {
-            fprintf(stderr, "fakefb-snapshot: %s\n", failure.message.c_str());
-        }
-        if (failure.status == kUsageError) {
-            fprintf(stderr, "Try 'fakefb-snapshot --help' for more information.\n");
-        }
-        return failure.status;
-    } catch (const cv::Exception& error) {
-        fprintf(stderr, "fakefb-snapshot: %s\n", error.what());
-        return kFailure;
-    }
+    return dravik::utils::toolMain<Options>({"fakefb-snapshot", dravik::utils::printText<kHelp>},
+                                            argc, argv, readCommandLine, run);
 }

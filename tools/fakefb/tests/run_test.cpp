@@ -14,26 +14,52 @@ namespace {
 
 namespace fs = std::filesystem;
 using dravik::testsupport::TempDir;
-using fakefb::test::readAll;
-using fakefb::test::runTool;
-using fakefb::test::ToolResult;
+using fakefb::testsupport::readAll;
+using fakefb::testsupport::runProgram;
+using fakefb::testsupport::ToolResult;
 
 constexpr const char* kDevice = "/dev/fakefb-run-test";
+
+// Runs fakefb-run with the given options, then `command` after "--".
+ToolResult runUnder(const std::vector<std::string>& options,
+                    const std::vector<std::string>& command,
+                    const std::vector<std::pair<std::string, std::string>>& env = {}) {
+    std::vector<std::string> args = {FAKEFB_RUN};
+    args.insert(args.end(), options.begin(), options.end());
+    args.push_back("--");
+    args.insert(args.end(), command.begin(), command.end());
+    return runProgram(args, env);
+}
 
 // Runs the probe on the given devices under fakefb-run with the given panel options.
 ToolResult runProbe(const std::vector<std::string>& options,
                     const std::vector<std::string>& probeArgs,
                     const std::vector<std::pair<std::string, std::string>>& env = {}) {
-    std::vector<std::string> args = {FAKEFB_RUN};
-    args.insert(args.end(), options.begin(), options.end());
-    args.push_back("--");
-    args.push_back(FAKEFB_PROBE);
-    args.insert(args.end(), probeArgs.begin(), probeArgs.end());
-    return runTool(args, env);
+    std::vector<std::string> command = {FAKEFB_PROBE};
+    command.insert(command.end(), probeArgs.begin(), probeArgs.end());
+    return runUnder(options, command, env);
+}
+
+// A command line that fakefb-run refuses, and the message it gives for it.
+struct Refusal {
+    std::vector<std::string> args;
+    const char* message;
+};
+
+// fakefb-run with row.args, refused with status 2 and row.message on standard
+// error.
+ToolResult expectRefused(const Refusal& row) {
+    SCOPED_TRACE(row.message);
+    std::vector<std::string> all = {FAKEFB_RUN};
+    all.insert(all.end(), row.args.begin(), row.args.end());
+    ToolResult result = runProgram(all);
+    EXPECT_EQ(result.status, 2);
+    EXPECT_NE(result.err.find(row.message), std::string::npos) << result.err;
+    return result;
 }
 
 TEST(FakefbRun, help_lists_every_option) {
-    const ToolResult result = runTool({FAKEFB_RUN, "--help"});
+    const ToolResult result = runProgram({FAKEFB_RUN, "--help"});
     EXPECT_EQ(result.status, 0);
     for (const char* option : {"--device", "--size", "--bpp", "--rgb", "--transp", "--line-length",
                                "--visual", "--file", "--panel", "--help"}) {
@@ -43,10 +69,7 @@ TEST(FakefbRun, help_lists_every_option) {
 }
 
 TEST(FakefbRun, bad_options_are_reported_with_status_2) {
-    struct Row {
-        std::vector<std::string> args;
-        const char* message;
-    } rows[] = {
+    const Refusal rows[] = {
         {{"--bogus", "--", "true"}, "unrecognized option '--bogus'"},
         {{"--bpp", "12", "--", "true"}, "bad --bpp 12: expected 8, 15, 16, 24 or 32"},
         {{"--size", "240", "--", "true"}, "bad --size \"240\""},
@@ -57,14 +80,9 @@ TEST(FakefbRun, bad_options_are_reported_with_status_2) {
         {{"--file", "a.raw"}, "no command given"},
         {{"--panel", "--", "true"}, "two panels share the device or file of /dev/fb2"},
     };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.message);
-        std::vector<std::string> args = {FAKEFB_RUN};
-        args.insert(args.end(), row.args.begin(), row.args.end());
-        const ToolResult result = runTool(args);
-        EXPECT_EQ(result.status, 2);
-        EXPECT_NE(result.err.find(row.message), std::string::npos) << result.err;
-        EXPECT_NE(result.err.find("Try 'fakefb-run --help'"), std::string::npos);
+    for (const Refusal& row : rows) {
+        const ToolResult result = expectRefused(row);
+        EXPECT_NE(result.err.find("Try 'fakefb-run --help'"), std::string::npos) << row.message;
     }
 }
 
@@ -188,8 +206,8 @@ TEST(FakefbRun, finds_its_library_in_an_installed_layout) {
     fs::copy_file(FAKEFB_RUN, prefix.path() + "/bin/fakefb-run");
     fs::copy_file(FAKEFB_LIBRARY, prefix.path() + "/lib/libfakefb.so");
     const std::string file = prefix.path() + "/panel.raw";
-    const ToolResult result = runTool({prefix.path() + "/bin/fakefb-run", "--device", kDevice,
-                                       "--file", file, "--", FAKEFB_PROBE, "--env", kDevice});
+    const ToolResult result = runProgram({prefix.path() + "/bin/fakefb-run", "--device", kDevice,
+                                          "--file", file, "--", FAKEFB_PROBE, "--env", kDevice});
     ASSERT_EQ(result.status, 0) << result.out << result.err;
     EXPECT_NE(result.out.find("LD_PRELOAD=" + fs::canonical(prefix.path()).string() +
                               "/lib/libfakefb.so"),
@@ -201,11 +219,9 @@ TEST(FakefbRun, finds_its_library_in_an_installed_layout) {
 // Runs the DRM probe on device under fakefb-run with the given panel options.
 ToolResult runDrmProbe(const std::vector<std::string>& options, const std::string& device,
                        const std::vector<std::string>& probeArgs = {}) {
-    std::vector<std::string> args = {FAKEFB_RUN};
-    args.insert(args.end(), options.begin(), options.end());
-    args.insert(args.end(), {"--", FAKEFB_DRM_PROBE, device});
-    args.insert(args.end(), probeArgs.begin(), probeArgs.end());
-    return runTool(args);
+    std::vector<std::string> command = {FAKEFB_DRM_PROBE, device};
+    command.insert(command.end(), probeArgs.begin(), probeArgs.end());
+    return runUnder(options, command);
 }
 
 std::vector<std::string> damageKinds(const std::string& file) {
@@ -218,7 +234,7 @@ std::vector<std::string> damageKinds(const std::string& file) {
 }
 
 TEST(FakefbRun, help_lists_the_drm_options) {
-    const ToolResult result = runTool({FAKEFB_RUN, "--help"});
+    const ToolResult result = runProgram({FAKEFB_RUN, "--help"});
     EXPECT_EQ(result.status, 0);
     for (const char* option : {"--drm", "--connectors", "--vblank", "--flip", "--no-master",
                                "--no-dumb", "--no-closefb", "--orientation", "FILE.damage"}) {
@@ -227,10 +243,7 @@ TEST(FakefbRun, help_lists_the_drm_options) {
 }
 
 TEST(FakefbRun, bad_drm_options_are_reported_with_status_2) {
-    struct Row {
-        std::vector<std::string> args;
-        const char* message;
-    } rows[] = {
+    const Refusal rows[] = {
         {{"--vblank", "--", "true"}, "--vblank describes a DRM panel: add --drm"},
         {{"--no-closefb", "--drm", "--bpp", "24", "--", "true"}, "16 bpp (RGB565) or 32 bpp"},
         {{"--drm", "--connectors", "HDMI-A-1", "--", "true"}, "bad --connectors \"HDMI-A-1\""},
@@ -241,13 +254,8 @@ TEST(FakefbRun, bad_drm_options_are_reported_with_status_2) {
         {{"--drm", "--orientation", "sideways", "--", "true"}, "bad --orientation"},
         {{"--drm", "--line-length", "1000", "--", "true"}, "no padding"},
     };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.message);
-        std::vector<std::string> args = {FAKEFB_RUN};
-        args.insert(args.end(), row.args.begin(), row.args.end());
-        const ToolResult result = runTool(args);
-        EXPECT_EQ(result.status, 2);
-        EXPECT_NE(result.err.find(row.message), std::string::npos) << result.err;
+    for (const Refusal& row : rows) {
+        (void)expectRefused(row);  // status and message are the whole check
     }
 }
 
@@ -290,7 +298,7 @@ TEST(FakefbRun, handed_over_frame_stays_on_the_drm_panel_and_snapshots) {
     EXPECT_EQ(readAll(file), std::string(8 * 4 * 4, '\x5A'));
     EXPECT_EQ(damageKinds(file + ".damage"),
               (std::vector<std::string>{"setcrtc", "closefb", "close"}));
-    const ToolResult shot = runTool({FAKEFB_SNAPSHOT, file, dir.path() + "/shot.png"});
+    const ToolResult shot = runProgram({FAKEFB_SNAPSHOT, file, dir.path() + "/shot.png"});
     EXPECT_EQ(shot.status, 0) << shot.err;
     // A new run starts with a fresh damage record.
     ASSERT_EQ(
@@ -341,7 +349,7 @@ TEST(FakefbRun, drm_panel_defaults_to_card0_named_after_it) {
 
 TEST(FakefbRun, missing_command_exits_127) {
     const TempDir dir;
-    const ToolResult result = runTool(
+    const ToolResult result = runProgram(
         {FAKEFB_RUN, "--file", dir.path() + "/p.raw", "--", dir.path() + "/no-such-command"});
     EXPECT_EQ(result.status, 127);
     EXPECT_NE(result.err.find("cannot run " + dir.path() + "/no-such-command"), std::string::npos)

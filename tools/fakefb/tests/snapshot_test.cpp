@@ -24,7 +24,7 @@ using fakefb::Channel;
 using fakefb::Geometry;
 using fakefb::Panel;
 using fakefb::Visual;
-using fakefb::test::runTool;
+using fakefb::testsupport::runProgram;
 
 constexpr const char* kDevice = "/dev/fakefb-snapshot-test";
 
@@ -49,80 +49,30 @@ struct SnapshotRow {
 
 // Channel scaling: v of L bits shows as round(v * 255 / (2^L - 1)).
 const std::vector<SnapshotRow>& rows() {
+    // clang-format off
     static const std::vector<SnapshotRow> table = {
-        {"8 bpp through the colour map",
-         8,
-         Visual::pseudocolor,
-         {0, 8},
-         {0, 8},
-         {0, 8},
-         0,
+        // name, bpp, visual, red, green, blue, padding,
+        //     pixels: x, y, raw, {r, g, b} expected
+        {"8 bpp through the colour map", 8, Visual::pseudocolor, {0, 8}, {0, 8}, {0, 8}, 0,
          {{1, 0, 5, {0x12, 0xAB, 0xFF}}, {2, 1, 255, {0xFF, 0x00, 0x80}}}},
-        {"15 bpp",
-         15,
-         Visual::truecolor,
-         {10, 5},
-         {5, 5},
-         {0, 5},
-         0,
-         {{0, 0, 0x7C00, {255, 0, 0}},
-          {1, 0, 0x03E0, {0, 255, 0}},
-          {2, 0, 0x001F, {0, 0, 255}},
-          {3, 1, 0x4210, {132, 132, 132}},
-          {4, 2, 0x7FFF, {255, 255, 255}}}},
-        {"16 bpp RGB565",
-         16,
-         Visual::truecolor,
-         {11, 5},
-         {5, 6},
-         {0, 5},
-         0,
-         {{0, 0, 0xF800, {255, 0, 0}},
-          {1, 0, 0x07E0, {0, 255, 0}},
-          {2, 0, 0x001F, {0, 0, 255}},
-          {3, 1, 0x8410, {132, 130, 132}},
-          {4, 2, 0xFFFF, {255, 255, 255}}}},
-        {"16 bpp BGR565 with padded lines",
-         16,
-         Visual::truecolor,
-         {0, 5},
-         {5, 6},
-         {11, 5},
-         6,
+        {"15 bpp", 15, Visual::truecolor, {10, 5}, {5, 5}, {0, 5}, 0,
+         {{0, 0, 0x7C00, {255, 0, 0}}, {1, 0, 0x03E0, {0, 255, 0}}, {2, 0, 0x001F, {0, 0, 255}},
+          {3, 1, 0x4210, {132, 132, 132}}, {4, 2, 0x7FFF, {255, 255, 255}}}},
+        {"16 bpp RGB565", 16, Visual::truecolor, {11, 5}, {5, 6}, {0, 5}, 0,
+         {{0, 0, 0xF800, {255, 0, 0}}, {1, 0, 0x07E0, {0, 255, 0}}, {2, 0, 0x001F, {0, 0, 255}},
+          {3, 1, 0x8410, {132, 130, 132}}, {4, 2, 0xFFFF, {255, 255, 255}}}},
+        {"16 bpp BGR565 with padded lines", 16, Visual::truecolor, {0, 5}, {5, 6}, {11, 5}, 6,
          {{0, 0, 0xF800, {0, 0, 255}}, {4, 2, 0x001F, {255, 0, 0}}}},
-        {"24 bpp",
-         24,
-         Visual::truecolor,
-         {16, 8},
-         {8, 8},
-         {0, 8},
-         0,
+        {"24 bpp", 24, Visual::truecolor, {16, 8}, {8, 8}, {0, 8}, 0,
          {{0, 0, 0x123456, {0x12, 0x34, 0x56}}, {4, 2, 0xFF0000, {255, 0, 0}}}},
-        {"32 bpp",
-         32,
-         Visual::truecolor,
-         {16, 8},
-         {8, 8},
-         {0, 8},
-         0,
+        {"32 bpp", 32, Visual::truecolor, {16, 8}, {8, 8}, {0, 8}, 0,
          {{0, 0, 0x00123456, {0x12, 0x34, 0x56}}, {4, 2, 0xFF000000, {0, 0, 0}}}},
-        {"32 bpp BGR with padded lines",
-         32,
-         Visual::truecolor,
-         {0, 8},
-         {8, 8},
-         {16, 8},
-         8,
+        {"32 bpp BGR with padded lines", 32, Visual::truecolor, {0, 8}, {8, 8}, {16, 8}, 8,
          {{0, 0, 0x00123456, {0x56, 0x34, 0x12}}, {4, 2, 0x000000FF, {255, 0, 0}}}},
-        {"16 bpp direct colour through the colour map",
-         16,
-         Visual::directcolor,
-         {11, 5},
-         {5, 6},
-         {0, 5},
-         0,
+        {"16 bpp direct colour through the colour map", 16, Visual::directcolor, {11, 5}, {5, 6}, {0, 5}, 0,
          {{2, 1, 0xF800 | (1 << 5) | 2, {0x7C, 0x01, 0x02}}}},
     };
+    // clang-format on
     return table;
 }
 
@@ -206,7 +156,7 @@ TEST(FakefbSnapshot, decodes_written_pixels_at_every_depth) {
         panel.apply();
         writeThroughDevice(row, g);
         const std::string png = panel.backingFile() + ".png";
-        const auto result = runTool({FAKEFB_SNAPSHOT, panel.backingFile(), png});
+        const auto result = runProgram({FAKEFB_SNAPSHOT, panel.backingFile(), png});
         ASSERT_EQ(result.status, 0) << result.err;
         const cv::Mat image = dravik::image::readImage(png);
         ASSERT_EQ(image.cols, static_cast<int>(kWidth));
@@ -228,7 +178,7 @@ TEST(FakefbSnapshot, scale_enlarges_every_pixel) {
     panel.apply();
     writeThroughDevice(row, g);
     const std::string png = panel.backingFile() + ".png";
-    const auto result = runTool({FAKEFB_SNAPSHOT, "--scale", "3", panel.backingFile(), png});
+    const auto result = runProgram({FAKEFB_SNAPSHOT, "--scale", "3", panel.backingFile(), png});
     ASSERT_EQ(result.status, 0) << result.err;
     const cv::Mat image = dravik::image::readImage(png);
     ASSERT_EQ(image.cols, 15);
@@ -262,7 +212,7 @@ TEST(FakefbSnapshot, mounted_turns_the_picture_back_as_the_panel_is_seen) {
     for (const auto& c : cases) {
         SCOPED_TRACE(c.degrees);
         const auto result =
-            runTool({FAKEFB_SNAPSHOT, "--mounted", c.degrees, panel.backingFile(), png});
+            runProgram({FAKEFB_SNAPSHOT, "--mounted", c.degrees, panel.backingFile(), png});
         ASSERT_EQ(result.status, 0) << result.err;
         const cv::Mat image = dravik::image::readImage(png);
         ASSERT_EQ(image.cols, c.width);
@@ -270,7 +220,7 @@ TEST(FakefbSnapshot, mounted_turns_the_picture_back_as_the_panel_is_seen) {
         expectRgb(at(image, c.greenX, c.greenY), {0, 255, 0});
         expectRgb(at(image, c.blueX, c.blueY), {0, 0, 255});
     }
-    const auto bad = runTool({FAKEFB_SNAPSHOT, "--mounted", "45", panel.backingFile(), png});
+    const auto bad = runProgram({FAKEFB_SNAPSHOT, "--mounted", "45", panel.backingFile(), png});
     EXPECT_EQ(bad.status, 2);
     EXPECT_NE(bad.err.find("bad --mounted \"45\": expected 0, 90, 180 or 270"), std::string::npos)
         << bad.err;
@@ -283,7 +233,7 @@ TEST(FakefbSnapshot, pseudocolour_panel_without_colour_map_is_an_error) {
     ASSERT_GE(fd, 0);
     close(fd);
     const auto result =
-        runTool({FAKEFB_SNAPSHOT, panel.backingFile(), panel.backingFile() + ".png"});
+        runProgram({FAKEFB_SNAPSHOT, panel.backingFile(), panel.backingFile() + ".png"});
     EXPECT_EQ(result.status, 1);
     EXPECT_NE(result.err.find("without a colour map"), std::string::npos) << result.err;
 }
@@ -292,7 +242,7 @@ TEST(FakefbSnapshot, short_backing_file_is_an_error) {
     const Panel panel(kDevice, Geometry::forDepth(16, 4, 4));
     std::ofstream(panel.backingFile()) << "short";
     const auto result =
-        runTool({FAKEFB_SNAPSHOT, panel.backingFile(), panel.backingFile() + ".png"});
+        runProgram({FAKEFB_SNAPSHOT, panel.backingFile(), panel.backingFile() + ".png"});
     EXPECT_EQ(result.status, 1);
     EXPECT_NE(result.err.find("holds 5 bytes, the frame needs 32"), std::string::npos)
         << result.err;
@@ -300,7 +250,8 @@ TEST(FakefbSnapshot, short_backing_file_is_an_error) {
 
 TEST(FakefbSnapshot, missing_geometry_is_an_error) {
     const dravik::testsupport::TempDir dir;
-    const auto result = runTool({FAKEFB_SNAPSHOT, dir.path() + "/none.raw", dir.path() + "/x.png"});
+    const auto result =
+        runProgram({FAKEFB_SNAPSHOT, dir.path() + "/none.raw", dir.path() + "/x.png"});
     EXPECT_EQ(result.status, 1);
     EXPECT_NE(result.err.find("cannot read geometry " + dir.path() + "/none.raw.geom"),
               std::string::npos)
@@ -308,15 +259,15 @@ TEST(FakefbSnapshot, missing_geometry_is_an_error) {
 }
 
 TEST(FakefbSnapshot, help_and_bad_options) {
-    auto result = runTool({FAKEFB_SNAPSHOT, "--help"});
+    auto result = runProgram({FAKEFB_SNAPSHOT, "--help"});
     EXPECT_EQ(result.status, 0);
     for (const char* word : {"--scale", "--geometry", "--cmap", "FILE.geom", "FILE.cmap"}) {
         EXPECT_NE(result.out.find(word), std::string::npos) << word;
     }
-    result = runTool({FAKEFB_SNAPSHOT, "--scale", "0", "a", "b.png"});
+    result = runProgram({FAKEFB_SNAPSHOT, "--scale", "0", "a", "b.png"});
     EXPECT_EQ(result.status, 2);
     EXPECT_NE(result.err.find("bad --scale \"0\""), std::string::npos) << result.err;
-    result = runTool({FAKEFB_SNAPSHOT, "only-one-argument"});
+    result = runProgram({FAKEFB_SNAPSHOT, "only-one-argument"});
     EXPECT_EQ(result.status, 2);
     EXPECT_NE(result.err.find("expected the backing file and the output PNG"), std::string::npos);
 }

@@ -1,23 +1,17 @@
-// Runs one of the fakefb tools as a child process and collects what it said.
+// What the tests of the fakefb tools share: running a tool as a child process
+// and reading the files it writes.
 #pragma once
 
 #include <string>
-#include <utility>
-#include <vector>
 
-namespace fakefb::test {
+#include "dravik_test_support/program_run.h"
 
-struct ToolResult {
-    int status = -1;  // exit status, or -1 when the child did not exit normally
-    std::string out;
-    std::string err;
-};
+namespace fakefb::testsupport {
+
+using ToolResult = dravik::testsupport::ProgramRun;
+using dravik::testsupport::runProgram;
 
 // The whole file at path; empty when it cannot be read.
 std::string readAll(const std::string& path);
 
-// env: variables to set (value) or remove (empty value) in the child only.
-ToolResult runTool(const std::vector<std::string>& args,
-                   const std::vector<std::pair<std::string, std::string>>& env = {});
-
-}  // namespace fakefb::test
+}  // namespace fakefb::testsupport

@@ -4,31 +4,44 @@
 
 #include <initializer_list>
 #include <string>
-#include <vector>
+
+#include "dravik_test_support/command_line.h"
 
 namespace {
 
+using dravik::ipccall::Invocation;
+using dravik::utils::ParseOutcome;
 using dravik::variant::Variant;
-using ipc_call::Invocation;
-using ipc_call::Parsed;
+namespace ipc_call = dravik::ipccall;
+
+// What the program does with a command line: kBadUsage shows the usage,
+// kBadValue prints the message.
+enum class Parsed { kRun, kHelp, kBadUsage, kBadValue };
+
+Parsed kindOf(const ParseOutcome& outcome) {
+    switch (outcome.kind) {
+        case ParseOutcome::kRun:
+            return Parsed::kRun;
+        case ParseOutcome::kHelp:
+            return Parsed::kHelp;
+        case ParseOutcome::kUsageError:
+            break;
+    }
+    return outcome.message.empty() ? Parsed::kBadUsage : Parsed::kBadValue;
+}
 
 // One command line, with argv[0] "ipc_call" in front of `words`.
 struct CommandLine {
-    explicit CommandLine(std::initializer_list<const char*> words) : storage{"ipc_call"} {
-        storage.insert(storage.end(), words.begin(), words.end());
-        for (std::string& word : storage) {
-            argv.push_back(word.data());
-        }
-        argv.push_back(nullptr);
-    }
+    explicit CommandLine(std::initializer_list<const char*> words) : argv("ipc_call", {words}) {}
 
     Parsed parse(Invocation& invocation, std::string& error) {
-        return ipc_call::ParseCommandLine(static_cast<int>(storage.size()), argv.data(), invocation,
-                                          error);
+        const ParseOutcome outcome =
+            ipc_call::ParseCommandLine(argv.argc(), argv.argv(), invocation);
+        error = outcome.message;
+        return kindOf(outcome);
     }
 
-    std::vector<std::string> storage;
-    std::vector<char*> argv;
+    dravik::testsupport::Argv argv;
 };
 
 Parsed parse(std::initializer_list<const char*> words, Invocation& invocation) {
@@ -183,22 +196,18 @@ TEST(ParseCommandLine, the_request_is_read_as_json) {
 }
 
 TEST(ParseCommandLine, a_request_that_is_not_a_json_object_is_refused) {
-    const struct {
-        const char* text;
-        const char* error;
-    } rows[] = {
+    const dravik::testsupport::TextCase rows[] = {
         {"[1, 2]", "REQUEST must be a JSON object"},
         {"418", "REQUEST must be a JSON object"},
         {"{\"a\": }", "REQUEST is not JSON: 1:"},
         {"{\n\"a\" 1}", "REQUEST is not JSON: 2:"},
     };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.text);
+    dravik::testsupport::forEachCase(rows, [](const char* text, const char* expected) {
         Invocation o;
         std::string error;
-        EXPECT_EQ(CommandLine({"p", "F", row.text}).parse(o, error), Parsed::kBadValue);
-        EXPECT_EQ(error.rfind(row.error, 0), 0U) << error;
-    }
+        EXPECT_EQ(CommandLine({"p", "F", text}).parse(o, error), Parsed::kBadValue);
+        EXPECT_EQ(error.rfind(expected, 0), 0U) << error;
+    });
 }
 
 TEST(ExitStatusOf, zero_or_missing_status_is_success) {

@@ -2,9 +2,7 @@
 // daemon shows them on a given panel, and a checker of screens files. See --help.
 #include <getopt.h>
 
-#include <cerrno>
 #include <cstdio>
-#include <cstdlib>
 #include <exception>
 #include <filesystem>
 #include <set>
@@ -13,7 +11,8 @@
 
 #include "GuiConfig.h"
 #include "dravik_image/image_file.h"
-#include "dravik_utils/getopt_table.h"
+#include "dravik_utils/command_line.h"
+#include "dravik_utils/decimal.h"
 #include "preview/Checker.h"
 #include "preview/Panel.h"
 #include "preview/Renderer.h"
@@ -22,13 +21,15 @@ namespace {
 
 using dravik::preview::Frame;
 using dravik::preview::PanelFormat;
+using dravik::utils::ParseOutcome;
+using dravik::utils::UsageError;
 
 // Exit statuses, documented in --help.
 enum Exit {
     kOk = 0,
     kSomeScreensFailed = 1,
     kFileRefused = 2,
-    kUsage = 64,
+    kUsage = dravik::utils::kExitUsage,
 };
 
 constexpr int kMaxScale = 16;
@@ -107,7 +108,7 @@ EXIT STATUS
     Pictures: 0 all written; 1 a screen is unknown or refused, or a picture could not be
     written (the others are written); 2 the daemon refuses the screens file (run --check).
     --check: 0 no problem; 1 warnings only; 2 errors.
-    Both: 64 a bad command line.
+    Both: 2 a bad command line.
 
 EXAMPLES
     dravik_lcm_gui_preview --root /tmp/device --out previews screens.json
@@ -130,15 +131,9 @@ struct Options {
     std::string file;
 };
 
-struct UsageError {
-    std::string message;
-};
-
 unsigned long number(const char* text, unsigned long max, const char* what) {
-    char* end = nullptr;
-    errno = 0;
-    const unsigned long value = std::strtoul(text, &end, 10);
-    if (text[0] < '0' || text[0] > '9' || errno != 0 || *end != '\0' || value > max) {
+    unsigned long value = 0;
+    if (!dravik::utils::isDecimal(text, value) || value > max) {
         throw UsageError{std::string("bad ") + what + " \"" + text + "\": expected 0.." +
                          std::to_string(max)};
     }
@@ -186,15 +181,6 @@ const OptionRow kOptionRows[] = {
     {"help", 'h', false, nullptr},
 };
 
-// Applies one option found by getopt_long; false for --help.
-bool applyOption(int opt, const char* arg, Options& options) {
-    const auto outcome = dravik::utils::applyOptionRow(kOptionRows, opt, arg, options);
-    if (outcome == dravik::utils::OptionOutcome::kUnknown) {
-        throw UsageError{""};  // getopt_long has described the problem
-    }
-    return outcome == dravik::utils::OptionOutcome::kApplied;
-}
-
 // The combinations of options that make sense, and the root in one spelling.
 void finishOptions(Options& options) {
     if (!options.check && options.out.empty()) {
@@ -216,17 +202,10 @@ void finishOptions(Options& options) {
     }
 }
 
-Options parseCommandLine(int argc, char** argv) {
-    Options options;
+ParseOutcome::Kind readCommandLine(int argc, char** argv, Options& options) {
     options.panel = panelFrom("240x240x16", "");
-    const dravik::utils::GetoptTables tables = dravik::utils::getoptTables(kOptionRows);
-    int opt = 0;
-    while ((opt = getopt_long(argc, argv, tables.shortOptions.c_str(), tables.longOptions.data(),
-                              nullptr)) != -1) {
-        if (!applyOption(opt, optarg, options)) {
-            std::fputs(kHelp, stdout);
-            std::exit(kOk);
-        }
+    if (dravik::utils::readOptions(argc, argv, kOptionRows, options) == ParseOutcome::kHelp) {
+        return ParseOutcome::kHelp;
     }
     // The layout applies to the final depth, whichever option came first.
     std::string error;
@@ -239,7 +218,7 @@ Options parseCommandLine(int argc, char** argv) {
     }
     options.file = argv[optind];
     finishOptions(options);
-    return options;
+    return ParseOutcome::kRun;
 }
 
 int check(const Options& options) {
@@ -381,25 +360,21 @@ int preview(const Options& options) {
     return ok ? kOk : kSomeScreensFailed;
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
-    Options options;
-    try {
-        options = parseCommandLine(argc, argv);
-    } catch (const UsageError& e) {
-        if (!e.message.empty()) {
-            std::fprintf(stderr, "%s: %s\n", argv[0], e.message.c_str());
-        }
-        std::fprintf(stderr, "Try '%s --help'.\n", argv[0]);
-        return kUsage;
-    }
-    // The library code below reports its failures; what throws is the standard
-    // library running out of something, which still ends with a clear line.
+// The library code below reports its failures; what throws is the standard
+// library running out of something, which still ends with a clear line.
+int run(const Options& options, const char* argv0) {
     try {
         return options.check ? check(options) : preview(options);
     } catch (const std::exception& e) {
-        std::fprintf(stderr, "%s: %s\n", argv[0], e.what());
+        std::fprintf(stderr, "%s: %s\n", argv0, e.what());
         return kSomeScreensFailed;
     }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    return dravik::utils::toolMain<Options>(
+        {nullptr, dravik::utils::printText<kHelp>}, argc, argv, readCommandLine,
+        [argv](const Options& options) { return run(options, argv[0]); });
 }

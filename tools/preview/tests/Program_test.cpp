@@ -1,15 +1,17 @@
 // The program as a user runs it: options, exit statuses and the files it writes.
 #include <gtest/gtest.h>
-#include <stdlib.h>
-#include <sys/wait.h>
 
-#include <cstdio>
 #include <filesystem>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <opencv2/core.hpp>
+#include <sstream>
 #include <string>
+#include <vector>
 #include "dravik_image/image_file.h"
+
+#include "dravik_test_support/command_line.h"
+#include "dravik_test_support/program_run.h"
 
 #include "MistakesRoot.h"
 
@@ -20,30 +22,18 @@ using dravik::testsupport::TempDir;
 
 struct Outcome {
     int status = -1;
-    std::string out;  // standard output and error together
+    std::string out;  // standard output, then standard error
 };
 
-// A cross build's programs run under its emulator (DRAVIK_EMULATOR).
-std::string emulator() {
-    const char* words = getenv("DRAVIK_EMULATOR");
-    return words != nullptr && *words != '\0' ? std::string(words) + " " : "";
-}
-
+// The preview run with `arguments`, words separated by blanks.
 Outcome run(const std::string& arguments) {
-    Outcome result;
-    const std::string command = emulator() + PREVIEW_PROGRAM + " " + arguments + " 2>&1";
-    FILE* pipe = popen(command.c_str(), "r");
-    if (pipe == nullptr) {
-        return result;
+    std::vector<std::string> args = {PREVIEW_PROGRAM};
+    std::istringstream words(arguments);
+    for (std::string word; words >> word;) {
+        args.push_back(word);
     }
-    char buffer[4096];
-    size_t n = 0;
-    while ((n = fread(buffer, 1, sizeof buffer, pipe)) > 0) {
-        result.out.append(buffer, n);
-    }
-    const int status = pclose(pipe);
-    result.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    return result;
+    const dravik::testsupport::ProgramRun result = dravik::testsupport::runProgram(args);
+    return {result.status, result.out + result.err};
 }
 
 std::string data(const char* name) {
@@ -56,9 +46,8 @@ protected:
         dir_ = std::make_unique<TempDir>("preview-program-");
         const fs::path images = fs::path(dir_->path()) / "root/etc/gui/images";
         fs::create_directories(images);
-        const std::string make =
-            emulator() + EXAMPLE_IMAGES_PROGRAM + " " + images.string() + " > /dev/null";
-        ASSERT_EQ(std::system(make.c_str()), 0);
+        ASSERT_EQ(dravik::testsupport::runProgram({EXAMPLE_IMAGES_PROGRAM, images.string()}).status,
+                  0);
         mistakesRoot_ = dravik::preview::testsupport::makeMistakesRoot();
         ASSERT_NE(mistakesRoot_, nullptr);
     }
@@ -86,11 +75,8 @@ TEST_F(ProgramTest, help_reads_like_a_manual_page) {
     }
 }
 
-TEST_F(ProgramTest, a_bad_command_line_exits_64_with_the_reason) {
-    const struct {
-        const char* arguments;
-        const char* reason;
-    } cases[] = {
+TEST_F(ProgramTest, a_bad_command_line_exits_2_with_the_reason) {
+    const dravik::testsupport::TextCase cases[] = {
         {"", "expected one screens file"},
         {"a.json", "--out DIR is required"},
         {"--panel 240x240x8 --out x a.json", "ends its start-up"},
@@ -102,12 +88,11 @@ TEST_F(ProgramTest, a_bad_command_line_exits_64_with_the_reason) {
         {"--json --out x a.json", "--json goes with --check"},
         {"--bogus a.json", "unrecognized option"},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.arguments);
-        const Outcome r = run(c.arguments);
-        EXPECT_EQ(r.status, 64);
-        EXPECT_NE(r.out.find(c.reason), std::string::npos) << r.out;
-    }
+    dravik::testsupport::forEachCase(cases, [](const char* arguments, const char* reason) {
+        const Outcome r = run(arguments);
+        EXPECT_EQ(r.status, 2);
+        EXPECT_NE(r.out.find(reason), std::string::npos) << r.out;
+    });
 }
 
 TEST_F(ProgramTest, check_exits_0_on_the_examples) {
