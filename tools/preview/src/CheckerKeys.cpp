@@ -277,19 +277,12 @@ void Checks::checkScreen(size_t index, const JsonNode& screen, const GuiScreenDe
 
 const JsonNode* Checks::element(const JsonNode& screen, const char* name,
                                 const char* missingMeans) {
-    const JsonMember* m = screen.member(name);
-    if (m == nullptr) {
-        return nullptr;
-    }
-    if (!m->value.isObject()) {
-        warning(m->value.offset,
-                quoted(name) + " is " + describeType(m->value) +
-                    ", which counts as missing: " + missingMeans,
-                "Write the element as an object, such as {\"str\": \"Hello\", \"size\": 24} or "
-                "{\"file\": \"logo.png\"}.");
-        return nullptr;
-    }
-    return &m->value;
+    const JsonMember* m = memberOfType(
+        screen, name, &JsonNode::isObject,
+        std::string(", which counts as missing: ") + missingMeans,
+        "Write the element as an object, such as {\"str\": \"Hello\", \"size\": 24} or "
+        "{\"file\": \"logo.png\"}.");
+    return m != nullptr ? &m->value : nullptr;
 }
 
 void Checks::checkIgnored(const JsonNode& object, Words keys, const std::string& why) {
@@ -303,18 +296,27 @@ void Checks::checkIgnored(const JsonNode& object, Words keys, const std::string&
     }
 }
 
+// The member `name` of `object` when it is there and of the type the daemon
+// reads; null otherwise, with a warning when it is of another type.
+const JsonMember* Checks::memberOfType(const JsonNode& object, const char* name,
+                                       bool (JsonNode::*isType)() const,
+                                       const std::string& mistyped, const std::string& hint) {
+    const JsonMember* m = object.member(name);
+    if (m == nullptr || (m->value.*isType)()) {
+        return m;
+    }
+    warning(m->value.offset, quoted(name) + " is " + describeType(m->value) + mistyped, hint);
+    return nullptr;
+}
+
 template <typename T>
 void Checks::checkInteger(const JsonNode& object, const char* name, T taken,
                           const std::string& use) {
-    const JsonMember* m = object.member(name);
+    const JsonMember* m =
+        memberOfType(object, name, &JsonNode::isInteger,
+                     ", which counts as missing: the " + use + " is " + std::to_string(taken),
+                     "Write a whole number without quotes, such as 20.");
     if (m == nullptr) {
-        return;
-    }
-    if (!m->value.isInteger()) {
-        warning(m->value.offset,
-                quoted(name) + " is " + describeType(m->value) + ", which counts as missing: the " +
-                    use + " is " + std::to_string(taken),
-                "Write a whole number without quotes, such as 20.");
         return;
     }
     const bool same = m->value.type == nlohmann::json::value_t::number_unsigned
@@ -331,15 +333,10 @@ void Checks::checkInteger(const JsonNode& object, const char* name, T taken,
 
 void Checks::checkWord(const JsonNode& object, const char* name, Words words,
                        const std::string& fallback) {
-    const JsonMember* m = object.member(name);
+    const JsonMember* m =
+        memberOfType(object, name, &JsonNode::isString, ": the daemon uses " + quoted(fallback),
+                     "Write one of " + wordList(words) + ", in quotes.");
     if (m == nullptr) {
-        return;
-    }
-    if (!m->value.isString()) {
-        warning(m->value.offset,
-                quoted(name) + " is " + describeType(m->value) + ": the daemon uses " +
-                    quoted(fallback),
-                "Write one of " + wordList(words) + ", in quotes.");
         return;
     }
     const std::string word = m->value.text();
@@ -357,13 +354,9 @@ void Checks::checkWord(const JsonNode& object, const char* name, Words words,
 // count only when it is not empty. False when there is nothing to show.
 bool Checks::checkContent(const JsonNode& element, const ElementRules& rules, bool shows) {
     checkKeys(element, rules.known, rules.what);
-    const JsonMember* content = element.member(rules.content);
-    if (content != nullptr && !content->value.isString()) {
-        warning(content->value.offset,
-                quoted(rules.content) + " is " + describeType(content->value) +
-                    ", which counts as missing: " + rules.missing,
-                rules.contentHint);
-    }
+    (void)memberOfType(element, rules.content, &JsonNode::isString,
+                       std::string(", which counts as missing: ") + rules.missing,
+                       rules.contentHint);  // the text itself is in the element's conf
     if (!shows) {
         checkIgnored(element, rules.others, rules.without);
     }

@@ -95,6 +95,9 @@ private:
     void checkPosition(const JsonNode& element, const Conf& conf);
     void checkTiming(const JsonNode& img, const GuiImgConf& conf);
     void checkIgnored(const JsonNode& object, Words keys, const std::string& why);
+    const JsonMember* memberOfType(const JsonNode& object, const char* name,
+                                   bool (JsonNode::*isType)() const, const std::string& mistyped,
+                                   const std::string& hint);
     template <typename T>
     void checkInteger(const JsonNode& object, const char* name, T taken, const std::string& use);
     void checkWord(const JsonNode& object, const char* name, Words words,
