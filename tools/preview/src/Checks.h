@@ -36,9 +36,9 @@ struct Rect {
 // A list of the keys or words that the daemon knows, in its order.
 class Words {
 public:
+    // Implicit: the engine's tables of keys and words are passed as they are.
     template <size_t N>
-    Words(const char* const (&list)[N])  // NOLINT(google-explicit-constructor): any list is one
-        : list_(list), size_(N) {}
+    Words(const char* const (&list)[N]) : list_(list), size_(N) {}
     const char* const* begin() const { return list_; }
     const char* const* end() const { return list_ + size_; }
     size_t size() const { return size_; }
