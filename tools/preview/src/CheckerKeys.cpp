@@ -84,6 +84,18 @@ std::string wordList(Words words) {
 
 namespace checker {
 
+// What the daemon reads of an element: the key that holds what it shows, and
+// the keys it passes over when that is missing.
+struct ElementRules {
+    const char* what;  // "a text element"
+    Words known;
+    const char* content;      // the key of what it shows, a string
+    const char* missing;      // what a missing content means: "no text"
+    const char* contentHint;  // how to write the content
+    Words others;             // read only when there is content
+    const char* without;      // why they are ignored then
+};
+
 constexpr const char kRotationHint[] =
     "Write 0, 90, 180 or 270: how many degrees clockwise the picture is turned on the panel, "
     "for a panel mounted turned the other way.";
