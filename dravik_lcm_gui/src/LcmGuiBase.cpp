@@ -794,27 +794,16 @@ void LcmGui::convertPanelRect(const PanelRect& rect) {
 
 bool LcmGui::getOffsetXY(unsigned& x, unsigned& y, unsigned w, unsigned h, AlignHor alignHor,
                          AlignVert alignVert) {
-    const unsigned xres = screenWidth();
-    const unsigned yres = screenHeight();
-    if (endsBeyond(x, w, xres) || endsBeyond(y, h, yres)) {
+    const ElementPlace place =
+        placementOf(screenWidth(), screenHeight(), x, y, w, h, alignHor, alignVert);
+    if (!place.fits) {
         DRAVIK_LOG(logger::kError, 0,
                    "UI image parameters are out of screen: %dx%d at (%d, %d) -> %dx%d", w, h, x, y,
-                   xres, yres);
+                   screenWidth(), screenHeight());
         return false;
     }
-    // The fit is checked on the given position; the given offsets then count
-    // half for centre/middle and not at all for right/bottom. Kept as it is:
-    // screen files are laid out against exactly this rule.
-    if (alignHor == kAlignCenter) {
-        x = (xres - w + x) >> 1;
-    } else if (alignHor != kAlignLeft) {
-        x = xres - w;
-    }
-    if (alignVert == kAlignMiddle) {
-        y = (y - h + yres) >> 1;
-    } else if (alignVert != kAlignTop) {
-        y = yres - h;
-    }
+    x = place.x;
+    y = place.y;
     return true;
 }
 

@@ -1,6 +1,7 @@
 #include <algorithm>
 #include <array>
 
+#include "GuiLimits.h"
 #include "GuiPaths.h"
 #include "LcmGui.h"
 #include "PixelKernels.h"
@@ -188,6 +189,53 @@ void LcmGui::ditherLineGray(const unsigned char* src, unsigned char* dst, unsign
 
 // ---- Image elements ----
 
+ElementPlace placementOf(unsigned screenW, unsigned screenH, unsigned x, unsigned y, unsigned w,
+                         unsigned h, AlignHor alignHor, AlignVert alignVert) {
+    ElementPlace place;
+    place.beyondRight = uint64_t{x} + w > screenW;  // summed without wrapping
+    place.fits = !place.beyondRight && uint64_t{y} + h <= screenH;
+    if (!place.fits) {
+        return place;
+    }
+    // The fit is checked on the given position; the given offsets then count
+    // half for centre/middle and not at all for right/bottom. Kept as it is:
+    // screen files are laid out against exactly this rule.
+    place.x = alignHor == kAlignCenter ? (screenW - w + x) >> 1
+              : alignHor != kAlignLeft ? screenW - w
+                                       : x;
+    place.y = alignVert == kAlignMiddle ? (y - h + screenH) >> 1
+              : alignVert != kAlignTop  ? screenH - h
+                                        : y;
+    return place;
+}
+
+void usedSizeOf(unsigned cols, unsigned rows, AnimType type, unsigned count, unsigned& w,
+                unsigned& h) {
+    w = cols;
+    h = rows;
+    if (type == kAnimSlideshow && count > 1) {
+        w /= count;  // columns left over by the division are never shown
+    } else if (type == kAnimProgressbar) {
+        h /= 2;  // full picture above, empty picture below; an odd last row is unused
+    }
+}
+
+ImageVerdict imageFitOf(unsigned screenW, unsigned screenH, unsigned cols, unsigned rows,
+                        const GuiImgConf& conf) {
+    ImageVerdict verdict;
+    usedSizeOf(cols, rows, conf.animation, conf.count, verdict.w, verdict.h);
+    if (verdict.w == 0 || verdict.h == 0) {
+        verdict.fit = ImageFit::kNothingShown;
+    } else if (verdict.w > screenW || verdict.h > screenH) {
+        verdict.fit = ImageFit::kLargerThanScreen;
+    } else {
+        verdict.place = placementOf(screenW, screenH, conf.x, conf.y, verdict.w, verdict.h,
+                                    conf.alignHor, conf.alignVert);
+        verdict.fit = verdict.place.fits ? ImageFit::kFits : ImageFit::kOutOfScreen;
+    }
+    return verdict;
+}
+
 bool LcmGui::loadImage(const std::string& path, cv::Mat& img, const GuiImgConf& conf) {
     // The prefix test is made on the lexically normalised path, so that ".."
     // cannot climb out of the image directories; messages show the path as given.
@@ -211,35 +259,30 @@ bool LcmGui::loadImage(const std::string& path, cv::Mat& img, const GuiImgConf& 
         img.release();
         return false;
     }
-    unsigned width = 0;
-    unsigned height = 0;
-    getImgUsedSize(img, conf.animation, conf.count, width, height);
-    if (width == 0 || height == 0) {
+    const ImageVerdict verdict =
+        imageFitOf(screenWidth(), screenHeight(), static_cast<unsigned>(img.cols),
+                   static_cast<unsigned>(img.rows), conf);
+    if (verdict.fit == ImageFit::kNothingShown) {
         DRAVIK_LOG(logger::kWarning, 0, "UI image '%s' used size (%dx%d) should be non zero",
-                   path.c_str(), width, height);
+                   path.c_str(), verdict.w, verdict.h);
         img.release();
         return false;
     }
-    if (width > screenWidth() || height > screenHeight()) {
+    if (verdict.fit == ImageFit::kLargerThanScreen) {
         DRAVIK_LOG(logger::kWarning, 0,
                    "UI image '%s' used size %dx%d (anim %d, slides %d) larger than screen %dx%d",
-                   path.c_str(), width, height, conf.animation, conf.count, screenWidth(),
+                   path.c_str(), verdict.w, verdict.h, conf.animation, conf.count, screenWidth(),
                    screenHeight());
         img.release();
         return false;
     }
-    return true;
+    return true;  // the position is checked where the image is drawn
 }
 
 void LcmGui::getImgUsedSize(const cv::Mat& img, AnimType type, unsigned count, unsigned& width,
                             unsigned& height) {
-    width = static_cast<unsigned>(img.cols);
-    height = static_cast<unsigned>(img.rows);
-    if (type == kAnimSlideshow && count > 1) {
-        width /= count;  // columns left over by the division are never shown
-    } else if (type == kAnimProgressbar) {
-        height /= 2;  // full picture above, empty picture below; an odd last row is unused
-    }
+    usedSizeOf(static_cast<unsigned>(img.cols), static_cast<unsigned>(img.rows), type, count, width,
+               height);
 }
 
 bool LcmGui::renderImage(const cv::Mat& img, const GuiImgConf& conf, unsigned level, bool clear,
@@ -247,17 +290,16 @@ bool LcmGui::renderImage(const cv::Mat& img, const GuiImgConf& conf, unsigned le
     unsigned width = 0;
     unsigned height = 0;
     getImgUsedSize(img, conf.animation, conf.count, width, height);
-    unsigned x = conf.x;
-    unsigned y = conf.y;
-    if (uint64_t{x} + width > screenWidth() || uint64_t{y} + height > screenHeight()) {
+    const ElementPlace place = placementOf(screenWidth(), screenHeight(), conf.x, conf.y, width,
+                                           height, conf.alignHor, conf.alignVert);
+    if (!place.fits) {
         DRAVIK_LOG(logger::kError, 0,
                    "UI image parameters are out of screen: %dx%d at (%d, %d) -> %dx%d", width,
-                   height, x, y, screenWidth(), screenHeight());
+                   height, conf.x, conf.y, screenWidth(), screenHeight());
         return false;
     }
-    if (!getOffsetXY(x, y, width, height, conf.alignHor, conf.alignVert)) {
-        return false;
-    }
+    const unsigned x = place.x;
+    const unsigned y = place.y;
     // Nothing to draw into or from (no drawing buffer yet, or an empty picture).
     if (displayBuf.empty() || width == 0 || height == 0) {
         return false;

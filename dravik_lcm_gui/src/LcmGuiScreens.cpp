@@ -42,27 +42,26 @@ constexpr AnimationLimits kAnimationLimits[] = {
      nullptr},
 };
 
-// The message of the first limit that `img` breaks, with the offending number
-// in `value`; null when it keeps them all (a static image has none).
-const char* brokenAnimationLimit(const GuiImgConf& img, unsigned& value) {
+}  // namespace
+
+std::vector<AnimationBreach> animationBreaches(const GuiImgConf& img) {
+    std::vector<AnimationBreach> breaches;
     for (const AnimationLimits& limits : kAnimationLimits) {
         if (limits.kind != img.animation) {
             continue;
         }
         if (!inRange(img.duration, limits.minDurationMs, limits.maxDurationMs)) {
-            value = img.duration;
-            return limits.durationMessage;
+            breaches.push_back({AnimationLimit::kDuration, img.duration, limits.minDurationMs,
+                                limits.maxDurationMs, limits.durationMessage});
         }
         if (limits.countMessage != nullptr &&
             !inRange(img.count, limits.minCount, limits.maxCount)) {
-            value = img.count;
-            return limits.countMessage;
+            breaches.push_back({AnimationLimit::kCount, img.count, limits.minCount, limits.maxCount,
+                                limits.countMessage});
         }
     }
-    return nullptr;
+    return breaches;
 }
-
-}  // namespace
 
 // ---- Show commands ----
 
@@ -160,9 +159,9 @@ GuiImgConf LcmGui::imgConfFrom(LcmGuiImgSettingsElementRef element) {
 
 bool LcmGui::setState(GuiScreenDesc screen, unsigned long now) {
     const GuiImgConf& img = screen.img;
-    unsigned value = 0;
-    if (const char* message = brokenAnimationLimit(img, value)) {
-        DRAVIK_LOG(logger::kError, 0, message, value);
+    const std::vector<AnimationBreach> breaches = animationBreaches(img);
+    if (!breaches.empty()) {
+        DRAVIK_LOG(logger::kError, 0, breaches[0].logFormat, breaches[0].value);
         return false;
     }
     state.lastLevel = 0;

@@ -8,8 +8,35 @@
 
 namespace dravik::lcmgui {
 
+TextFit fontSizeFitOf(unsigned size) {
+    return size - kMinFontSize > kMaxFontSize - kMinFontSize ? TextFit::kSizeOutOfRange
+                                                             : TextFit::kFits;
+}
+
+TextFit lineHeightFitOf(unsigned lineHeight, unsigned screenH) {
+    return lineHeight > screenH ? TextFit::kLineTallerThanScreen : TextFit::kFits;
+}
+
+TextRoom textRoomOf(unsigned screenW, unsigned screenH, unsigned x, unsigned y) {
+    TextRoom room;
+    room.beyondRight = x >= screenW;
+    if (room.beyondRight || y >= screenH) {
+        room.fit = TextFit::kPositionOutOfScreen;
+        return room;
+    }
+    room.w = screenW - x;
+    room.h = screenH - y;
+    return room;
+}
+
+TextFit lineFitOf(unsigned lineH, const TextRoom& room) {
+    return room.fit != TextFit::kFits ? room.fit
+           : lineH > room.h           ? TextFit::kLineTallerThanRoom
+                                      : TextFit::kFits;
+}
+
 bool LcmGui::setFontGeometry(unsigned size) {
-    if (size - kMinFontSize > kMaxFontSize - kMinFontSize) {
+    if (fontSizeFitOf(size) != TextFit::kFits) {
         DRAVIK_LOG(logger::kError, 0, "Font size %d if out of range [%d..%d]", size, kMinFontSize,
                    kMaxFontSize);
         return false;
@@ -19,7 +46,7 @@ bool LcmGui::setFontGeometry(unsigned size) {
         DRAVIK_LOG(logger::kError, 0, "Failed to calculate font height");
         return false;
     }
-    if (lineHeight > screenHeight()) {
+    if (lineHeightFitOf(lineHeight, screenHeight()) != TextFit::kFits) {
         DRAVIK_LOG(logger::kError, 0, "maxLineHeight (%d) is out of screen height (%d)", lineHeight,
                    screenHeight());
         return false;
@@ -31,7 +58,7 @@ bool LcmGui::setFontGeometry(unsigned size) {
 bool LcmGui::renderText(const GuiTextConf& conf, bool clear, bool show) {
     unsigned x = conf.x;
     unsigned y = conf.y;
-    if (x >= screenWidth() || y >= screenHeight()) {
+    if (textRoomOf(screenWidth(), screenHeight(), x, y).fit != TextFit::kFits) {
         DRAVIK_LOG(logger::kError, 0, "Text pos (%d, %d) is out of screen %dx%d", x, y,
                    screenWidth(), screenHeight());
         return false;
@@ -57,8 +84,9 @@ bool LcmGui::renderText(const GuiTextConf& conf, bool clear, bool show) {
 
 bool LcmGui::drawTextCoverage(const GuiTextConf& conf, unsigned x, unsigned y, cv::Mat& coverage,
                               unsigned& drawnW, unsigned& drawnH) {
-    const unsigned availW = screenWidth() - x;
-    const unsigned availH = screenHeight() - y;
+    const TextRoom room = textRoomOf(screenWidth(), screenHeight(), x, y);
+    const unsigned availW = room.w;
+    const unsigned availH = room.h;
     unsigned width = 0;
     unsigned height = 0;
     // Measured within one line height, drawn with the whole height below the
@@ -68,7 +96,7 @@ bool LcmGui::drawTextCoverage(const GuiTextConf& conf, unsigned x, unsigned y, c
         DRAVIK_LOG(logger::kError, 0, "Failed to evaluate text dims");
         return false;
     }
-    if (height > availH) {
+    if (lineFitOf(height, room) != TextFit::kFits) {
         DRAVIK_LOG(logger::kError, 0, "Can not render line '%s'", conf.text.c_str());
         return false;
     }

@@ -1,10 +1,18 @@
 #include "dravik_utils/utils.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
 #include <climits>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <ctime>
+#include <vector>
+
+#include "dravik_utils/file_descriptor.h"
 
 namespace dravik::utils {
 namespace {
@@ -16,6 +24,37 @@ uint64_t monotonicMs() {
 }
 
 MsClock gMsClock = monotonicMs;
+
+// What a file that is not a regular file is, for the refusal's message.
+const char* kindOf(mode_t mode) {
+    struct Kind {
+        mode_t type;
+        const char* what;
+    };
+    static const Kind kKinds[] = {
+        {S_IFDIR, "is a directory"},    {S_IFIFO, "is a FIFO"},
+        {S_IFSOCK, "is a socket"},      {S_IFCHR, "is a character device"},
+        {S_IFBLK, "is a block device"},
+    };
+    for (const Kind& kind : kKinds) {
+        if ((mode & S_IFMT) == kind.type) {
+            return kind.what;
+        }
+    }
+    return "is not a regular file";
+}
+
+bool refuse(ReadError& error, ReadFailure failure, int errnum, std::string message) {
+    error.failure = failure;
+    error.errnum = errnum;
+    error.message = std::move(message);
+    return false;
+}
+
+bool refuseForErrno(ReadError& error, ReadFailure failure, const char* what) {
+    const int errnum = errno;
+    return refuse(error, failure, errnum, std::string(what) + ": " + std::strerror(errnum));
+}
 
 }  // namespace
 
@@ -63,6 +102,44 @@ MsClock setMsClock(MsClock clock) {
     MsClock previous = gMsClock;
     gMsClock = clock ? clock : monotonicMs;
     return previous;
+}
+
+bool readFileBounded(const std::string& path, size_t maxBytes, std::string& out, ReadError& error) {
+    error = ReadError{};
+    const FileDescriptor fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+    if (!fd.valid()) {
+        return refuseForErrno(error, ReadFailure::kOpen, "cannot open file");
+    }
+    struct stat info {};
+    if (::fstat(fd.get(), &info) != 0) {
+        return refuseForErrno(error, ReadFailure::kStatus, "cannot read file status");
+    }
+    if (!S_ISREG(info.st_mode)) {
+        error.mode = info.st_mode;
+        return refuse(error, ReadFailure::kNotRegular, 0, kindOf(info.st_mode));
+    }
+    const std::string tooLarge = "file is larger than " + std::to_string(maxBytes) + " bytes";
+    if (static_cast<uint64_t>(info.st_size) > maxBytes) {
+        return refuse(error, ReadFailure::kTooLarge, 0, tooLarge);
+    }
+    std::vector<char> buffer(size_t{64} * 1024);
+    out.clear();
+    for (;;) {
+        const ssize_t got = ::read(fd.get(), buffer.data(), buffer.size());
+        if (got < 0 && errno == EINTR) {
+            continue;
+        }
+        if (got < 0) {
+            return refuseForErrno(error, ReadFailure::kRead, "cannot read file");
+        }
+        if (got == 0) {
+            return true;
+        }
+        if (out.size() + static_cast<size_t>(got) > maxBytes) {
+            return refuse(error, ReadFailure::kTooLarge, 0, tooLarge);
+        }
+        out.append(buffer.data(), static_cast<size_t>(got));
+    }
 }
 
 }  // namespace dravik::utils

@@ -1,25 +1,17 @@
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <algorithm>
-#include <cerrno>
-#include <cstring>
 #include <iterator>
 #include <limits>
 #include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
 
-#include "dravik_utils/file_descriptor.h"
 #include "dravik_utils/tracking_iterator.h"
+#include "dravik_utils/utils.h"
 #include "dravik_variant/variant.h"
 
 namespace dravik::variant {
 
 namespace {
-
-using utils::FileDescriptor;
 
 JsonError& lastError() {
     static thread_local JsonError error;
@@ -164,77 +156,6 @@ private:
     JsonError error_;
 };
 
-std::string systemError(const char* what, int errnum) {
-    return std::string(what) + ": " + std::strerror(errnum);
-}
-
-// What a file that is not a regular file is, for the refusal's message.
-const char* kindOf(mode_t mode) {
-    struct Kind {
-        mode_t type;
-        const char* what;
-    };
-    static const Kind kKinds[] = {
-        {S_IFDIR, "is a directory"},    {S_IFIFO, "is a FIFO"},
-        {S_IFSOCK, "is a socket"},      {S_IFCHR, "is a character device"},
-        {S_IFBLK, "is a block device"},
-    };
-    for (const Kind& kind : kKinds) {
-        if ((mode & S_IFMT) == kind.type) {
-            return kind.what;
-        }
-    }
-    return "is not a regular file";
-}
-
-// Reads the whole file into `text`, refusing anything larger than the limit
-// before reading it. Only a regular file is read: the file is opened without
-// blocking, so that a FIFO under the name (whose open would wait for a
-// writer) or a device is refused at once instead of holding the caller. On
-// failure `message` says why.
-bool readBounded(const std::string& path, size_t limit, std::string& text, std::string& message) {
-    FileDescriptor fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
-    if (fd.get() < 0) {
-        message = systemError("cannot open file", errno);
-        return false;
-    }
-    struct stat info {};
-    if (::fstat(fd.get(), &info) != 0) {
-        message = systemError("cannot read file status", errno);
-        return false;
-    }
-    if (!S_ISREG(info.st_mode)) {
-        message = kindOf(info.st_mode);
-        return false;
-    }
-    const std::string tooLarge = "file is larger than " + std::to_string(limit) + " bytes";
-    if (static_cast<uint64_t>(info.st_size) > limit) {
-        message = tooLarge;
-        return false;
-    }
-    // A file that grows while it is read is still held to the limit.
-    std::vector<char> buffer(size_t{64} * 1024);
-    text.clear();
-    for (;;) {
-        const ssize_t got = ::read(fd.get(), buffer.data(), buffer.size());
-        if (got < 0 && errno == EINTR) {
-            continue;
-        }
-        if (got < 0) {
-            message = systemError("cannot read file", errno);
-            return false;
-        }
-        if (got == 0) {
-            return true;
-        }
-        if (text.size() + static_cast<size_t>(got) > limit) {
-            message = tooLarge;
-            return false;
-        }
-        text.append(buffer.data(), static_cast<size_t>(got));
-    }
-}
-
 bool parseInto(const std::string& text, Variant& target) {
     JsonError& error = lastError();
     error = JsonError{};
@@ -368,11 +289,11 @@ bool Variant::FromJSONString(const std::string& text) {
 
 bool Variant::FromJSONFile(const std::string& path) {
     std::string text;
-    std::string message;
-    if (!readBounded(path, kMaxJsonFileSize, text, message)) {
+    utils::ReadError failure;
+    if (!utils::readFileBounded(path, kMaxJsonFileSize, text, failure)) {
         JsonError& error = lastError();
         error = JsonError{};
-        error.message = message;
+        error.message = failure.message;
         return false;
     }
     return parseInto(text, *this);

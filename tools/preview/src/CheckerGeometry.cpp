@@ -1,5 +1,6 @@
 #include <algorithm>
 #include <cstdint>
+#include <string>
 
 #include "Checks.h"
 #include "GuiLimits.h"
@@ -92,10 +93,12 @@ void Checks::warnOfImageFormat(size_t fileAt, const std::string& path, const cv:
 std::optional<Rect> Checks::placeImage(const JsonNode& img, const GuiImgConf& conf,
                                        const std::string& path, const cv::Mat& colour) {
     const size_t fileAt = at(img, key::kFile);
-    unsigned w = 0;
-    unsigned h = 0;
-    engine_.getImgUsedSize(colour, conf.animation, conf.count, w, h);
-    if (w == 0 || h == 0) {
+    const lcmgui::ImageVerdict verdict =
+        lcmgui::imageFitOf(panelWidth(), panelHeight(), static_cast<unsigned>(colour.cols),
+                           static_cast<unsigned>(colour.rows), conf);
+    const unsigned w = verdict.w;
+    const unsigned h = verdict.h;
+    if (verdict.fit == lcmgui::ImageFit::kNothingShown) {
         const bool slides = conf.animation == lcmgui::kAnimSlideshow;
         warning(slides ? at(img, key::kCount) : fileAt,
                 slides ? "slideshow count " + std::to_string(conf.count) +
@@ -107,7 +110,7 @@ std::optional<Rect> Checks::placeImage(const JsonNode& img, const GuiImgConf& co
                        : "A progress bar image holds the full bar above the empty one.");
         return std::nullopt;
     }
-    if (w > panelWidth() || h > panelHeight()) {
+    if (verdict.fit == lcmgui::ImageFit::kLargerThanScreen) {
         const std::string per = conf.animation == lcmgui::kAnimSlideshow     ? " per slide"
                                 : conf.animation == lcmgui::kAnimProgressbar ? " per half"
                                                                              : "";
@@ -120,25 +123,20 @@ std::optional<Rect> Checks::placeImage(const JsonNode& img, const GuiImgConf& co
                     std::string(kShownWithout));
         return std::nullopt;
     }
-    unsigned x = conf.x;
-    unsigned y = conf.y;
-    if (uint64_t{x} + w > panelWidth() || uint64_t{y} + h > panelHeight()) {
+    if (verdict.fit == lcmgui::ImageFit::kOutOfScreen) {
         const bool aligned =
             conf.alignHor != lcmgui::kAlignLeft || conf.alignVert != lcmgui::kAlignTop;
-        warning(at(img, uint64_t{x} + w > panelWidth() ? key::kX : key::kY),
+        warning(at(img, verdict.place.beyondRight ? key::kX : key::kY),
                 "the image (" + std::to_string(w) + "x" + std::to_string(h) + ") at (" +
-                    std::to_string(x) + ", " + std::to_string(y) + ") reaches off the panel " +
-                    panelSize() + ": the daemon does not draw it",
+                    std::to_string(conf.x) + ", " + std::to_string(conf.y) +
+                    ") reaches off the panel " + panelSize() + ": the daemon does not draw it",
                 aligned ? "The position is checked before the alignment moves the image: with "
                           "\"center\" or \"middle\" it counts half, with \"right\" or \"bottom\" "
                           "not at all, yet it must still fit. Use 0 with those alignments."
                         : "Move it so that it fits on the panel. " + std::string(kShownWithout));
         return std::nullopt;
     }
-    if (!engine_.getOffsetXY(x, y, w, h, conf.alignHor, conf.alignVert)) {
-        return std::nullopt;
-    }
-    return Rect{x, y, w, h};
+    return Rect{verdict.place.x, verdict.place.y, w, h};
 }
 
 std::optional<Rect> Checks::checkTextGeometry(const JsonNode& text, const GuiTextConf& conf) {
@@ -156,7 +154,7 @@ std::optional<Rect> Checks::checkTextGeometry(const JsonNode& text, const GuiTex
 // its lines.
 bool Checks::checkFontSize(const JsonNode& text, const GuiTextConf& conf, unsigned& lineHeight) {
     const std::string leftOut = kLeftOut;
-    if (conf.size < lcmgui::kMinFontSize || conf.size > lcmgui::kMaxFontSize) {
+    if (lcmgui::fontSizeFitOf(conf.size) != lcmgui::TextFit::kFits) {
         warning(at(text, text.member(key::kSize) != nullptr ? key::kSize : key::kStr),
                 "font size " + std::to_string(conf.size) + " is outside " +
                     std::to_string(lcmgui::kMinFontSize) + ".." +
@@ -168,7 +166,7 @@ bool Checks::checkFontSize(const JsonNode& text, const GuiTextConf& conf, unsign
     if (!fontsReady_ || !fonts_.maxLineHeight(conf.size, lineHeight)) {
         return false;
     }
-    if (lineHeight > panelHeight()) {
+    if (lcmgui::lineHeightFitOf(lineHeight, panelHeight()) != lcmgui::TextFit::kFits) {
         warning(at(text, key::kSize),
                 "a line of font size " + std::to_string(conf.size) + " is " +
                     std::to_string(lineHeight) + " pixels tall, more than the panel's " +
@@ -185,8 +183,9 @@ std::optional<Rect> Checks::placeText(const JsonNode& text, const GuiTextConf& c
     const std::string leftOut = kLeftOut;
     unsigned x = conf.x;
     unsigned y = conf.y;
-    if (x >= panelWidth() || y >= panelHeight()) {
-        warning(at(text, x >= panelWidth() ? key::kX : key::kY),
+    const lcmgui::TextRoom room = lcmgui::textRoomOf(panelWidth(), panelHeight(), x, y);
+    if (room.fit != lcmgui::TextFit::kFits) {
+        warning(at(text, room.beyondRight ? key::kX : key::kY),
                 "the text position (" + std::to_string(x) + ", " + std::to_string(y) +
                     ") is off the panel " + panelSize() + ": the daemon leaves the text out",
                 "Positions count from the panel's top left corner, 0 .. width - 1 and "
@@ -194,26 +193,24 @@ std::optional<Rect> Checks::placeText(const JsonNode& text, const GuiTextConf& c
                     leftOut);
         return std::nullopt;
     }
-    const unsigned availW = panelWidth() - x;
-    const unsigned availH = panelHeight() - y;
     unsigned w = 0;
     unsigned h = 0;
-    if (!fonts_.lineRender(conf.text, conf.size, nullptr, availW, lineHeight, availW, true, w, h)) {
+    if (!fonts_.lineRender(conf.text, conf.size, nullptr, room.w, lineHeight, room.w, true, w, h)) {
         warning(at(text, key::kStr), "the text cannot be measured: the daemon leaves it out",
                 leftOut);
         return std::nullopt;
     }
-    if (h > availH) {
+    if (lcmgui::lineFitOf(h, room) != lcmgui::TextFit::kFits) {
         warning(at(text, text.member(key::kY) != nullptr ? key::kY : key::kStr),
                 "a line " + std::to_string(h) +
                     " pixels tall does not fit below y = " + std::to_string(y) + " (" +
-                    std::to_string(availH) + " pixels are left): the daemon leaves the text out",
+                    std::to_string(room.h) + " pixels are left): the daemon leaves the text out",
                 "The space below y must hold a whole line, whatever the vertical alignment. " +
                     leftOut);
         return std::nullopt;
     }
-    checkCut(text, conf, lineHeight, x, availW);
-    w = std::min(w, availW);
+    checkCut(text, conf, lineHeight, x, room.w);
+    w = std::min(w, room.w);
     if (!engine_.getOffsetXY(x, y, w, h, conf.alignHor, conf.alignVert)) {
         return std::nullopt;
     }

@@ -1,8 +1,11 @@
 #pragma once
 
-// The checks of a screens file, shared by the sources of the checker: the file
-// and its screens (Checker.cpp), and where the elements land on the panel
-// (CheckerGeometry.cpp).
+// The checks of a screens file, one family of rules in each source of the
+// checker: reading the file and the daemon's verdict on it (CheckerFile.cpp),
+// its keys and values (CheckerKeys.cpp), the limits of animations
+// (CheckerAnimation.cpp), and where the elements land on the panel
+// (CheckerGeometry.cpp). The rules themselves are the display engine's: the
+// checker asks it and words its answers.
 
 #include <optional>
 #include <string>
@@ -30,6 +33,23 @@ struct Rect {
     unsigned x = 0, y = 0, w = 0, h = 0;
 };
 
+// A list of the keys or words that the daemon knows, in its order.
+class Words {
+public:
+    // Implicit: the engine's tables of keys and words are passed as they are.
+    template <size_t N>
+    Words(const char* const (&list)[N]) : list_(list), size_(N) {}
+    const char* const* begin() const { return list_; }
+    const char* const* end() const { return list_ + size_; }
+    size_t size() const { return size_; }
+
+private:
+    const char* const* list_;
+    size_t size_;
+};
+
+struct ElementRules;  // CheckerKeys.cpp
+
 class Checks {
 public:
     Checks(const std::string& path, const std::string& text, const CheckOptions& options)
@@ -53,20 +73,24 @@ private:
     void checkRotation(const JsonNode& root);
     void checkBackLight(const JsonNode& root);
     void checkScreens(const JsonNode& screens, const Variant& variantRoot);
-    template <size_t N>
-    void checkKeys(const JsonNode& object, const char* const (&known)[N], const std::string& what);
+    void checkKeys(const JsonNode& object, Words known, const std::string& what);
     bool checkScreensList(const JsonNode& root, const JsonMember* screens);
     void checkScreen(size_t index, const JsonNode& screen, const GuiScreenDesc& desc);
     void checkName(size_t index, const JsonNode& screen);
     const JsonNode* element(const JsonNode& screen, const char* name, const char* missingMeans);
     void checkText(const JsonNode& text, const GuiTextConf& conf);
     void checkImgKeys(const JsonNode& img, const GuiImgConf& conf);
-    void checkIgnored(const JsonNode& object, const char* const* keys, size_t count,
-                      const std::string& why);
+    bool checkContent(const JsonNode& element, const ElementRules& rules, bool shows);
+    template <typename Conf>
+    void checkPosition(const JsonNode& element, const Conf& conf);
+    void checkTiming(const JsonNode& img, const GuiImgConf& conf);
+    void checkIgnored(const JsonNode& object, Words keys, const std::string& why);
+    const JsonMember* memberOfType(const JsonNode& object, const char* name,
+                                   bool (JsonNode::*isType)() const, const std::string& mistyped,
+                                   const std::string& hint);
     template <typename T>
     void checkInteger(const JsonNode& object, const char* name, T taken, const std::string& use);
-    template <size_t N>
-    void checkWord(const JsonNode& object, const char* name, const char* const (&words)[N],
+    void checkWord(const JsonNode& object, const char* name, Words words,
                    const std::string& fallback);
     void checkAnimation(const JsonNode& img, const GuiImgConf& conf);
     std::optional<Rect> checkImage(const JsonNode& img, const GuiImgConf& conf);

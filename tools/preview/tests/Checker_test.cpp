@@ -22,12 +22,18 @@ protected:
     }
     static void TearDownTestSuite() { root_.reset(); }
 
-    static std::vector<Finding> check(const std::string& file, const std::string& panel) {
+    // The findings of the file `path` on `panel`, images looked up below `root`.
+    static std::vector<Finding> checkPath(const std::string& path, const std::string& panel,
+                                          const std::string& root) {
         CheckOptions options;
         std::string error;
         EXPECT_TRUE(parsePanel(panel, options.panel, error)) << error;
-        options.root = root_->path();
-        return checkScreensFile(std::string(PREVIEW_TESTS_DIR) + "/data/" + file, options);
+        options.root = root;
+        return checkScreensFile(path, options);
+    }
+    // The same for a file of tests/data, with the mistakes' images.
+    static std::vector<Finding> check(const std::string& file, const std::string& panel) {
+        return checkPath(std::string(PREVIEW_TESTS_DIR) + "/data/" + file, panel, root_->path());
     }
 
     static std::unique_ptr<dravik::testsupport::TempDir> root_;
@@ -152,10 +158,7 @@ TEST_F(CheckerTest, an_unreadable_file_is_an_error_without_a_position) {
 }
 
 TEST_F(CheckerTest, a_directory_is_an_error_without_a_position) {
-    CheckOptions options;
-    std::string error;
-    ASSERT_TRUE(parsePanel("240x240x16", options.panel, error));
-    const auto findings = checkScreensFile(PREVIEW_TESTS_DIR, options);
+    const auto findings = checkPath(PREVIEW_TESTS_DIR, "240x240x16", "");
     ASSERT_EQ(findings.size(), 1u);
     EXPECT_TRUE(findings[0].error);
     EXPECT_EQ(findings[0].message, "not a regular file");

@@ -1,39 +1,23 @@
-#include "preview/Checker.h"
-
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <cctype>
-#include <cerrno>
-#include <cstring>
-#include <iterator>
+#include <limits>
 #include <map>
 #include <nlohmann/json.hpp>
 #include <optional>
-#include <sstream>
 
 #include "Checks.h"
 #include "GuiConfig.h"
-#include "GuiLimits.h"
-#include "GuiPaths.h"
-#include "LcmGui.h"
-#include "dravik_fontrenderer/FontRenderer.h"
-#include "dravik_utils/utils.h"
-#include "dravik_variant/variant.h"
 #include "preview/JsonPositions.h"
-#include "preview/Renderer.h"
+
+// The keys and values of the file, its screens and their elements: what the
+// daemon reads, what it passes over, and what it makes of a mistyped value.
 
 namespace dravik::preview {
 
 namespace {
 
 namespace key = lcmgui::key;
-using lcmgui::GuiImgConf;
-using lcmgui::GuiScreenDesc;
-using lcmgui::GuiTextConf;
-using variant::Variant;
+using checker::Words;
 
 // ---- Words and spelling ----
 
@@ -62,8 +46,7 @@ std::string lower(std::string s) {
 
 // The known word that `word` most likely meant: one that differs only in case,
 // else the closest within a few edits; "" when none is close.
-template <size_t N>
-std::string nearest(const std::string& word, const char* const (&known)[N]) {
+std::string nearest(const std::string& word, Words known) {
     for (const char* candidate : known) {
         if (lower(word) == lower(candidate)) {
             return candidate;
@@ -82,144 +65,40 @@ std::string nearest(const std::string& word, const char* const (&known)[N]) {
     return best;
 }
 
-template <size_t N>
-bool isKnown(const std::string& word, const char* const (&known)[N]) {
-    return std::any_of(std::begin(known), std::end(known),
+bool isKnown(const std::string& word, Words known) {
+    return std::any_of(known.begin(), known.end(),
                        [&](const char* candidate) { return word == candidate; });
 }
 
-template <size_t N>
-std::string wordList(const char* const (&words)[N]) {
+std::string wordList(Words words) {
     std::string list;
-    for (size_t i = 0; i < N; ++i) {
-        list += (i == 0 ? "" : i + 1 == N ? " or " : ", ");
-        list += std::string("\"") + words[i] + "\"";
+    const size_t n = words.size();
+    for (size_t i = 0; i < n; ++i) {
+        list += (i == 0 ? "" : i + 1 == n ? " or " : ", ");
+        list += std::string("\"") + words.begin()[i] + "\"";
     }
     return list;
-}
-
-// The file's bytes, like the daemon reads them: a regular file of at most
-// Variant::kMaxJsonFileSize bytes. False with the reason in `error`.
-bool readScreensFile(const std::string& path, std::string& text, std::string& error) {
-    const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0) {
-        error = std::string("cannot read the file: ") + std::strerror(errno);
-        return false;
-    }
-    struct stat info = {};
-    bool ok = fstat(fd, &info) == 0 && S_ISREG(info.st_mode);
-    error = ok ? "" : "not a regular file";
-    char buffer[65536];
-    while (ok) {
-        const ssize_t n = read(fd, buffer, sizeof buffer);
-        if (n < 0 && errno == EINTR) {
-            continue;
-        }
-        if (n < 0) {
-            error = std::string("cannot read the file: ") + std::strerror(errno);
-            ok = false;
-        } else if (n == 0) {
-            break;
-        } else if (text.size() + static_cast<size_t>(n) > Variant::kMaxJsonFileSize) {
-            error = "the file is larger than the daemon reads (16 MiB)";
-            ok = false;
-        } else {
-            text.append(buffer, static_cast<size_t>(n));
-        }
-    }
-    close(fd);
-    return ok;
 }
 
 }  // namespace
 
 namespace checker {
 
+// What the daemon reads of an element: the key that holds what it shows, and
+// the keys it passes over when that is missing.
+struct ElementRules {
+    const char* what;  // "a text element"
+    Words known;
+    const char* content;      // the key of what it shows, a string
+    const char* missing;      // what a missing content means: "no text"
+    const char* contentHint;  // how to write the content
+    Words others;             // read only when there is content
+    const char* without;      // why they are ignored then
+};
+
 constexpr const char kRotationHint[] =
     "Write 0, 90, 180 or 270: how many degrees clockwise the picture is turned on the panel, "
     "for a panel mounted turned the other way.";
-
-// ---- The checks ----
-
-std::vector<Finding> Checks::run() {
-    {
-        EngineMessages quiet;
-        Variant probe;  // the turn sets the screen's size for every later rule
-        const int rotation = options_.rotation != lcmgui::kRotationUnset ? options_.rotation
-                             : probe.FromJSONString(text_) ? lcmgui::GuiConfig::readRotation(probe)
-                                                           : lcmgui::kRotationUnset;
-        if (rotation != lcmgui::kRotationUnset) {
-            engine_.overrideRotation(static_cast<unsigned>(rotation));
-        }
-        if (!engine_.initInMemory(options_.panel.var)) {
-            error(0, "the display engine cannot draw on a " + describe(options_.panel) + " panel",
-                  "Choose a panel of 15, 16, 24 or 32 bits per pixel.");
-            return findings();
-        }
-    }
-    fontsReady_ = fonts_.init();
-    if (!fontsReady_) {
-        warning(0, "no font could be loaded, so text sizes are not checked",
-                "Install the font the daemon uses (DejaVu Sans, package fonts-dejavu-core).");
-    }
-    Variant variantRoot;
-    if (checkSyntax(variantRoot)) {
-        JsonNode root;
-        if (!parseWithPositions(text_, root)) {
-            error(0, "the file is not JSON that this checker can read",
-                  "Check the file with a JSON validator.");
-        } else {
-            checkFile(root, variantRoot);
-            checkDaemonVerdict();
-        }
-    }
-    return findings();
-}
-
-// The daemon's own loader has the last word on the file: a refusal that the
-// checks above did not explain is reported as it is.
-void Checks::checkDaemonVerdict() {
-    if (std::any_of(problems_.begin(), problems_.end(), [](const Problem& p) { return p.error; })) {
-        return;
-    }
-    EngineMessages log;
-    lcmgui::GuiConfig config;
-    if (config.fromJSONFile(path_)) {
-        return;
-    }
-    std::string reason;
-    for (const auto& record : log.records()) {
-        if (record.level <= logger::kError) {
-            reason += (reason.empty() ? "" : "; ") + record.message;
-        }
-    }
-    error(0, "the daemon refuses this file: " + reason,
-          "Run the daemon with this file to see its log.");
-}
-
-std::vector<Finding> Checks::findings() {
-    std::stable_sort(problems_.begin(), problems_.end(),
-                     [](const Problem& a, const Problem& b) { return a.offset < b.offset; });
-    std::vector<Finding> findings;
-    for (const Problem& p : problems_) {
-        const TextPosition position = locate(text_, p.offset);
-        findings.push_back({path_, position.line, position.column, p.error, p.message, p.hint});
-    }
-    return findings;
-}
-
-// The daemon's own reader decides what is JSON; it also bounds the nesting and
-// the size of integers.
-bool Checks::checkSyntax(Variant& root) {
-    if (root.FromJSONString(text_)) {
-        return true;
-    }
-    const variant::JsonError& failure = Variant::LastJsonError();
-    error(failure.byteOffset, "JSON syntax: " + failure.message,
-          "The daemon cannot read the file at all and does not start with it. A missing "
-          "comma, quote or bracket just before this place is the usual cause.");
-    return false;
-}
 
 void Checks::checkFile(const JsonNode& root, const Variant& variantRoot) {
     if (!root.isObject()) {
@@ -319,9 +198,7 @@ void Checks::checkScreens(const JsonNode& screens, const Variant& variantRoot) {
     }
 }
 
-template <size_t N>
-void Checks::checkKeys(const JsonNode& object, const char* const (&known)[N],
-                       const std::string& what) {
+void Checks::checkKeys(const JsonNode& object, Words known, const std::string& what) {
     for (const JsonMember& m : object.members) {
         if (isKnown(m.key, known)) {
             if (object.member(m.key) != &m) {
@@ -412,45 +289,46 @@ void Checks::checkScreen(size_t index, const JsonNode& screen, const GuiScreenDe
 
 const JsonNode* Checks::element(const JsonNode& screen, const char* name,
                                 const char* missingMeans) {
-    const JsonMember* m = screen.member(name);
-    if (m == nullptr) {
-        return nullptr;
-    }
-    if (!m->value.isObject()) {
-        warning(m->value.offset,
-                quoted(name) + " is " + describeType(m->value) +
-                    ", which counts as missing: " + missingMeans,
-                "Write the element as an object, such as {\"str\": \"Hello\", \"size\": 24} or "
-                "{\"file\": \"logo.png\"}.");
-        return nullptr;
-    }
-    return &m->value;
+    const JsonMember* m = memberOfType(
+        screen, name, &JsonNode::isObject,
+        std::string(", which counts as missing: ") + missingMeans,
+        "Write the element as an object, such as {\"str\": \"Hello\", \"size\": 24} or "
+        "{\"file\": \"logo.png\"}.");
+    return m != nullptr ? &m->value : nullptr;
 }
 
-void Checks::checkIgnored(const JsonNode& object, const char* const* keys, size_t count,
-                          const std::string& why) {
-    for (size_t i = 0; i < count; ++i) {
-        const JsonMember* m = object.member(keys[i]);
+void Checks::checkIgnored(const JsonNode& object, Words keys, const std::string& why) {
+    for (const char* name : keys) {
+        const JsonMember* m = object.member(name);
         if (m != nullptr) {
-            warning(m->keyOffset, quoted(keys[i]) + " is ignored: " + why,
+            warning(m->keyOffset, quoted(name) + " is ignored: " + why,
                     "The daemon reads the other keys of an element only when it has something "
                     "to show, and \"duration\" and \"count\" only with an \"animation\".");
         }
     }
 }
 
+// The member `name` of `object` when it is there and of the type the daemon
+// reads; null otherwise, with a warning when it is of another type.
+const JsonMember* Checks::memberOfType(const JsonNode& object, const char* name,
+                                       bool (JsonNode::*isType)() const,
+                                       const std::string& mistyped, const std::string& hint) {
+    const JsonMember* m = object.member(name);
+    if (m == nullptr || (m->value.*isType)()) {
+        return m;
+    }
+    warning(m->value.offset, quoted(name) + " is " + describeType(m->value) + mistyped, hint);
+    return nullptr;
+}
+
 template <typename T>
 void Checks::checkInteger(const JsonNode& object, const char* name, T taken,
                           const std::string& use) {
-    const JsonMember* m = object.member(name);
+    const JsonMember* m =
+        memberOfType(object, name, &JsonNode::isInteger,
+                     ", which counts as missing: the " + use + " is " + std::to_string(taken),
+                     "Write a whole number without quotes, such as 20.");
     if (m == nullptr) {
-        return;
-    }
-    if (!m->value.isInteger()) {
-        warning(m->value.offset,
-                quoted(name) + " is " + describeType(m->value) + ", which counts as missing: the " +
-                    use + " is " + std::to_string(taken),
-                "Write a whole number without quotes, such as 20.");
         return;
     }
     const bool same = m->value.type == nlohmann::json::value_t::number_unsigned
@@ -465,18 +343,12 @@ void Checks::checkInteger(const JsonNode& object, const char* name, T taken,
     }
 }
 
-template <size_t N>
-void Checks::checkWord(const JsonNode& object, const char* name, const char* const (&words)[N],
+void Checks::checkWord(const JsonNode& object, const char* name, Words words,
                        const std::string& fallback) {
-    const JsonMember* m = object.member(name);
+    const JsonMember* m =
+        memberOfType(object, name, &JsonNode::isString, ": the daemon uses " + quoted(fallback),
+                     "Write one of " + wordList(words) + ", in quotes.");
     if (m == nullptr) {
-        return;
-    }
-    if (!m->value.isString()) {
-        warning(m->value.offset,
-                quoted(name) + " is " + describeType(m->value) + ": the daemon uses " +
-                    quoted(fallback),
-                "Write one of " + wordList(words) + ", in quotes.");
         return;
     }
     const std::string word = m->value.text();
@@ -490,51 +362,67 @@ void Checks::checkWord(const JsonNode& object, const char* name, const char* con
             "The words are compared exactly, lower case only.");
 }
 
+// The key that holds what the element shows must be a string; the others
+// count only when it is not empty. False when there is nothing to show.
+bool Checks::checkContent(const JsonNode& element, const ElementRules& rules, bool shows) {
+    checkKeys(element, rules.known, rules.what);
+    (void)memberOfType(element, rules.content, &JsonNode::isString,
+                       std::string(", which counts as missing: ") + rules.missing,
+                       rules.contentHint);  // the text itself is in the element's conf
+    if (!shows) {
+        checkIgnored(element, rules.others, rules.without);
+    }
+    return shows;
+}
+
+template <typename Conf>
+void Checks::checkPosition(const JsonNode& element, const Conf& conf) {
+    checkInteger<uint16_t>(element, key::kX, conf.x, "position x");
+    checkInteger<uint16_t>(element, key::kY, conf.y, "position y");
+    checkWord(element, key::kHorizontal, lcmgui::kAlignHorWords, "left");
+    checkWord(element, key::kVertical, lcmgui::kAlignVertWords, "top");
+}
+
 void Checks::checkText(const JsonNode& text, const GuiTextConf& conf) {
-    checkKeys(text, lcmgui::kTextKeys, "a text element");
-    const JsonMember* str = text.member(key::kStr);
-    if (str != nullptr && !str->value.isString()) {
-        warning(str->value.offset,
-                "\"str\" is " + describeType(str->value) + ", which counts as missing: no text",
-                "Write the text in quotes.");
+    static const char* const kOthers[] = {key::kSize, key::kX, key::kY, key::kHorizontal,
+                                          key::kVertical};
+    static const ElementRules kRules = {"a text element",
+                                        lcmgui::kTextKeys,
+                                        key::kStr,
+                                        "no text",
+                                        "Write the text in quotes.",
+                                        kOthers,
+                                        "the text element has no \"str\""};
+    if (checkContent(text, kRules, !conf.text.empty())) {
+        checkInteger<uint16_t>(text, key::kSize, conf.size, "font size");
+        checkPosition(text, conf);
     }
-    if (conf.text.empty()) {
-        static const char* const kOthers[] = {key::kSize, key::kX, key::kY, key::kHorizontal,
-                                              key::kVertical};
-        checkIgnored(text, kOthers, std::size(kOthers), "the text element has no \"str\"");
-        return;
-    }
-    checkInteger<uint16_t>(text, key::kSize, conf.size, "font size");
-    checkInteger<uint16_t>(text, key::kX, conf.x, "position x");
-    checkInteger<uint16_t>(text, key::kY, conf.y, "position y");
-    checkWord(text, key::kHorizontal, lcmgui::kAlignHorWords, "left");
-    checkWord(text, key::kVertical, lcmgui::kAlignVertWords, "top");
 }
 
 void Checks::checkImgKeys(const JsonNode& img, const GuiImgConf& conf) {
-    checkKeys(img, lcmgui::kImgKeys, "an image element");
-    const JsonMember* file = img.member(key::kFile);
-    if (file != nullptr && !file->value.isString()) {
-        warning(file->value.offset,
-                "\"file\" is " + describeType(file->value) + ", which counts as missing: no image",
-                "Write the file name in quotes, relative to \"imgPath\".");
+    static const char* const kOthers[] = {key::kX,        key::kY,         key::kHorizontal,
+                                          key::kVertical, key::kAnimation, key::kDuration,
+                                          key::kCount};
+    static const ElementRules kRules = {"an image element",
+                                        lcmgui::kImgKeys,
+                                        key::kFile,
+                                        "no image",
+                                        "Write the file name in quotes, relative to \"imgPath\".",
+                                        kOthers,
+                                        "the image element has no \"file\""};
+    if (checkContent(img, kRules, !conf.file.empty())) {
+        checkPosition(img, conf);
+        checkWord(img, key::kAnimation, lcmgui::kAnimationWords, "static");
+        checkTiming(img, conf);
     }
-    if (conf.file.empty()) {
-        static const char* const kOthers[] = {key::kX,        key::kY,         key::kHorizontal,
-                                              key::kVertical, key::kAnimation, key::kDuration,
-                                              key::kCount};
-        checkIgnored(img, kOthers, std::size(kOthers), "the image element has no \"file\"");
-        return;
-    }
-    checkInteger<uint16_t>(img, key::kX, conf.x, "position x");
-    checkInteger<uint16_t>(img, key::kY, conf.y, "position y");
-    checkWord(img, key::kHorizontal, lcmgui::kAlignHorWords, "left");
-    checkWord(img, key::kVertical, lcmgui::kAlignVertWords, "top");
-    checkWord(img, key::kAnimation, lcmgui::kAnimationWords, "static");
+}
+
+// "duration" and "count" are read with an "animation", and used by some.
+void Checks::checkTiming(const JsonNode& img, const GuiImgConf& conf) {
     const JsonMember* animation = img.member(key::kAnimation);
     if (animation == nullptr || animation->value.text().empty()) {
         static const char* const kTiming[] = {key::kDuration, key::kCount};
-        checkIgnored(img, kTiming, std::size(kTiming), "the image element has no \"animation\"");
+        checkIgnored(img, kTiming, "the image element has no \"animation\"");
         return;
     }
     checkInteger<uint32_t>(img, key::kDuration, conf.duration, "duration");
@@ -553,46 +441,6 @@ void Checks::checkImgKeys(const JsonNode& img, const GuiImgConf& conf) {
     }
 }
 
-void Checks::checkAnimation(const JsonNode& img, const GuiImgConf& conf) {
-    if (conf.file.empty() || conf.animation == lcmgui::kAnimStatic) {
-        return;
-    }
-    const std::string refused =
-        "A refused screen is never shown: the request to show it fails and the screen on show "
-        "stays. A missing or mistyped value counts as 0.";
-    const std::string kind = lcmgui::kAnimationWords[conf.animation];
-    const uint32_t maxMs =
-        conf.animation == lcmgui::kAnimProgressbar ? lcmgui::kMaxProgressMs : lcmgui::kMaxCycleMs;
-    if (conf.duration < lcmgui::kMinPeriodMs || conf.duration > maxMs) {
-        const size_t offset = img.member(key::kDuration) != nullptr ? at(img, key::kDuration)
-                                                                    : at(img, key::kAnimation);
-        warning(offset,
-                kind + " duration " + std::to_string(conf.duration) + " ms is outside " +
-                    std::to_string(lcmgui::kMinPeriodMs) + ".." + std::to_string(maxMs) +
-                    " ms: the daemon refuses this screen",
-                refused);
-    }
-    if (conf.animation == lcmgui::kAnimSlideshow &&
-        (conf.count < 1 || conf.count > lcmgui::kMaxSlides)) {
-        const size_t offset =
-            img.member(key::kCount) != nullptr ? at(img, key::kCount) : at(img, key::kAnimation);
-        warning(offset,
-                "slideshow count " + std::to_string(conf.count) + " is outside 1.." +
-                    std::to_string(lcmgui::kMaxSlides) + ": the daemon refuses this screen",
-                refused);
-    }
-}
-
 }  // namespace checker
-
-std::vector<Finding> checkScreensFile(const std::string& path, const CheckOptions& options) {
-    std::string text;
-    std::string error;
-    if (!readScreensFile(path, text, error)) {
-        return {{path, 0, 0, true, error, "Give the path of a screens file of at most 16 MiB."}};
-    }
-    checker::Checks checks(path, text, options);
-    return checks.run();
-}
 
 }  // namespace dravik::preview
