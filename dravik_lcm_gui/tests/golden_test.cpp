@@ -25,7 +25,9 @@
 using namespace dravik::lcmgui;
 using Access = LcmGuiTestAccess;
 using dravik::panel::enginePicture;
+using dravik::panel::imageScreen;
 using dravik::panel::SceneClock;
+using dravik::panel::textScreen;
 using dravik::testsupport::GoldenPictures;
 using dravik::testsupport::TempDir;
 namespace fs = std::filesystem;
@@ -98,43 +100,24 @@ cv::Mat turnedPalettePicture(LcmGui& gui) {
     return indexPicture(gui, indices.data(), var.xres, var.yres);
 }
 
-GuiScreenDesc image(const char* file, AnimType animation = kAnimStatic, uint32_t duration = 0,
-                    uint16_t count = 0) {
-    GuiScreenDesc desc;
-    desc.img.file = file;
-    desc.img.animation = animation;
-    desc.img.duration = duration;
-    desc.img.count = count;
-    return desc;
-}
-
-GuiScreenDesc text(const char* str, uint16_t size, uint16_t x = 0, uint16_t y = 0) {
-    GuiScreenDesc desc;
-    desc.text.text = str;
-    desc.text.size = size;
-    desc.text.x = x;
-    desc.text.y = y;
-    return desc;
-}
-
 // The edge cases, on a 64 x 48 panel.
 std::vector<Scene> edgeScenes() {
     constexpr unsigned w = 64;
     constexpr unsigned h = 48;
     std::vector<Scene> scenes;
-    GuiScreenDesc overlap = text("Hi", 20);
-    overlap.img = image("block.png").img;
+    GuiScreenDesc overlap = textScreen("Hi", 20);
+    overlap.img = imageScreen("block.png").img;
     scenes.push_back({"overlap_saturating", w, h, overlap, 0});
-    scenes.push_back({"text_clipped_at_right_edge", w, h, text("Clipped", 16, 40, 10), 0});
+    scenes.push_back({"text_clipped_at_right_edge", w, h, textScreen("Clipped", 16, 40, 10), 0});
     for (int hor = 0; hor < 3; ++hor) {
         for (int vert = 0; vert < 3; ++vert) {
             const std::string where =
                 std::string(kAlignHorWords[hor]) + "_" + kAlignVertWords[vert];
-            GuiScreenDesc img = image("tile.png");
+            GuiScreenDesc img = imageScreen("tile.png");
             img.img.alignHor = static_cast<AlignHor>(hor);
             img.img.alignVert = static_cast<AlignVert>(vert);
             scenes.push_back({"image_" + where, w, h, img, 0});
-            GuiScreenDesc txt = text("Ag", 12);
+            GuiScreenDesc txt = textScreen("Ag", 12);
             txt.text.alignHor = static_cast<AlignHor>(hor);
             txt.text.alignVert = static_cast<AlignVert>(vert);
             scenes.push_back({"text_" + where, w, h, txt, 0});
@@ -142,7 +125,7 @@ std::vector<Scene> edgeScenes() {
     }
     for (uint64_t slide = 0; slide < 4; ++slide) {
         scenes.push_back({"slideshow_slide" + std::to_string(slide), w, h,
-                          image("strip.png", kAnimSlideshow, 400, 4), 100 * slide + 50});
+                          imageScreen("strip.png", kAnimSlideshow, 400, 4), 100 * slide + 50});
     }
     // Breathing over 2000 ms: the black full redraw, then the second period at
     // its start (level 50), rising (85), at the top plateau (99, about 437 ..
@@ -157,13 +140,13 @@ std::vector<Scene> edgeScenes() {
                    {"bottom_plateau", 3500}};
     for (const auto& breath : breaths) {
         scenes.push_back({std::string("breathing_") + breath.name, w, h,
-                          image("tile.png", kAnimBreathing, 2000), breath.at});
+                          imageScreen("tile.png", kAnimBreathing, 2000), breath.at});
     }
     // A bar 40 wide filled over 1000 ms: empty, 7 pixels, half, full.
     const uint64_t bars[] = {0, 175, 500, 1000};
     for (const uint64_t at : bars) {
         scenes.push_back({"progressbar_" + std::to_string(at * 40 / 1000) + "px", w, h,
-                          image("bar.png", kAnimProgressbar, 1000), at});
+                          imageScreen("bar.png", kAnimProgressbar, 1000), at});
     }
     return scenes;
 }

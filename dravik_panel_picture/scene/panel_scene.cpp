@@ -36,6 +36,25 @@ ChannelLayout channel(const fb_bitfield& field) {
 
 }  // namespace
 
+lcmgui::GuiScreenDesc imageScreen(const char* file, lcmgui::AnimType animation, uint32_t duration,
+                                  uint16_t count) {
+    lcmgui::GuiScreenDesc desc;
+    desc.img.file = file;
+    desc.img.animation = animation;
+    desc.img.duration = duration;
+    desc.img.count = count;
+    return desc;
+}
+
+lcmgui::GuiScreenDesc textScreen(const char* text, uint16_t size, uint16_t x, uint16_t y) {
+    lcmgui::GuiScreenDesc desc;
+    desc.text.text = text;
+    desc.text.size = size;
+    desc.text.x = x;
+    desc.text.y = y;
+    return desc;
+}
+
 SceneClock::SceneClock(uint64_t startMs)
     : startMs_(startMs), previous_(utils::setMsClock(sceneNow)) {
     gSceneNow = startMs_;

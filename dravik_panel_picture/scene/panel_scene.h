@@ -37,6 +37,13 @@ private:
     uint64_t (*previous_)();
 };
 
+// A screen of one image, or of one line of text at (x, y): the scenes that
+// the tests of the engine and of the preview show.
+lcmgui::GuiScreenDesc imageScreen(const char* file,
+                                  lcmgui::AnimType animation = lcmgui::kAnimStatic,
+                                  uint32_t duration = 0, uint16_t count = 0);
+lcmgui::GuiScreenDesc textScreen(const char* text, uint16_t size, uint16_t x = 0, uint16_t y = 0);
+
 // A panel format as its driver reports it, with lines of `lineLength` bytes.
 PanelMemoryFormat memoryFormat(const fb_var_screeninfo& var, std::size_t lineLength);
 

@@ -19,6 +19,7 @@ namespace {
 
 namespace fs = std::filesystem;
 using lcmgui::GuiScreenDesc;
+using panel::imageScreen;
 
 class RendererTest : public ::testing::Test {
 protected:
@@ -49,16 +50,6 @@ protected:
     }
     void TearDown() override { fs::remove(path_); }
 
-    static GuiScreenDesc image(const char* file, lcmgui::AnimType animation, uint32_t duration,
-                               uint16_t count) {
-        GuiScreenDesc desc;
-        desc.img.file = file;
-        desc.img.animation = animation;
-        desc.img.duration = duration;
-        desc.img.count = count;
-        return desc;
-    }
-
     cv::Mat at(const GuiScreenDesc& desc, uint64_t ms) {
         cv::Mat picture;
         std::vector<std::string> messages;
@@ -81,7 +72,7 @@ bool same(const cv::Mat& a, const cv::Mat& b) {
 }
 
 TEST_F(RendererTest, a_slideshow_shows_the_slide_of_the_time) {
-    const GuiScreenDesc desc = image("strip.png", lcmgui::kAnimSlideshow, 400, 4);
+    const GuiScreenDesc desc = imageScreen("strip.png", lcmgui::kAnimSlideshow, 400, 4);
     for (int slide = 0; slide < 4; ++slide) {
         SCOPED_TRACE(slide);
         const cv::Mat picture = at(desc, 100 * slide + 50);
@@ -95,7 +86,7 @@ TEST_F(RendererTest, a_slideshow_shows_the_slide_of_the_time) {
 }
 
 TEST_F(RendererTest, a_progress_bar_fills_once_and_stays_full) {
-    const GuiScreenDesc desc = image("bar.png", lcmgui::kAnimProgressbar, 1000, 0);
+    const GuiScreenDesc desc = imageScreen("bar.png", lcmgui::kAnimProgressbar, 1000, 0);
     const cv::Mat empty = at(desc, 0);
     const cv::Mat half = at(desc, 500);
     const cv::Mat full = at(desc, 1000);
@@ -106,7 +97,7 @@ TEST_F(RendererTest, a_progress_bar_fills_once_and_stays_full) {
 }
 
 TEST_F(RendererTest, breathing_starts_black_and_peaks_a_quarter_period_later) {
-    const GuiScreenDesc desc = image("grey.png", lcmgui::kAnimBreathing, 2000, 0);
+    const GuiScreenDesc desc = imageScreen("grey.png", lcmgui::kAnimBreathing, 2000, 0);
     EXPECT_EQ(at(desc, 0).at<cv::Vec3b>(5, 5), cv::Vec3b(0, 0, 0));  // the full redraw: level 0
     const cv::Vec3b peak = at(desc, 500).at<cv::Vec3b>(5, 5);        // level 99
     const cv::Vec3b low = at(desc, 1500).at<cv::Vec3b>(5, 5);        // level 0
@@ -115,14 +106,14 @@ TEST_F(RendererTest, breathing_starts_black_and_peaks_a_quarter_period_later) {
 }
 
 TEST_F(RendererTest, a_still_screen_does_not_change_with_time) {
-    const GuiScreenDesc desc = image("grey.png", lcmgui::kAnimStatic, 0, 0);
+    const GuiScreenDesc desc = imageScreen("grey.png", lcmgui::kAnimStatic, 0, 0);
     EXPECT_TRUE(same(at(desc, 0), at(desc, 12345)));
 }
 
 TEST_F(RendererTest, a_late_time_shows_what_the_same_phase_of_an_early_cycle_shows) {
     // A text over the slides: the first change of slide clears it from the
     // image's rectangle, however late the picture is taken.
-    GuiScreenDesc desc = image("strip.png", lcmgui::kAnimSlideshow, 400, 4);
+    GuiScreenDesc desc = imageScreen("strip.png", lcmgui::kAnimSlideshow, 400, 4);
     desc.text.text = "Hi";
     desc.text.size = 12;
     const cv::Mat early = at(desc, 450);
@@ -133,8 +124,8 @@ TEST_F(RendererTest, a_late_time_shows_what_the_same_phase_of_an_early_cycle_sho
 TEST_F(RendererTest, a_refused_animation_gives_the_engine_reason) {
     cv::Mat picture;
     std::vector<std::string> messages;
-    EXPECT_FALSE(
-        renderer_.render(image("grey.png", lcmgui::kAnimBreathing, 50, 0), 0, picture, messages));
+    EXPECT_FALSE(renderer_.render(imageScreen("grey.png", lcmgui::kAnimBreathing, 50, 0), 0,
+                                  picture, messages));
     ASSERT_EQ(messages.size(), 1u);
     EXPECT_EQ(messages[0], "Invalid breathe period (50)");
 }
@@ -142,30 +133,30 @@ TEST_F(RendererTest, a_refused_animation_gives_the_engine_reason) {
 TEST_F(RendererTest, a_period_has_one_frame_per_slide_eight_breaths_and_five_bar_steps) {
     std::vector<Frame> frames;
     std::vector<std::string> messages;
-    ASSERT_TRUE(renderer_.renderPeriod(image("strip.png", lcmgui::kAnimSlideshow, 400, 4), frames,
-                                       messages));
+    ASSERT_TRUE(renderer_.renderPeriod(imageScreen("strip.png", lcmgui::kAnimSlideshow, 400, 4),
+                                       frames, messages));
     EXPECT_EQ(frames.size(), 4u);
     EXPECT_EQ(frames[1].label, "slide 2/4 @150 ms");
-    ASSERT_TRUE(renderer_.renderPeriod(image("grey.png", lcmgui::kAnimBreathing, 2000, 0), frames,
-                                       messages));
+    ASSERT_TRUE(renderer_.renderPeriod(imageScreen("grey.png", lcmgui::kAnimBreathing, 2000, 0),
+                                       frames, messages));
     EXPECT_EQ(frames.size(), 8u);
-    ASSERT_TRUE(renderer_.renderPeriod(image("bar.png", lcmgui::kAnimProgressbar, 1000, 0), frames,
-                                       messages));
+    ASSERT_TRUE(renderer_.renderPeriod(imageScreen("bar.png", lcmgui::kAnimProgressbar, 1000, 0),
+                                       frames, messages));
     ASSERT_EQ(frames.size(), 5u);
     EXPECT_EQ(frames[4].label, "100% @1000 ms");
-    ASSERT_TRUE(
-        renderer_.renderPeriod(image("grey.png", lcmgui::kAnimStatic, 0, 0), frames, messages));
-    EXPECT_EQ(frames.size(), 1u);
-    ASSERT_TRUE(renderer_.renderPeriod(image("gone.png", lcmgui::kAnimSlideshow, 400, 4), frames,
+    ASSERT_TRUE(renderer_.renderPeriod(imageScreen("grey.png", lcmgui::kAnimStatic, 0, 0), frames,
                                        messages));
+    EXPECT_EQ(frames.size(), 1u);
+    ASSERT_TRUE(renderer_.renderPeriod(imageScreen("gone.png", lcmgui::kAnimSlideshow, 400, 4),
+                                       frames, messages));
     EXPECT_EQ(frames.size(), 1u) << "an image that does not load does not animate";
 }
 
 TEST_F(RendererTest, a_contact_sheet_holds_every_frame_enlarged) {
     std::vector<Frame> frames;
     std::vector<std::string> messages;
-    ASSERT_TRUE(renderer_.renderPeriod(image("strip.png", lcmgui::kAnimSlideshow, 400, 4), frames,
-                                       messages));
+    ASSERT_TRUE(renderer_.renderPeriod(imageScreen("strip.png", lcmgui::kAnimSlideshow, 400, 4),
+                                       frames, messages));
     const cv::Mat sheet = contactSheet(frames, 2);
     EXPECT_GE(sheet.cols, 4 * 64 * 2);
     EXPECT_GT(sheet.rows, 32 * 2);
