@@ -8,8 +8,8 @@
 #include <string>
 #include <vector>
 
+#include "EngineTest.h"
 #include "LcmGui.h"
-#include "LcmGuiTestAccess.h"
 #include "PrivateGuiPaths.h"
 #include "TestImages.h"
 #include "dravik_logger/log_capture.h"
@@ -17,13 +17,10 @@
 using dravik::logger::LogCapture;
 using namespace dravik::lcmgui;
 using namespace dravik::lcmgui::testsupport;
-using Access = LcmGuiTestAccess;
 
 namespace {
 
 auto* const gPaths = PrivateGuiPaths::registerEnvironment();
-
-constexpr uint8_t kSentinel = 0x5A;
 
 // Each column x of the picture holds (x, row, 255 - x) on B, G, R.
 cv::Mat columnRamp(int w, int h) {
