@@ -913,11 +913,8 @@ Bytes encodeJpeg(const JpegRecipe& s) {
 
 // ---- JPEG segments ---------------------------------------------------------
 
-constexpr uint8_t kSoi = 0xd8;
-constexpr uint8_t kEoi = 0xd9;
-constexpr uint8_t kSos = 0xda;
-constexpr uint8_t kDht = 0xc4;
-constexpr uint8_t kRst0 = 0xd0;
+// The markers the corpus looks for: the byte after a segment's 0xff.
+enum Marker : uint8_t { kSoi = 0xd8, kEoi = 0xd9, kSos = 0xda, kDht = 0xc4, kRst0 = 0xd0 };
 
 struct Segment {
     uint8_t marker;
