@@ -58,6 +58,18 @@ public:
     }
 };
 
+// A backlight started on a BacklightDir, with the records its start-up wrote.
+struct StartedBacklight {
+    explicit StartedBacklight(const std::string& maxText) : dir(maxText) {
+        ok = backlight.init(dir.path());
+    }
+
+    BacklightDir dir;
+    GuiBackLight backlight;
+    LogCapture capture;
+    bool ok = false;
+};
+
 // Fixture with a backlight directory whose max_brightness holds `maxText`.
 class BacklightTest : public ::testing::Test {
 protected:
@@ -224,12 +236,11 @@ TEST(GuiBackLight, accepted_maximum_values) {
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.text);
-        BacklightDir dir{row.text};
-        GuiBackLight backlight;
-        LogCapture capture;
-        EXPECT_TRUE(backlight.init(dir.path()));
-        EXPECT_EQ(backlight.getMaxBrightness(), row.expected);
-        expectOnlyRecord(capture, 7, "init", 0, "Using BackLight device at '" + dir.path() + "'");
+        const StartedBacklight started(row.text);
+        EXPECT_TRUE(started.ok);
+        EXPECT_EQ(started.backlight.getMaxBrightness(), row.expected);
+        expectOnlyRecord(started.capture, 7, "init", 0,
+                         "Using BackLight device at '" + started.dir.path() + "'");
     }
 }
 
@@ -248,14 +259,12 @@ TEST(GuiBackLight, refused_maximum_values) {
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.text);
-        BacklightDir dir{row.text};
-        GuiBackLight backlight;
-        LogCapture capture;
-        EXPECT_FALSE(backlight.init(dir.path()));
-        expectOnlyRecord(capture, 3, "init", 0,
+        StartedBacklight started(row.text);
+        EXPECT_FALSE(started.ok);
+        expectOnlyRecord(started.capture, 3, "init", 0,
                          format("Wrong max brightness value (%d)", row.logged));
-        EXPECT_EQ(backlight.getMaxBrightness(), 0);
-        EXPECT_FALSE(backlight.setBrightness(50));
+        EXPECT_EQ(started.backlight.getMaxBrightness(), 0);
+        EXPECT_FALSE(started.backlight.setBrightness(50));
     }
 }
 
