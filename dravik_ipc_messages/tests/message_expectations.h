@@ -110,8 +110,8 @@ void ExpectEachNormalized(const std::vector<Variant>& values, const std::string&
 template <typename M, typename T, typename Check>
 void ExpectEachNormalized(const std::vector<std::pair<Variant, T>>& rows, const std::string& key,
                           Check check) {
-    for (const auto& [stored, expected] : rows) {
-        ExpectEachNormalized<M>({stored}, key, [&](M& message) { check(message, expected); });
+    for (const auto& row : rows) {
+        ExpectEachNormalized<M>({row.first}, key, [&](M& message) { check(message, row.second); });
         if (::testing::Test::HasFatalFailure()) {
             return;
         }
