@@ -13,12 +13,7 @@
 
 namespace {
 
-using dravik::fontrenderer::FaceSet;
-using dravik::fontrenderer::FaceSource;
-using dravik::fontrenderer::fallbackFaces;
-using dravik::fontrenderer::firstFaceCandidates;
-using dravik::fontrenderer::Hinting;
-using dravik::fontrenderer::VerticalMetrics;
+using namespace dravik::fontrenderer;
 using dravik::logger::LogCapture;
 
 // Index of the face whose file name ends with `name`, or the set's size.

@@ -177,6 +177,16 @@ protected:
         return buffer.pixels();
     }
 
+    // `first` and `second` render at `size` to the same width and pixels.
+    void expectSameRendering(const std::string& first, const std::string& second, unsigned size) {
+        Extent a;
+        Extent b;
+        const auto firstPixels = render(first, size, a);
+        const auto secondPixels = render(second, size, b);
+        EXPECT_EQ(a.width, b.width);
+        EXPECT_EQ(firstPixels, secondPixels);
+    }
+
     FontRenderer renderer;
 };
 
@@ -351,12 +361,7 @@ TEST_F(FontRendererTest, draw_is_not_taller_than_the_measurement_when_given_more
 }
 
 TEST_F(FontRendererTest, control_characters_and_line_breaks_are_left_out) {
-    Extent plain;
-    Extent withControls;
-    const auto expected = render("onetwo", 18, plain);
-    const auto actual = render("one\n\r\t\x01two\x7F", 18, withControls);
-    EXPECT_EQ(withControls.width, plain.width);
-    EXPECT_EQ(actual, expected);
+    expectSameRendering("onetwo", "one\n\r\t\x01two\x7F", 18);
 }
 
 TEST_F(FontRendererTest, malformed_utf8_draws_one_replacement_character_per_bad_sequence) {
@@ -377,12 +382,7 @@ TEST_F(FontRendererTest, malformed_utf8_draws_one_replacement_character_per_bad_
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.name);
-        Extent a;
-        Extent b;
-        const auto malformed = render(row.malformed, 20, a);
-        const auto equivalent = render(row.equivalent, 20, b);
-        EXPECT_EQ(a.width, b.width);
-        EXPECT_EQ(malformed, equivalent);
+        expectSameRendering(row.malformed, row.equivalent, 20);
     }
 }
 
@@ -471,12 +471,7 @@ TEST_F(FontRendererTest, ink_of_the_first_glyph_left_of_its_origin_is_kept) {
 }
 
 TEST_F(FontRendererTest, measuring_and_drawing_are_repeatable) {
-    Extent a;
-    Extent b;
-    const auto first = render("Repeat 123", 33, a);
-    const auto second = render("Repeat 123", 33, b);
-    EXPECT_EQ(a.width, b.width);
-    EXPECT_EQ(first, second);
+    expectSameRendering("Repeat 123", "Repeat 123", 33);
 }
 
 // The renderer keeps the last line it shaped for the draw that follows its

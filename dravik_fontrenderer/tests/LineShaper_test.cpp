@@ -15,13 +15,7 @@
 
 namespace {
 
-using dravik::fontrenderer::decodeLine;
-using dravik::fontrenderer::FaceSet;
-using dravik::fontrenderer::fallbackFaces;
-using dravik::fontrenderer::firstFaceCandidates;
-using dravik::fontrenderer::LineShaper;
-using dravik::fontrenderer::ShapedGlyph;
-using dravik::fontrenderer::ShapedLine;
+using namespace dravik::fontrenderer;
 using dravik::fontrenderer::testing::scriptLines;
 
 constexpr unsigned kSize = 24;

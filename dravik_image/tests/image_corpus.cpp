@@ -87,6 +87,17 @@ void append32be(Bytes& b, uint32_t v) {
     put32be(b, b.size() - 4, v);
 }
 
+// `v` alone as big-endian bytes.
+Bytes be16(uint32_t v) {
+    Bytes b;
+    append16be(b, v);
+    return b;
+}
+
+Bytes be32(uint32_t v) {
+    return be16(v >> 16) + be16(v & 0xffff);
+}
+
 void append16le(Bytes& b, uint32_t v) {
     b.push_back(static_cast<char>(v));
     b.push_back(static_cast<char>(v >> 8));
@@ -197,12 +208,6 @@ Bytes patchHeader(Bytes png, size_t offset, const Bytes& value) {
     png.replace(ihdr.data() + offset, value.size(), value);
     fixCrc(png, ihdr);
     return png;
-}
-
-Bytes be32(uint32_t v) {
-    Bytes b;
-    append32be(b, v);
-    return b;
 }
 
 Bytes patchSize(const Bytes& png, uint32_t width, uint32_t height) {
@@ -908,11 +913,8 @@ Bytes encodeJpeg(const JpegRecipe& s) {
 
 // ---- JPEG segments ---------------------------------------------------------
 
-constexpr uint8_t kSoi = 0xd8;
-constexpr uint8_t kEoi = 0xd9;
-constexpr uint8_t kSos = 0xda;
-constexpr uint8_t kDht = 0xc4;
-constexpr uint8_t kRst0 = 0xd0;
+// The markers the corpus looks for: the byte after a segment's 0xff.
+enum Marker : uint8_t { kSoi = 0xd8, kEoi = 0xd9, kSos = 0xda, kDht = 0xc4, kRst0 = 0xd0 };
 
 struct Segment {
     uint8_t marker;
@@ -980,12 +982,6 @@ Segment startOfFrame(const Bytes& jpeg) {
 Bytes patchFrame(Bytes jpeg, size_t field, const Bytes& value) {
     jpeg.replace(startOfFrame(jpeg).dataStart + field, value.size(), value);
     return jpeg;
-}
-
-Bytes be16(uint32_t v) {
-    Bytes b;
-    append16be(b, v);
-    return b;
 }
 
 Bytes patchFrameSize(const Bytes& jpeg, uint32_t width, uint32_t height) {
@@ -1580,34 +1576,36 @@ void addJpegCodings(Corpus& c) {
     }
 }
 
+// A colour recipe sampled lumaH x lumaV, changed by `change`.
+JpegRecipe colourRecipe(void (*change)(JpegRecipe&), int lumaH = 2, int lumaV = 2) {
+    JpegRecipe s = jpegRecipe(JpegColour::kYCbCr, lumaH, lumaV);
+    change(s);
+    return s;
+}
+
 void addJpegOptions(Corpus& c) {
-    JpegRecipe s = jpegRecipe(JpegColour::kYCbCr);
-    s.restartInterval = 1;
-    addJpeg(c, "jpeg_420_restart_every_mcu.jpg", s);
-    s = jpegRecipe(JpegColour::kYCbCr, 2, 1);
-    s.restartRows = 1;
-    addJpeg(c, "jpeg_422_restart_every_row.jpg", s);
-    s = jpegRecipe(JpegColour::kYCbCr);
-    s.restartInterval = 2;
-    s.progressive = true;
-    addJpeg(c, "jpeg_420_progressive_restart.jpg", s);
-    s = jpegRecipe(JpegColour::kYCbCr);
-    s.restartInterval = 2;
-    s.arithmetic = true;
-    addJpeg(c, "jpeg_420_arithmetic_restart.jpg", s);
-    s = jpegRecipe(JpegColour::kYCbCr);
-    s.optimize = true;
-    addJpeg(c, "jpeg_420_optimized.jpg", s);
-    s = jpegRecipe(JpegColour::kYCbCr, 1, 1);
-    s.quality = 100;
-    addJpeg(c, "jpeg_444_quality_100.jpg", s);
-    s = jpegRecipe(JpegColour::kYCbCr);
-    s.quality = 5;
-    addJpeg(c, "jpeg_420_quality_5.jpg", s);
-    s = jpegRecipe(JpegColour::kYCbCr);
-    s.jfif = false;
-    addJpeg(c, "jpeg_420_no_jfif.jpg", s);
-    s = jpegRecipe(JpegColour::kRgb);
+    const std::pair<const char*, JpegRecipe> options[] = {
+        {"jpeg_420_restart_every_mcu.jpg",
+         colourRecipe([](JpegRecipe& s) { s.restartInterval = 1; })},
+        {"jpeg_422_restart_every_row.jpg",
+         colourRecipe([](JpegRecipe& s) { s.restartRows = 1; }, 2, 1)},
+        {"jpeg_420_progressive_restart.jpg", colourRecipe([](JpegRecipe& s) {
+             s.restartInterval = 2;
+             s.progressive = true;
+         })},
+        {"jpeg_420_arithmetic_restart.jpg", colourRecipe([](JpegRecipe& s) {
+             s.restartInterval = 2;
+             s.arithmetic = true;
+         })},
+        {"jpeg_420_optimized.jpg", colourRecipe([](JpegRecipe& s) { s.optimize = true; })},
+        {"jpeg_444_quality_100.jpg", colourRecipe([](JpegRecipe& s) { s.quality = 100; }, 1, 1)},
+        {"jpeg_420_quality_5.jpg", colourRecipe([](JpegRecipe& s) { s.quality = 5; })},
+        {"jpeg_420_no_jfif.jpg", colourRecipe([](JpegRecipe& s) { s.jfif = false; })},
+    };
+    for (const auto& [name, recipe] : options) {
+        addJpeg(c, name, recipe);
+    }
+    JpegRecipe s = jpegRecipe(JpegColour::kRgb);
     addJpeg(c, "jpeg_rgb.jpg", s);
     s.progressive = true;
     addJpeg(c, "jpeg_rgb_progressive.jpg", s);

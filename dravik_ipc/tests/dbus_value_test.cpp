@@ -11,13 +11,7 @@
 #include "dravik_ipc/sdbus_handles.h"
 #include "dravik_test_support/private_bus_test.h"
 
-using dravik::ipc::AppendObject;
-using dravik::ipc::AppendVariant;
-using dravik::ipc::BusHandle;
-using dravik::ipc::kMaxValueDepth;
-using dravik::ipc::MessageHandle;
-using dravik::ipc::ReadObjectBody;
-using dravik::ipc::ReadVariant;
+using namespace dravik::ipc;
 using dravik::testsupport::PrivateBusTest;
 using dravik::variant::Variant;
 using dravik::variant::VariantType;
@@ -87,23 +81,24 @@ protected:
     }
 
     Variant roundTrip(const Variant& value) {
-        MessageHandle message = newMessage();
-        std::string error;
-        EXPECT_TRUE(AppendVariant(message.get(), value, error)) << error;
-        seal(message.get());
-        Variant back;
-        EXPECT_TRUE(ReadVariant(message.get(), back, error)) << error;
-        return back;
+        return roundTripBy(AppendVariant, ReadVariant, value);
     }
 
     // The object as ReadObjectBody reads it back from a message body.
     Variant objectRoundTrip(const Variant& value) {
+        return roundTripBy(AppendObject, ReadObjectBody, value);
+    }
+
+    // `value` written into a new message by `append`, sealed, and read back by `read`.
+    Variant roundTripBy(bool (*append)(sd_bus_message*, const Variant&, std::string&),
+                        bool (*read)(sd_bus_message*, Variant&, std::string&),
+                        const Variant& value) {
         MessageHandle message = newMessage();
         std::string error;
-        EXPECT_TRUE(AppendObject(message.get(), value, error)) << error;
+        EXPECT_TRUE(append(message.get(), value, error)) << error;
         seal(message.get());
         Variant back;
-        EXPECT_TRUE(ReadObjectBody(message.get(), back, error)) << error;
+        EXPECT_TRUE(read(message.get(), back, error)) << error;
         return back;
     }
 

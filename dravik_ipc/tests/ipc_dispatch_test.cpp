@@ -18,11 +18,9 @@ using namespace dravik::ipc::test;
 // ---- Dispatch -------------------------------------------------------------------------
 
 TEST_F(IpcEndpoint, requests_reach_the_handler_registered_under_their_name) {
-    Ipc* ipc = initEndpoint();
     RecordingHandler first(echo);
     RecordingHandler second(echo);
-    ipc->AddHandler("First", &first);
-    ipc->AddHandler("Second", &second);
+    initEndpoint({{"First", &first}, {"Second", &second}});
     Variant body = object();
     body["guiId"] = "boot";
     const Reply reply = serveWhile([&] { return callFunction("Second", objectBody(body)); });
@@ -39,18 +37,16 @@ TEST_F(IpcEndpoint, requests_reach_the_handler_registered_under_their_name) {
 }
 
 TEST_F(IpcEndpoint, a_call_without_interface_is_dispatched_too) {
-    Ipc* ipc = initEndpoint();
     RecordingHandler handler(echo);
-    ipc->AddHandler("Echo", &handler);
+    initEndpoint({{"Echo", &handler}});
     const Reply reply = serveWhile([] { return callFunction("Echo", emptyObjectBody(), nullptr); });
     EXPECT_TRUE(reply.ok) << reply.errorName << ": " << reply.errorMessage;
     EXPECT_EQ(handler.requests.size(), 1u);
 }
 
 TEST_F(IpcEndpoint, the_reply_is_the_normalised_response_tied_to_the_request_id) {
-    Ipc* ipc = initEndpoint();
     RecordingHandler handler(echo);
-    ipc->AddHandler("Echo", &handler);
+    initEndpoint({{"Echo", &handler}});
     Variant body = object();
     body["id"] = 123456789012ULL;
     const Reply reply = serveWhile([&] { return callFunction("Echo", objectBody(body)); });
@@ -68,9 +64,8 @@ TEST_F(IpcEndpoint, the_reply_is_the_normalised_response_tied_to_the_request_id)
 }
 
 TEST_F(IpcEndpoint, a_request_without_id_gets_one_and_the_reply_carries_it) {
-    Ipc* ipc = initEndpoint();
     RecordingHandler handler(echo);
-    ipc->AddHandler("Echo", &handler);
+    initEndpoint({{"Echo", &handler}});
     const Reply reply = serveWhile([] { return callFunction("Echo", emptyObjectBody()); });
     ASSERT_TRUE(reply.ok) << reply.errorName << ": " << reply.errorMessage;
     EXPECT_NE(handler.idSeen, 0u);
@@ -79,11 +74,9 @@ TEST_F(IpcEndpoint, a_request_without_id_gets_one_and_the_reply_carries_it) {
 }
 
 TEST_F(IpcEndpoint, the_catch_all_rejector_names_the_function_in_its_error) {
-    Ipc* ipc = initEndpoint();
     RecordingHandler handler(echo);
     CatchAllHandlerRejector rejector;
-    ipc->AddHandler("Echo", &handler);
-    ipc->AddHandler("", &rejector);
+    initEndpoint({{"Echo", &handler}, {"", &rejector}});
     const Reply reply = serveWhile([] { return callFunction("Foo", emptyObjectBody()); });
     EXPECT_FALSE(reply.ok);
     EXPECT_EQ(reply.errorName, "dravik.ipc.Error.Rejected");
@@ -92,18 +85,16 @@ TEST_F(IpcEndpoint, the_catch_all_rejector_names_the_function_in_its_error) {
 }
 
 TEST_F(IpcEndpoint, an_unknown_function_without_catch_all_is_an_unknown_method) {
-    Ipc* ipc = initEndpoint();
     RecordingHandler handler(echo);
-    ipc->AddHandler("Echo", &handler);
+    initEndpoint({{"Echo", &handler}});
     const Reply reply = serveWhile([] { return callFunction("Foo", emptyObjectBody()); });
     EXPECT_EQ(reply.errorName, "org.freedesktop.DBus.Error.UnknownMethod");
     EXPECT_TRUE(handler.requests.empty());
 }
 
 TEST_F(IpcEndpoint, another_interface_is_an_unknown_method_even_with_a_catch_all) {
-    Ipc* ipc = initEndpoint();
     CatchAllHandlerRejector rejector;
-    ipc->AddHandler("", &rejector);
+    initEndpoint({{"", &rejector}});
     const Reply reply =
         serveWhile([] { return callFunction("Get", emptyObjectBody(), "org.example.Other"); });
     EXPECT_EQ(reply.errorName, "org.freedesktop.DBus.Error.UnknownMethod");
@@ -120,9 +111,8 @@ TEST_F(IpcEndpoint, a_destroyed_handler_is_no_longer_called) {
 }
 
 TEST_F(IpcEndpoint, a_handler_that_does_not_answer_yields_the_no_response_error) {
-    Ipc* ipc = initEndpoint();
     RecordingHandler silent;
-    ipc->AddHandler("Silent", &silent);
+    initEndpoint({{"Silent", &silent}});
     const Reply reply = serveWhile([] { return callFunction("Silent", emptyObjectBody()); });
     EXPECT_EQ(reply.errorName, "dravik.ipc.Error.NoResponse");
     EXPECT_EQ(reply.errorMessage, "Function 'Silent' of test_endpoint sent no response");
@@ -177,10 +167,8 @@ TEST_F(IpcEndpoint, send_response_outside_a_handler_is_refused) {
 // ---- Calls that expect no reply --------------------------------------------------------------
 
 TEST_F(IpcEndpoint, a_no_reply_call_is_handled_and_gets_nothing_back) {
-    Ipc* ipc = initEndpoint();
     RecordingHandler handler(echo);
-    ipc->AddHandler("Echo", &handler);
-    ipc->AddHandler("Quiet", &handler);
+    initEndpoint({{"Echo", &handler}, {"Quiet", &handler}});
     const Reply reply = serveWhile([] { return callWithoutReplyThenEcho("Quiet"); });
     ASSERT_TRUE(reply.ok) << reply.errorName;
     ASSERT_EQ(handler.requests.size(), 2u);
@@ -191,22 +179,18 @@ TEST_F(IpcEndpoint, a_no_reply_call_is_handled_and_gets_nothing_back) {
 }
 
 TEST_F(IpcEndpoint, a_no_reply_call_that_is_not_answered_gets_no_error_either) {
-    Ipc* ipc = initEndpoint();
     RecordingHandler silent;
     RecordingHandler handler(echo);
-    ipc->AddHandler("Silent", &silent);
-    ipc->AddHandler("Echo", &handler);
+    initEndpoint({{"Silent", &silent}, {"Echo", &handler}});
     const Reply reply = serveWhile([] { return callWithoutReplyThenEcho("Silent"); });
     ASSERT_TRUE(reply.ok) << reply.errorName;
     EXPECT_EQ(silent.requests.size(), 1u);
 }
 
 TEST_F(IpcEndpoint, a_rejected_no_reply_call_gets_no_error) {
-    Ipc* ipc = initEndpoint();
     RecordingHandler handler(echo);
     CatchAllHandlerRejector rejector;
-    ipc->AddHandler("Echo", &handler);
-    ipc->AddHandler("", &rejector);
+    initEndpoint({{"Echo", &handler}, {"", &rejector}});
     const Reply reply = serveWhile([] { return callWithoutReplyThenEcho("Foo"); });
     ASSERT_TRUE(reply.ok) << reply.errorName;
 }
@@ -214,12 +198,9 @@ TEST_F(IpcEndpoint, a_rejected_no_reply_call_gets_no_error) {
 // ---- Introspection -----------------------------------------------------------------------------
 
 TEST_F(IpcEndpoint, introspection_lists_the_registered_function_names) {
-    Ipc* ipc = initEndpoint();
     RecordingHandler handler(echo);
     CatchAllHandlerRejector rejector;
-    ipc->AddHandler("ShowGui", &handler);
-    ipc->AddHandler("ShowSimpleScreen", &handler);
-    ipc->AddHandler("", &rejector);
+    initEndpoint({{"ShowGui", &handler}, {"ShowSimpleScreen", &handler}, {"", &rejector}});
     const Reply reply = serveWhile([] {
         Reply r;
         BusHandle bus = connect(r);

@@ -9,8 +9,10 @@
 #include <atomic>
 #include <cstdint>
 #include <functional>
+#include <initializer_list>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "dravik_ipc/ipc.h"
@@ -106,6 +108,16 @@ protected:
     Ipc* initEndpoint() {
         Ipc* ipc = Ipc::GetInstance();
         EXPECT_TRUE(ipc->Init(kName, false, nullptr));
+        return ipc;
+    }
+
+    // Starts the endpoint and registers each handler under its function name
+    // ("" for the catch-all), in the order given.
+    Ipc* initEndpoint(std::initializer_list<std::pair<const char*, BaseHandler*>> handlers) {
+        Ipc* ipc = initEndpoint();
+        for (const auto& [functionName, handler] : handlers) {
+            ipc->AddHandler(functionName, handler);
+        }
         return ipc;
     }
 

@@ -19,9 +19,8 @@ using namespace dravik::ipc::test;
 // ---- Request bodies ----------------------------------------------------------------------------
 
 TEST_F(IpcEndpoint, every_value_type_survives_the_trip_through_the_bus) {
-    Ipc* ipc = initEndpoint();
     RecordingHandler handler(echo);
-    ipc->AddHandler("Echo", &handler);
+    initEndpoint({{"Echo", &handler}});
     timeval when{};
     when.tv_sec = 1700000000;
     when.tv_usec = 250000;
@@ -58,9 +57,8 @@ TEST_F(IpcEndpoint, every_value_type_survives_the_trip_through_the_bus) {
 }
 
 TEST_F(IpcEndpoint, a_dbus_send_style_string_to_int32_dictionary_is_a_request) {
-    Ipc* ipc = initEndpoint();
     RecordingHandler handler(echo);
-    ipc->AddHandler("ShowGui", &handler);
+    initEndpoint({{"ShowGui", &handler}});
     const Reply reply = serveWhile([] {
         return callFunction("ShowGui", [](sd_bus_message* m) {
             return sd_bus_message_append(m, "a{si}", 1, "brightness", 80);
@@ -79,9 +77,8 @@ struct MalformedRow {
 };
 
 TEST_F(IpcEndpoint, malformed_requests_get_invalid_args_and_serving_goes_on) {
-    Ipc* ipc = initEndpoint();
     RecordingHandler handler(echo);
-    ipc->AddHandler("Echo", &handler);
+    initEndpoint({{"Echo", &handler}});
     const MalformedRow rows[] = {
         {"a string body", [](sd_bus_message* m) { return sd_bus_message_append(m, "s", "x"); },
          "Invalid request for 'Echo': the body must be one a{sv} dictionary, not 's'"},
@@ -134,9 +131,8 @@ TEST_F(IpcEndpoint, malformed_requests_get_invalid_args_and_serving_goes_on) {
 // than the bus allows: the endpoint must refuse to send it rather than be
 // disconnected by the bus daemon.
 TEST_F(IpcEndpoint, a_response_nested_deeper_than_the_bus_allows_is_not_sent) {
-    Ipc* ipc = initEndpoint();
     RecordingHandler handler(echo);
-    ipc->AddHandler("Echo", &handler);
+    initEndpoint({{"Echo", &handler}});
     Variant deep = object();
     deep["leaf"] = 1;
     for (int level = 1; level < 21; ++level) {

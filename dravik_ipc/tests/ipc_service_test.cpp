@@ -37,9 +37,8 @@ void sendQuietCalls(size_t count) {
 }
 
 TEST_F(IpcEndpoint, service_returns_true_without_dispatching_when_idle) {
-    Ipc* ipc = initEndpoint();
     RecordingHandler handler(echo);
-    ipc->AddHandler("Echo", &handler);
+    Ipc* ipc = initEndpoint({{"Echo", &handler}});
     for (int turn = 0; turn < 3; ++turn) {
         EXPECT_TRUE(ipc->Service(1));
     }
@@ -47,9 +46,8 @@ TEST_F(IpcEndpoint, service_returns_true_without_dispatching_when_idle) {
 }
 
 TEST_F(IpcEndpoint, service_dispatches_a_call_that_arrives_during_its_wait) {
-    Ipc* ipc = initEndpoint();
     RecordingHandler handler(echo);
-    ipc->AddHandler("Echo", &handler);
+    Ipc* ipc = initEndpoint({{"Echo", &handler}});
     EXPECT_TRUE(ipc->Service(0));  // takes in what Init left (NameAcquired)
     std::thread client([] { (void)callFunction("Echo", emptyObjectBody()); });
     bool served = true;
@@ -62,9 +60,8 @@ TEST_F(IpcEndpoint, service_dispatches_a_call_that_arrives_during_its_wait) {
 }
 
 TEST_F(IpcEndpoint, service_returns_right_after_dispatching_what_has_arrived) {
-    Ipc* ipc = initEndpoint();
     RecordingHandler handler(echo);
-    ipc->AddHandler("Quiet", &handler);
+    Ipc* ipc = initEndpoint({{"Quiet", &handler}});
     // The bus answers GetId only after it has passed on the caller's earlier
     // message, so the call is waiting in the endpoint's socket afterwards.
     sendQuietCalls(1);
@@ -77,9 +74,8 @@ TEST_F(IpcEndpoint, service_returns_right_after_dispatching_what_has_arrived) {
 }
 
 TEST_F(IpcEndpoint, service_serves_a_burst_longer_than_one_drain_without_waiting) {
-    Ipc* ipc = initEndpoint();
     RecordingHandler handler(echo);
-    ipc->AddHandler("Quiet", &handler);
+    Ipc* ipc = initEndpoint({{"Quiet", &handler}});
     constexpr size_t kBurst = 300;  // more than one call of Service takes in
     sendQuietCalls(kBurst);
     // Every call is sent: each call of Service takes what the bus has passed on

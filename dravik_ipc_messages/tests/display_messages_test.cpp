@@ -34,14 +34,10 @@ TEST(ShowGuiMessage, brightness_is_clamped_to_minus_one_to_one_hundred) {
         {Variant(55.0), -1},
         {Variant(), -1},
     };
-    for (const auto& [stored, expected] : rows) {
-        SCOPED_TRACE(stored.ToJSON());
-        ShowGui gui;
-        gui["brightness"] = stored;
-        ASSERT_TRUE(gui.NormalizeFields());
+    ExpectEachNormalized<ShowGui>(rows, "brightness", [](ShowGui& gui, int expected) {
         EXPECT_EQ(TagOf(gui, "brightness"), kTagInt8);
         EXPECT_EQ(gui.brightness(), expected);
-    }
+    });
 }
 
 TEST(ShowGuiMessage, brightness_getter_alone_returns_stored_value_sign_extended) {
@@ -58,13 +54,9 @@ TEST(ShowGuiMessage, brightness_getter_alone_returns_stored_value_sign_extended)
 TEST(ShowGuiMessage, function_name_folds_to_show_gui) {
     const std::vector<Variant> rows = {Variant("showgui"), Variant("SHOWGUI"),
                                        Variant("ShowSimpleScreen"), Variant(5)};
-    for (const Variant& stored : rows) {
-        SCOPED_TRACE(stored.ToJSON());
-        ShowGui gui;
-        gui["functionName"] = stored;
-        ASSERT_TRUE(gui.NormalizeFields());
+    ExpectEachNormalized<ShowGui>(rows, "functionName", [](ShowGui& gui) {
         EXPECT_EQ(Child(gui, "functionName"), Variant("ShowGui"));
-    }
+    });
 }
 
 TEST(ShowGuiMessage, getter_returns_stored_function_name_without_folding) {
@@ -117,14 +109,11 @@ TEST(TextElement, size_is_clamped_to_three_to_one_hundred_by_normalize_only) {
         {Variant(3), 3},  {Variant(100), 100},   {Variant(50), 50},
         {Variant(-7), 3}, {Variant(70000), 100}, {Variant("12"), 6},
     };
-    for (const auto& [stored, expected] : rows) {
-        SCOPED_TRACE(stored.ToJSON());
-        LcmGuiTextSettingsElement text;
-        text["size"] = stored;
-        ASSERT_TRUE(text.NormalizeFields());
-        EXPECT_EQ(TagOf(text, "size"), kTagUInt16);
-        EXPECT_EQ(text.size(), expected);
-    }
+    ExpectEachNormalized<LcmGuiTextSettingsElement>(
+        rows, "size", [](LcmGuiTextSettingsElement& text, unsigned expected) {
+            EXPECT_EQ(TagOf(text, "size"), kTagUInt16);
+            EXPECT_EQ(text.size(), expected);
+        });
 }
 
 TEST(TextElement, size_getter_returns_stored_value_unclamped_or_six) {
@@ -180,13 +169,10 @@ TEST(ImgElement, animation_folds_to_listed_word_or_static) {
         {Variant("SLIDESHOW"), "slideshow"}, {Variant("progressBar"), "progressbar"},
         {Variant("breathingx"), "static"},   {Variant(true), "static"},
     };
-    for (const auto& [stored, expected] : rows) {
-        SCOPED_TRACE(stored.ToJSON());
-        LcmGuiImgSettingsElement img;
-        img["animation"] = stored;
-        ASSERT_TRUE(img.NormalizeFields());
-        EXPECT_EQ(Child(img, "animation"), Variant(expected));
-    }
+    ExpectEachNormalized<LcmGuiImgSettingsElement>(
+        rows, "animation", [](LcmGuiImgSettingsElement& img, const char* expected) {
+            EXPECT_EQ(Child(img, "animation"), Variant(expected));
+        });
 }
 
 TEST(ImgElement, duration_and_count_are_stored_in_their_own_widths) {

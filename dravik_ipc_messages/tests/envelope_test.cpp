@@ -26,27 +26,19 @@ TEST(MessageEnvelope, id_of_every_integer_type_is_kept_as_unsigned_64_bit) {
         {Variant(1000000000000000L), 1000000000000000ULL},
         {Variant(std::numeric_limits<unsigned long>::max()), std::numeric_limits<uint64_t>::max()},
     };
-    for (const auto& [stored, expected] : rows) {
-        SCOPED_TRACE(stored.ToJSON());
-        BaseMessage message;
-        message["id"] = stored;
-        ASSERT_TRUE(message.NormalizeFields());
+    ExpectEachNormalized<BaseMessage>(rows, "id", [](BaseMessage& message, uint64_t expected) {
         EXPECT_EQ(TagOf(message, "id"), kTagUInt64);
         EXPECT_EQ(message.id(), expected);
-    }
+    });
 }
 
 TEST(MessageEnvelope, id_of_non_integer_type_is_replaced_by_fresh_id) {
     const std::vector<Variant> rows = {Variant("12345"), Variant(12345.0), Variant(true), Variant(),
                                        EmptyObject()};
-    for (const Variant& stored : rows) {
-        SCOPED_TRACE(stored.ToJSON());
-        BaseRequestMessage message;
-        message["id"] = stored;
-        ASSERT_TRUE(message.NormalizeFields());
+    ExpectEachNormalized<BaseRequestMessage>(rows, "id", [](BaseRequestMessage& message) {
         EXPECT_EQ(TagOf(message, "id"), kTagUInt64);
         EXPECT_EQ(message.id() >> 48, PidBits());
-    }
+    });
 }
 
 uint64_t MonotonicLow48() {
@@ -103,13 +95,10 @@ TEST(MessageEnvelope, response_function_name_is_always_response) {
     const std::vector<Variant> rows = {
         Variant("__RESPONSE__"), Variant("ShowGui"), Variant(""), Variant(3),
         Variant("__response"),   Variant()};
-    for (const Variant& stored : rows) {
-        SCOPED_TRACE(stored.ToJSON());
-        BaseResponseMessage response;
-        response["functionName"] = stored;
-        ASSERT_TRUE(response.NormalizeFields());
-        EXPECT_EQ(Child(response, "functionName"), Variant("__response__"));
-    }
+    ExpectEachNormalized<BaseResponseMessage>(
+        rows, "functionName", [](BaseResponseMessage& response) {
+            EXPECT_EQ(Child(response, "functionName"), Variant("__response__"));
+        });
 }
 
 TEST(MessageEnvelope, fields_of_the_right_type_are_kept) {

@@ -2,11 +2,13 @@
 // class must hold after NormalizeFields, and small readers of stored values.
 #pragma once
 
+#include <gtest/gtest.h>
 #include <sys/time.h>
 
 #include <cstdint>
 #include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "dravik_variant/variant.h"
@@ -89,5 +91,31 @@ void ExpectNormalized(const ClassCase& messageClass, const Variant& original, co
 
 // From `earliest` to now.
 TimeWindow WindowAround(const timeval& earliest);
+
+// For each of `values`: a new M holding it under `key` normalises, and
+// `check` examines the message.
+template <typename M, typename Check>
+void ExpectEachNormalized(const std::vector<Variant>& values, const std::string& key, Check check) {
+    for (const Variant& stored : values) {
+        SCOPED_TRACE(stored.ToJSON());
+        M message;
+        message[key] = stored;
+        ASSERT_TRUE(message.NormalizeFields());
+        check(message);
+    }
+}
+
+// The same for rows of a stored value and what `check` expects of the
+// message that held it; the first fatal failure ends the rows.
+template <typename M, typename T, typename Check>
+void ExpectEachNormalized(const std::vector<std::pair<Variant, T>>& rows, const std::string& key,
+                          Check check) {
+    for (const auto& row : rows) {
+        ExpectEachNormalized<M>({row.first}, key, [&](M& message) { check(message, row.second); });
+        if (::testing::Test::HasFatalFailure()) {
+            return;
+        }
+    }
+}
 
 }  // namespace dravik::ipc::messages::test

@@ -5,8 +5,8 @@
 #include <string>
 #include <vector>
 
+#include "EngineTest.h"
 #include "LcmGui.h"
-#include "LcmGuiTestAccess.h"
 #include "PrivateGuiPaths.h"
 #include "TestImages.h"
 #include "dravik_logger/log_capture.h"
@@ -18,21 +18,12 @@ using dravik::testsupport::ClockGuard;
 using dravik::testsupport::TempDir;
 using namespace dravik::lcmgui;
 using namespace dravik::lcmgui::testsupport;
-using Access = LcmGuiTestAccess;
 
 namespace {
 
 auto* const gPaths = PrivateGuiPaths::registerEnvironment();
 
-constexpr uint8_t kSentinel = 0x5A;
 constexpr uint64_t kStart = 5'000'000;
-constexpr int kWidth = 240;
-constexpr int kHeight = 64;
-
-uint64_t gNow = 0;
-uint64_t testClock() {
-    return gNow;
-}
 
 const cv::Scalar kSlideColours[] = {
     {10, 20, 30}, {40, 50, 60}, {70, 80, 90}, {100, 110, 120}, {130, 140, 150}};
@@ -70,7 +61,7 @@ protected:
     void SetUp() override {
         gNow = kStart;
         ASSERT_TRUE(loadConfig(config, "/usr/etc/gui"));
-        ASSERT_TRUE(Access::setMemoryPanel(gui, kWidth, kHeight));
+        ASSERT_TRUE(Access::setMemoryPanel(gui, kPanelWidth, kPanelHeight));
         ASSERT_TRUE(Access::initFonts(gui));
     }
 
@@ -84,7 +75,7 @@ protected:
 
     cv::Vec3b panelPixel(int x, int y) {
         const std::vector<uint8_t> bytes = Access::panelBytes(gui);
-        const size_t at = (static_cast<size_t>(y) * kWidth + x) * 3;
+        const size_t at = (static_cast<size_t>(y) * kPanelWidth + x) * 3;
         return {bytes[at], bytes[at + 1], bytes[at + 2]};
     }
 
@@ -266,7 +257,8 @@ TEST_F(Animation, first_tick_redraws_in_full_at_level_zero) {
     tickAt(600);  // the level would be 2, but a full redraw draws level 0
     EXPECT_FALSE(state().stateChanged);
     EXPECT_EQ(panelPixel(0, 0), colour(kSlideColours[0]));
-    EXPECT_EQ(panelPixel(kWidth - 1, kHeight - 1), cv::Vec3b(0, 0, 0));  // whole screen shown
+    EXPECT_EQ(panelPixel(kPanelWidth - 1, kPanelHeight - 1),
+              cv::Vec3b(0, 0, 0));  // whole screen shown
     tickAt(600);
     EXPECT_EQ(panelPixel(0, 0), colour(kSlideColours[2]));
 }
@@ -290,8 +282,8 @@ TEST_F(Animation, slideshow_ticks_show_slides_and_redraw_only_on_change) {
             continue;
         }
         // Only the image's rectangle reaches the panel, holding the slide.
-        for (int y = 0; y < kHeight; ++y) {
-            for (int x = 0; x < kWidth; ++x) {
+        for (int y = 0; y < kPanelHeight; ++y) {
+            for (int x = 0; x < kPanelWidth; ++x) {
                 const cv::Vec3b expected = rect.contains({x, y})
                                                ? colour(kSlideColours[row.slide])
                                                : cv::Vec3b(kSentinel, kSentinel, kSentinel);
@@ -378,7 +370,7 @@ TEST_F(Animation, misplaced_animated_image_retries_at_every_level_change) {
     REQUIRE_PRIVATE_GUI_PATHS();
     ASSERT_FALSE(writeGuiImage("s4.png", slides(4)).empty());
     LogCapture capture;
-    show(screen("s4.png", kAnimSlideshow, 1000, 4, kWidth - 5, 0));
+    show(screen("s4.png", kAnimSlideshow, 1000, 4, kPanelWidth - 5, 0));
     const std::string message =
         "UI image parameters are out of screen: 10x10 at (235, 0) -> 240x64";
     auto count = [&] {

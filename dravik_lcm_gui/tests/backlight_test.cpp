@@ -50,6 +50,26 @@ void expectOnlyRecord(const LogCapture& capture, int level, const std::string& f
 
 const std::string kMarker = "MARK";
 
+// A backlight directory whose max_brightness holds `maxText`.
+class BacklightDir : public TempDir {
+public:
+    explicit BacklightDir(const std::string& maxText) : TempDir("backlight_test.") {
+        write("max_brightness", maxText);
+    }
+};
+
+// A backlight started on a BacklightDir, with the records its start-up wrote.
+struct StartedBacklight {
+    explicit StartedBacklight(const std::string& maxText) : dir(maxText) {
+        ok = backlight.init(dir.path());
+    }
+
+    BacklightDir dir;
+    GuiBackLight backlight;
+    LogCapture capture;
+    bool ok = false;
+};
+
 // Fixture with a backlight directory whose max_brightness holds `maxText`.
 class BacklightTest : public ::testing::Test {
 protected:
@@ -59,6 +79,16 @@ protected:
     }
     // Overwrites "brightness" with a marker, so that a later write shows.
     void markBrightnessFile() const { dir.write("brightness", kMarker); }
+    // Sets `percent` and services the backlight, both successfully.
+    void setAndService(int percent) {
+        EXPECT_TRUE(backlight.setBrightness(percent));
+        EXPECT_TRUE(backlight.service());
+    }
+    // Sets `percent` and services; the brightness file then holds `content`.
+    void expectWritten(int percent, const std::string& content) {
+        setAndService(percent);
+        EXPECT_EQ(dir.read("brightness"), content);
+    }
 
     TempDir dir{"backlight_test."};
     GuiBackLight backlight;
@@ -110,14 +140,10 @@ TEST_F(BacklightTest, init_truncates_an_existing_brightness_file) {
 
 TEST_F(BacklightTest, same_percentage_twice_writes_once) {
     initWithMax("255\n");
-    EXPECT_TRUE(backlight.setBrightness(50));
-    EXPECT_TRUE(backlight.service());
-    EXPECT_EQ(dir.read("brightness"), std::string("127\0", 4));
+    expectWritten(50, std::string("127\0", 4));
 
     markBrightnessFile();
-    EXPECT_TRUE(backlight.setBrightness(50));
-    EXPECT_TRUE(backlight.service());
-    EXPECT_EQ(dir.read("brightness"), kMarker);
+    expectWritten(50, kMarker);
 }
 
 TEST_F(BacklightTest, latest_percentage_before_service_is_the_one_written) {
@@ -134,9 +160,7 @@ TEST_F(BacklightTest, latest_percentage_before_service_is_the_one_written) {
 
 TEST_F(BacklightTest, percentages_with_equal_raw_value_write_nothing_new) {
     initWithMax("7");
-    EXPECT_TRUE(backlight.setBrightness(10));
-    EXPECT_TRUE(backlight.service());
-    EXPECT_EQ(dir.read("brightness"), std::string("0\0", 2));
+    expectWritten(10, std::string("0\0", 2));
 
     markBrightnessFile();
     EXPECT_TRUE(backlight.setBrightness(14));
@@ -152,8 +176,7 @@ TEST_F(BacklightTest, negative_percentage_keeps_everything) {
     EXPECT_TRUE(backlight.service());
     EXPECT_EQ(dir.read("brightness"), "");
 
-    EXPECT_TRUE(backlight.setBrightness(40));
-    EXPECT_TRUE(backlight.service());
+    setAndService(40);
     markBrightnessFile();
     EXPECT_TRUE(backlight.setBrightness(-128));
     EXPECT_EQ(backlight.getBrightness(), 40);
@@ -163,30 +186,21 @@ TEST_F(BacklightTest, negative_percentage_keeps_everything) {
 
 TEST_F(BacklightTest, percentage_above_100_is_not_clamped) {
     initWithMax("255\n");
-    EXPECT_TRUE(backlight.setBrightness(127));
-    EXPECT_TRUE(backlight.service());
-    EXPECT_EQ(dir.read("brightness"), std::string("323\0", 4));
+    expectWritten(127, std::string("323\0", 4));
 }
 
 TEST_F(BacklightTest, shorter_value_overwrites_in_place_without_truncating) {
     initWithMax("255\n");
-    EXPECT_TRUE(backlight.setBrightness(51));
-    EXPECT_TRUE(backlight.service());
-    EXPECT_TRUE(backlight.setBrightness(5));
-    EXPECT_TRUE(backlight.service());
-    EXPECT_EQ(dir.read("brightness"), std::string("12\0\0", 4));
+    setAndService(51);
+    expectWritten(5, std::string("12\0\0", 4));
 }
 
 TEST_F(BacklightTest, computes_raw_value_in_32_bits_for_the_largest_maximum) {
     initWithMax("16777214");
-    EXPECT_TRUE(backlight.setBrightness(100));
-    EXPECT_TRUE(backlight.service());
-    EXPECT_EQ(dir.read("brightness"), std::string("16777214\0", 9));
-    EXPECT_TRUE(backlight.setBrightness(33));
-    EXPECT_TRUE(backlight.service());
+    expectWritten(100, std::string("16777214\0", 9));
     // 33 * 16777214 / 100 = 5536480.62, truncated; the longer value written
     // before leaves its last zero behind.
-    EXPECT_EQ(dir.read("brightness"), std::string("5536480\0\0", 9));
+    expectWritten(33, std::string("5536480\0\0", 9));
 }
 
 TEST(GuiBackLight, empty_path_disables_management) {
@@ -222,13 +236,11 @@ TEST(GuiBackLight, accepted_maximum_values) {
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.text);
-        TempDir dir{"backlight_test."};
-        dir.write("max_brightness", row.text);
-        GuiBackLight backlight;
-        LogCapture capture;
-        EXPECT_TRUE(backlight.init(dir.path()));
-        EXPECT_EQ(backlight.getMaxBrightness(), row.expected);
-        expectOnlyRecord(capture, 7, "init", 0, "Using BackLight device at '" + dir.path() + "'");
+        const StartedBacklight started(row.text);
+        EXPECT_TRUE(started.ok);
+        EXPECT_EQ(started.backlight.getMaxBrightness(), row.expected);
+        expectOnlyRecord(started.capture, 7, "init", 0,
+                         "Using BackLight device at '" + started.dir.path() + "'");
     }
 }
 
@@ -247,21 +259,17 @@ TEST(GuiBackLight, refused_maximum_values) {
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.text);
-        TempDir dir{"backlight_test."};
-        dir.write("max_brightness", row.text);
-        GuiBackLight backlight;
-        LogCapture capture;
-        EXPECT_FALSE(backlight.init(dir.path()));
-        expectOnlyRecord(capture, 3, "init", 0,
+        StartedBacklight started(row.text);
+        EXPECT_FALSE(started.ok);
+        expectOnlyRecord(started.capture, 3, "init", 0,
                          format("Wrong max brightness value (%d)", row.logged));
-        EXPECT_EQ(backlight.getMaxBrightness(), 0);
-        EXPECT_FALSE(backlight.setBrightness(50));
+        EXPECT_EQ(started.backlight.getMaxBrightness(), 0);
+        EXPECT_FALSE(started.backlight.setBrightness(50));
     }
 }
 
 TEST(GuiBackLight, empty_max_brightness_fails_with_read_count_0) {
-    TempDir dir{"backlight_test."};
-    dir.write("max_brightness", "");
+    BacklightDir dir{""};
     GuiBackLight backlight;
     const auto [brightnessFd, maxFd] = nextTwoDescriptors();
     LogCapture capture;
@@ -308,8 +316,7 @@ TEST(GuiBackLight, missing_directory_fails_on_brightness) {
 }
 
 TEST(GuiBackLight, descriptor_0_counts_as_failure) {
-    TempDir dir{"backlight_test."};
-    dir.write("max_brightness", "255\n");
+    BacklightDir dir{"255\n"};
     const int savedStdin = ::dup(STDIN_FILENO);
     ASSERT_GE(savedStdin, 0);
     ::close(STDIN_FILENO);  // the next open gets descriptor 0
@@ -331,8 +338,7 @@ TEST(GuiBackLight, descriptor_0_counts_as_failure) {
 }
 
 TEST(GuiBackLight, refused_write_is_logged_with_errno_and_not_retried) {
-    TempDir dir{"backlight_test."};
-    dir.write("max_brightness", "255\n");
+    BacklightDir dir{"255\n"};
     ASSERT_EQ(::symlink("/dev/full", dir.file("brightness").c_str()), 0);
     GuiBackLight backlight;
     const int brightnessFd = nextTwoDescriptors().first;
@@ -350,8 +356,7 @@ TEST(GuiBackLight, refused_write_is_logged_with_errno_and_not_retried) {
 }
 
 TEST(GuiBackLight, destructor_closes_the_brightness_file) {
-    TempDir dir{"backlight_test."};
-    dir.write("max_brightness", "255\n");
+    BacklightDir dir{"255\n"};
     const auto [brightnessFd, maxFd] = nextTwoDescriptors();
     {
         GuiBackLight backlight;

@@ -19,6 +19,14 @@ protected:
     void SetUp() override { LcmGui::resetDitherMatrix(); }
     void TearDown() override { LcmGui::resetDitherMatrix(); }
 
+    // Reports the panel's channels as offset and length of red, green and blue.
+    void setChannels(fb_bitfield red, fb_bitfield green, fb_bitfield blue) {
+        fb_var_screeninfo& var = Access::fbVar(gui);
+        var.red = red;
+        var.green = green;
+        var.blue = blue;
+    }
+
     GuiConfig config;
     LcmGui gui{config};
 };
@@ -256,10 +264,7 @@ TEST_F(Colour, dither_line_gray_takes_low_shade_with_fresh_matrix) {
 }
 
 TEST_F(Colour, panel_reporting_565_channels_gets_its_own_layout) {
-    fb_var_screeninfo& var = Access::fbVar(gui);
-    var.red = {11, 5, 0};
-    var.green = {5, 6, 0};
-    var.blue = {0, 5, 0};
+    setChannels({11, 5, 0}, {5, 6, 0}, {0, 5, 0});
     gui.lutInit(16);
     EXPECT_EQ(load16(convertPixel(gui, 16, 255, 255, 255).data()), 0xFFFF);
     EXPECT_EQ(load16(convertPixel(gui, 16, 0, 0, 255).data()), 0xF800);
@@ -269,10 +274,8 @@ TEST_F(Colour, panel_reporting_565_channels_gets_its_own_layout) {
 }
 
 TEST_F(Colour, reported_channels_win_over_the_depth) {
-    fb_var_screeninfo& var = Access::fbVar(gui);
-    var.red = {0, 5, 0};  // a BGR 555 panel asked for a 16-bit table
-    var.green = {5, 5, 0};
-    var.blue = {10, 5, 0};
+    // A BGR 555 panel asked for a 16-bit table.
+    setChannels({0, 5, 0}, {5, 5, 0}, {10, 5, 0});
     gui.lutInit(16);
     EXPECT_EQ(load16(convertPixel(gui, 16, 0, 0, 255).data()), 0x001F);
     EXPECT_EQ(load16(convertPixel(gui, 16, 255, 0, 0).data()), 0x7C00);
@@ -280,10 +283,8 @@ TEST_F(Colour, reported_channels_win_over_the_depth) {
 }
 
 TEST_F(Colour, fixed_layouts_apply_when_a_channel_length_is_zero) {
-    fb_var_screeninfo& var = Access::fbVar(gui);
-    var.red = {11, 5, 0};
-    var.green = {5, 6, 0};
-    var.blue = {0, 0, 0};  // one length missing: the depth decides
+    // One length missing: the depth decides.
+    setChannels({11, 5, 0}, {5, 6, 0}, {0, 0, 0});
     const struct {
         unsigned depth;
         unsigned char b, g, r;
@@ -320,10 +321,7 @@ TEST_F(Colour, panel_of_32_bits_without_channels_stores_little_endian_xrgb) {
 }
 
 TEST_F(Colour, panel_of_32_bits_with_bgr_channels) {
-    fb_var_screeninfo& var = Access::fbVar(gui);
-    var.red = {0, 8, 0};
-    var.green = {8, 8, 0};
-    var.blue = {16, 8, 0};
+    setChannels({0, 8, 0}, {8, 8, 0}, {16, 8, 0});
     gui.lutInit(24);
     EXPECT_EQ(load32(convertPixel(gui, 32, 0x11, 0x22, 0x33).data()), 0x00112233U);
 }

@@ -10,6 +10,7 @@
 
 #include "LcmGui.h"
 #include "LcmGuiTestAccess.h"
+#include "PanelLayout.h"
 
 using dravik::lcmgui::GuiConfig;
 using dravik::lcmgui::LcmGui;
@@ -17,11 +18,8 @@ using Access = dravik::lcmgui::LcmGuiTestAccess;
 
 namespace {
 
-struct Layout {
-    const char* name;
-    unsigned depth;
-    fb_bitfield red, green, blue;  // offset, length
-    bool dedicated;                // a dedicated conversion is expected
+struct Layout : dravik::lcmgui::testsupport::PanelLayout {
+    bool dedicated;  // a dedicated conversion is expected
 };
 
 const Layout kLayouts[] = {
@@ -64,13 +62,21 @@ protected:
 
     // An engine whose colour path init prepared for `layout`.
     static void prepare(LcmGui& gui, const Layout& layout) {
-        fb_var_screeninfo& var = Access::fbVar(gui);
-        var.bits_per_pixel = layout.depth;
-        var.red = layout.red;
-        var.green = layout.green;
-        var.blue = layout.blue;
-        Access::fbFix(gui).visual = FB_VISUAL_TRUECOLOR;
+        dravik::lcmgui::testsupport::setPanelLayout(gui, layout);
         ASSERT_TRUE(Access::prepareColourPath(gui));
+    }
+
+    // Calls `check` with a new engine prepared for each layout in turn, the
+    // dither matrix reset before each; a layout that cannot be prepared ends
+    // the walk.
+    void forEachLayout(const std::function<void(LcmGui&, const Layout&)>& check) {
+        for (const auto& layout : kLayouts) {
+            SCOPED_TRACE(layout.name);
+            LcmGui::resetDitherMatrix();
+            LcmGui gui(config);
+            ASSERT_NO_FATAL_FAILURE(prepare(gui, layout));
+            check(gui, layout);
+        }
     }
 
     GuiConfig config;
@@ -112,28 +118,20 @@ std::vector<unsigned char> randomLine(unsigned width, std::mt19937& random) {
 }  // namespace
 
 TEST_F(FastConversion, every_layout_gives_the_bytes_of_the_tables_at_every_width) {
-    for (const auto& layout : kLayouts) {
-        SCOPED_TRACE(layout.name);
-        LcmGui::resetDitherMatrix();
-        LcmGui gui(config);
-        ASSERT_NO_FATAL_FAILURE(prepare(gui, layout));
+    forEachLayout([&](LcmGui& gui, const Layout& layout) {
         EXPECT_EQ(Access::hasFastLine(gui), layout.dedicated);
         for (unsigned width : widths()) {
             for (unsigned line : {0U, 3U, 7U, 12U}) {
                 expectSameLine(gui, layout.depth, line, randomLine(width, random), random);
             }
         }
-    }
+    });
 }
 
 TEST_F(FastConversion, every_channel_value_gives_the_bytes_of_the_tables) {
     // 256 pixels per line, each byte position sweeping all values against
     // fixed, rising and falling neighbours.
-    for (const auto& layout : kLayouts) {
-        SCOPED_TRACE(layout.name);
-        LcmGui::resetDitherMatrix();
-        LcmGui gui(config);
-        ASSERT_NO_FATAL_FAILURE(prepare(gui, layout));
+    forEachLayout([&](LcmGui& gui, const Layout& layout) {
         const std::function<unsigned(unsigned)> neighbours[] = {
             [](unsigned) { return 0U; },        [](unsigned) { return 0x7FU; },
             [](unsigned) { return 0xFFU; },     [](unsigned v) { return v; },
@@ -151,7 +149,7 @@ TEST_F(FastConversion, every_channel_value_gives_the_bytes_of_the_tables) {
                 expectSameLine(gui, layout.depth, channel, src, random);
             }
         }
-    }
+    });
 }
 
 TEST_F(FastConversion, dither_follows_a_matrix_changed_after_init) {

@@ -4,11 +4,13 @@
 #include <vector>
 
 #include "GuiConfig.h"
+#include "ScreenExpectations.h"
 #include "dravik_logger/log_capture.h"
 #include "dravik_test_support/temp_dir.h"
 #include "dravik_utils/utils.h"
 
 using namespace dravik::lcmgui;
+using namespace dravik::lcmgui::testsupport;
 using dravik::logger::LogCapture;
 using dravik::testsupport::TempDir;
 
@@ -68,23 +70,20 @@ void expectLookingThen(const LogCapture& capture, const std::string& file, int l
 }
 
 void expectDefaultText(const GuiTextConf& t) {
-    EXPECT_EQ(t.text, "");
-    EXPECT_EQ(t.x, 0);
-    EXPECT_EQ(t.y, 0);
-    EXPECT_EQ(t.size, 0);
-    EXPECT_EQ(t.alignHor, kAlignLeft);
-    EXPECT_EQ(t.alignVert, kAlignTop);
+    expectTextConf(t, {"", 0, 0, 0, kAlignLeft, kAlignTop});
 }
 
 void expectDefaultImg(const GuiImgConf& i) {
-    EXPECT_EQ(i.file, "");
-    EXPECT_EQ(i.x, 0);
-    EXPECT_EQ(i.y, 0);
-    EXPECT_EQ(i.alignHor, kAlignLeft);
-    EXPECT_EQ(i.alignVert, kAlignTop);
-    EXPECT_EQ(i.animation, kAnimStatic);
-    EXPECT_EQ(i.duration, 0u);
-    EXPECT_EQ(i.count, 0);
+    expectImgConf(i, {"", 0, 0, kAlignLeft, kAlignTop, kAnimStatic, 0, 0});
+}
+
+// The alignment and animation words of both elements kept their defaults.
+void expectDefaultWords(const GuiScreenDesc& desc) {
+    EXPECT_EQ(desc.text.alignHor, kAlignLeft);
+    EXPECT_EQ(desc.text.alignVert, kAlignTop);
+    EXPECT_EQ(desc.img.alignHor, kAlignLeft);
+    EXPECT_EQ(desc.img.alignVert, kAlignTop);
+    EXPECT_EQ(desc.img.animation, kAnimStatic);
 }
 
 // A screens file with one screen "s" whose "text" and "img" members are given.
@@ -154,20 +153,8 @@ TEST_F(GuiConfigTest, loads_every_key_of_a_complete_file) {
     bool found = false;
     const GuiScreenDesc& boot = config.getScreenDesc("boot", found);
     ASSERT_TRUE(found);
-    EXPECT_EQ(boot.text.text, "Starting");
-    EXPECT_EQ(boot.text.size, 20);
-    EXPECT_EQ(boot.text.x, 64);
-    EXPECT_EQ(boot.text.y, 10);
-    EXPECT_EQ(boot.text.alignHor, kAlignCenter);
-    EXPECT_EQ(boot.text.alignVert, kAlignMiddle);
-    EXPECT_EQ(boot.img.file, "boot.png");
-    EXPECT_EQ(boot.img.x, 5);
-    EXPECT_EQ(boot.img.y, 6);
-    EXPECT_EQ(boot.img.alignHor, kAlignRight);
-    EXPECT_EQ(boot.img.alignVert, kAlignBottom);
-    EXPECT_EQ(boot.img.animation, kAnimSlideshow);
-    EXPECT_EQ(boot.img.duration, 1200u);
-    EXPECT_EQ(boot.img.count, 4);
+    expectTextConf(boot.text, {"Starting", 64, 10, 20, kAlignCenter, kAlignMiddle});
+    expectImgConf(boot.img, {"boot.png", 5, 6, kAlignRight, kAlignBottom, kAnimSlideshow, 1200, 4});
 
     const GuiScreenDesc& charging = config.getScreenDesc("charging", found);
     ASSERT_TRUE(found);
@@ -523,22 +510,14 @@ TEST_F(GuiConfigTest, alignment_and_animation_words_are_case_sensitive) {
     const GuiScreenDesc desc = loadScreen(
         R"("text": {"str": "t", "horizontal": "Center", "vertical": "MIDDLE"},
            "img": {"file": "f", "horizontal": "RIGHT", "vertical": "Bottom", "animation": "Breathing"})");
-    EXPECT_EQ(desc.text.alignHor, kAlignLeft);
-    EXPECT_EQ(desc.text.alignVert, kAlignTop);
-    EXPECT_EQ(desc.img.alignHor, kAlignLeft);
-    EXPECT_EQ(desc.img.alignVert, kAlignTop);
-    EXPECT_EQ(desc.img.animation, kAnimStatic);
+    expectDefaultWords(desc);
 }
 
 TEST_F(GuiConfigTest, non_string_words_keep_the_defaults) {
     const GuiScreenDesc desc = loadScreen(
         R"("text": {"str": "t", "horizontal": 1, "vertical": 2},
            "img": {"file": "f", "horizontal": ["right"], "vertical": null, "animation": 3})");
-    EXPECT_EQ(desc.text.alignHor, kAlignLeft);
-    EXPECT_EQ(desc.text.alignVert, kAlignTop);
-    EXPECT_EQ(desc.img.alignHor, kAlignLeft);
-    EXPECT_EQ(desc.img.alignVert, kAlignTop);
-    EXPECT_EQ(desc.img.animation, kAnimStatic);
+    expectDefaultWords(desc);
 }
 
 TEST_F(GuiConfigTest, keys_are_case_sensitive) {

@@ -11,11 +11,8 @@
 namespace {
 
 using dravik::ipc::messages::BaseRequestMessage;
-using dravik::lcmgui::GuiConfig;
-using dravik::lcmgui::LcmGui;
-using dravik::lcmgui::LcmGuiHandler;
-using dravik::lcmgui::LcmGuiTestAccess;
 using dravik::logger::LogCapture;
+using namespace dravik::lcmgui;
 using dravik::variant::Variant;
 
 // The handler over an engine that has no panel: requests reach the show

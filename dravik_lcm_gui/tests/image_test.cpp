@@ -8,8 +8,8 @@
 #include <string>
 #include <vector>
 
+#include "EngineTest.h"
 #include "LcmGui.h"
-#include "LcmGuiTestAccess.h"
 #include "PrivateGuiPaths.h"
 #include "TestImages.h"
 #include "dravik_logger/log_capture.h"
@@ -17,13 +17,10 @@
 using dravik::logger::LogCapture;
 using namespace dravik::lcmgui;
 using namespace dravik::lcmgui::testsupport;
-using Access = LcmGuiTestAccess;
 
 namespace {
 
 auto* const gPaths = PrivateGuiPaths::registerEnvironment();
-
-constexpr uint8_t kSentinel = 0x5A;
 
 // Each column x of the picture holds (x, row, 255 - x) on B, G, R.
 cv::Mat columnRamp(int w, int h) {
@@ -55,6 +52,12 @@ protected:
     void SetUp() override { ASSERT_TRUE(Access::setMemoryPanel(gui, 240, 64)); }
 
     cv::Mat& buf() { return Access::displayBuf(gui); }
+    // Clears the drawing buffer to black and draws `img` at animation `level`
+    // into it, without clearing its area and without showing it.
+    bool renderOnBlack(const cv::Mat& img, const GuiImgConf& conf, unsigned level) {
+        buf().setTo(cv::Scalar::all(0));
+        return gui.renderImage(img, conf, level, false, false);
+    }
     // The drawing buffer's pixels inside `rect` must equal `expected`, and
     // everything outside must still be black.
     void expectOnlyRect(cv::Rect rect, const cv::Mat& expected) {
@@ -122,9 +125,7 @@ TEST_F(Image, slideshow_level_selects_slide_and_wraps_to_first) {
     } rows[] = {{0, 0}, {1, 100}, {2, 200}, {3, 0}, {57, 0}};
     for (const auto& row : rows) {
         SCOPED_TRACE(row.level);
-        buf().setTo(cv::Scalar::all(0));
-        EXPECT_TRUE(
-            gui.renderImage(img, imgConf(kAnimSlideshow, 3, 10, 0), row.level, false, false));
+        EXPECT_TRUE(renderOnBlack(img, imgConf(kAnimSlideshow, 3, 10, 0), row.level));
         expectOnlyRect(cv::Rect(10, 0, 100, 50), img(cv::Rect(row.firstColumn, 0, 100, 50)));
     }
 }
@@ -134,8 +135,7 @@ TEST_F(Image, slideshow_leftover_columns_are_never_shown) {
     img.col(99).setTo(cv::Scalar(1, 2, 3));  // a colour no slide column has
     for (unsigned level = 0; level < 5; ++level) {
         SCOPED_TRACE(level);
-        buf().setTo(cv::Scalar::all(0));
-        EXPECT_TRUE(gui.renderImage(img, imgConf(kAnimSlideshow, 3), level, false, false));
+        EXPECT_TRUE(renderOnBlack(img, imgConf(kAnimSlideshow, 3), level));
         const int first = level < 3 ? static_cast<int>(level) * 33 : 0;
         expectOnlyRect(cv::Rect(0, 0, 33, 20), img(cv::Rect(first, 0, 33, 20)));
         cv::Mat hits;
@@ -166,9 +166,7 @@ TEST_F(Image, progress_bar_combines_filled_and_empty_pictures) {
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.level);
-        buf().setTo(cv::Scalar::all(0));
-        EXPECT_TRUE(
-            gui.renderImage(img, imgConf(kAnimProgressbar, 0, 20, 30), row.level, false, false));
+        EXPECT_TRUE(renderOnBlack(img, imgConf(kAnimProgressbar, 0, 20, 30), row.level));
         cv::Mat expected(20, 200, CV_8UC3, cv::Scalar::all(0));
         for (const auto& part : row.parts) {
             const cv::Mat& source = part.upper ? full : empty;
@@ -187,8 +185,7 @@ TEST_F(Image, breathing_scales_by_level_capped_at_100) {
     } rows[] = {{0, 0.0}, {50, 0.5}, {100, 1.0}, {150, 1.0}, {33, 0.33}};
     for (const auto& row : rows) {
         SCOPED_TRACE(row.level);
-        buf().setTo(cv::Scalar::all(0));
-        EXPECT_TRUE(gui.renderImage(img, imgConf(kAnimBreathing), row.level, false, false));
+        EXPECT_TRUE(renderOnBlack(img, imgConf(kAnimBreathing), row.level));
         cv::Mat expected;
         img.convertTo(expected, CV_8UC3, row.factor);  // rounded, saturated
         expectOnlyRect(cv::Rect(0, 0, 50, 20), expected);
@@ -225,9 +222,8 @@ TEST_F(Image, alignment_places_picture) {
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(::testing::Message() << row.at);
-        buf().setTo(cv::Scalar::all(0));
-        EXPECT_TRUE(gui.renderImage(img, imgConf(kAnimStatic, 0, row.x, row.y, row.hor, row.vert),
-                                    0, false, false));
+        EXPECT_TRUE(
+            renderOnBlack(img, imgConf(kAnimStatic, 0, row.x, row.y, row.hor, row.vert), 0));
         expectOnlyRect(cv::Rect(row.at, img.size()), img);
     }
 }

@@ -5,25 +5,22 @@
 #include <gtest/gtest.h>
 #include <linux/fb.h>
 
+#include <functional>
 #include <opencv2/core.hpp>
 #include <random>
 #include <vector>
 
 #include "LcmGui.h"
 #include "LcmGuiTestAccess.h"
+#include "PanelLayout.h"
 
 using dravik::lcmgui::GuiConfig;
 using dravik::lcmgui::LcmGui;
 using dravik::lcmgui::PanelRect;
 using Access = dravik::lcmgui::LcmGuiTestAccess;
+using Layout = dravik::lcmgui::testsupport::PanelLayout;
 
 namespace {
-
-struct Layout {
-    const char* name;
-    unsigned depth;
-    fb_bitfield red, green, blue;
-};
 
 const Layout kLayouts[] = {
     {"RGB565", 16, {11, 5, 0}, {5, 6, 0}, {0, 5, 0}},
@@ -55,14 +52,9 @@ public:
     Engine(GuiConfig& config, const Layout& layout, unsigned width, unsigned height,
            unsigned degrees)
         : gui(config) {
-        fb_var_screeninfo& var = Access::fbVar(gui);
-        var.xres = width;
-        var.yres = height;
-        var.bits_per_pixel = layout.depth;
-        var.red = layout.red;
-        var.green = layout.green;
-        var.blue = layout.blue;
-        Access::fbFix(gui).visual = FB_VISUAL_TRUECOLOR;
+        Access::fbVar(gui).xres = width;
+        Access::fbVar(gui).yres = height;
+        dravik::lcmgui::testsupport::setPanelLayout(gui, layout);
         const unsigned line = width * ((layout.depth + 7) / 8) + 5;  // padded lines
         memory.assign(size_t{line} * height, 0xA5);
         Access::setPanelMemory(gui, memory.data(), line);
@@ -134,6 +126,26 @@ void expectSamePanel(GuiConfig& config, const Layout& layout, const Turn& turn,
 class Rotation : public ::testing::Test {
 protected:
     void TearDown() override { LcmGui::resetDitherMatrix(); }
+
+    // Calls `check` on each layout and turn with a random screen of every
+    // width from 1 to 70 and every height of kHeights; the first fatal failure
+    // ends the walk.
+    void forEachScreen(
+        const std::function<void(const Layout&, const Turn&, const cv::Mat&)>& check) {
+        for (const auto& layout : kLayouts) {
+            for (const auto& turn : kTurns) {
+                for (unsigned width = 1; width <= 70; ++width) {
+                    for (unsigned height : kHeights) {
+                        check(layout, turn, randomPicture(width, height, random));
+                        if (HasFatalFailure()) {
+                            return;
+                        }
+                    }
+                }
+            }
+        }
+    }
+
     GuiConfig config;
     std::mt19937 random{0x70727};
 };
@@ -141,35 +153,21 @@ protected:
 }  // namespace
 
 TEST_F(Rotation, a_turned_whole_screen_equals_the_turned_picture_converted) {
-    for (const auto& layout : kLayouts) {
-        for (const auto& turn : kTurns) {
-            for (unsigned width = 1; width <= 70; ++width) {
-                for (unsigned height : kHeights) {
-                    const cv::Mat screen = randomPicture(width, height, random);
-                    ASSERT_NO_FATAL_FAILURE(
-                        expectSamePanel(config, layout, turn, screen, {0, 0, 0, 0}));
-                }
-            }
-        }
-    }
+    forEachScreen([&](const Layout& layout, const Turn& turn, const cv::Mat& screen) {
+        ASSERT_NO_FATAL_FAILURE(expectSamePanel(config, layout, turn, screen, {0, 0, 0, 0}));
+    });
 }
 
 TEST_F(Rotation, a_turned_rectangle_lands_where_the_turn_puts_it) {
-    for (const auto& layout : kLayouts) {
-        for (const auto& turn : kTurns) {
-            for (unsigned width = 1; width <= 70; ++width) {
-                for (unsigned height : kHeights) {
-                    const cv::Mat screen = randomPicture(width, height, random);
-                    const unsigned x = random() % width;
-                    const unsigned y = random() % height;
-                    const unsigned w = 1 + random() % (width - x);
-                    const unsigned h = 1 + random() % (height - y);
-                    ASSERT_NO_FATAL_FAILURE(
-                        expectSamePanel(config, layout, turn, screen, {x, y, w, h}));
-                }
-            }
-        }
-    }
+    forEachScreen([&](const Layout& layout, const Turn& turn, const cv::Mat& screen) {
+        const auto width = static_cast<unsigned>(screen.cols);
+        const auto height = static_cast<unsigned>(screen.rows);
+        const unsigned x = random() % width;
+        const unsigned y = random() % height;
+        const unsigned w = 1 + random() % (width - x);
+        const unsigned h = 1 + random() % (height - y);
+        ASSERT_NO_FATAL_FAILURE(expectSamePanel(config, layout, turn, screen, {x, y, w, h}));
+    });
 }
 
 TEST_F(Rotation, a_rectangle_beyond_the_turned_screen_is_refused) {

@@ -1,11 +1,16 @@
 #include <gtest/gtest.h>
 
+#include <initializer_list>
 #include <string>
 #include <type_traits>
+#include <utility>
+#include <vector>
 
 #include "GuiScreen.h"
+#include "ScreenExpectations.h"
 
 using namespace dravik::lcmgui;
+using namespace dravik::lcmgui::testsupport;
 
 namespace {
 
@@ -14,6 +19,19 @@ namespace {
 static_assert(sizeof(AlignHor) == 1 && sizeof(AlignVert) == 1 && sizeof(AnimType) == 1);
 static_assert(std::is_copy_constructible_v<GuiScreenDesc> &&
               std::is_copy_assignable_v<GuiScreenDesc>);
+
+// `parse` maps each row's word to its value, whichever of `defaults` it is given.
+template <typename E>
+void expectEachWord(E (*parse)(const std::string&, E),
+                    const std::vector<std::pair<const char*, E>>& rows,
+                    std::initializer_list<E> defaults) {
+    for (const auto& [word, expected] : rows) {
+        for (const E def : defaults) {
+            SCOPED_TRACE(std::string(word) + " default " + std::to_string(def));
+            EXPECT_EQ(parse(word, def), expected);
+        }
+    }
+}
 
 }  // namespace
 
@@ -31,45 +49,24 @@ TEST(ScreenModel, enumeration_values_follow_their_text_forms) {
 }
 
 TEST(ScreenModel, parse_align_hor_maps_each_word_whatever_the_default) {
-    const struct {
-        const char* word;
-        AlignHor expected;
-    } rows[] = {{"left", kAlignLeft}, {"center", kAlignCenter}, {"right", kAlignRight}};
-    for (const auto& row : rows) {
-        for (const AlignHor def : {kAlignLeft, kAlignCenter, kAlignRight}) {
-            SCOPED_TRACE(std::string(row.word) + " default " + std::to_string(def));
-            EXPECT_EQ(parseAlignHor(row.word, def), row.expected);
-        }
-    }
+    expectEachWord(parseAlignHor,
+                   {{"left", kAlignLeft}, {"center", kAlignCenter}, {"right", kAlignRight}},
+                   {kAlignLeft, kAlignCenter, kAlignRight});
 }
 
 TEST(ScreenModel, parse_align_vert_maps_each_word_whatever_the_default) {
-    const struct {
-        const char* word;
-        AlignVert expected;
-    } rows[] = {{"top", kAlignTop}, {"middle", kAlignMiddle}, {"bottom", kAlignBottom}};
-    for (const auto& row : rows) {
-        for (const AlignVert def : {kAlignTop, kAlignMiddle, kAlignBottom}) {
-            SCOPED_TRACE(std::string(row.word) + " default " + std::to_string(def));
-            EXPECT_EQ(parseAlignVert(row.word, def), row.expected);
-        }
-    }
+    expectEachWord(parseAlignVert,
+                   {{"top", kAlignTop}, {"middle", kAlignMiddle}, {"bottom", kAlignBottom}},
+                   {kAlignTop, kAlignMiddle, kAlignBottom});
 }
 
 TEST(ScreenModel, parse_anim_type_maps_each_word_whatever_the_default) {
-    const struct {
-        const char* word;
-        AnimType expected;
-    } rows[] = {{"static", kAnimStatic},
-                {"slideshow", kAnimSlideshow},
-                {"breathing", kAnimBreathing},
-                {"progressbar", kAnimProgressbar}};
-    for (const auto& row : rows) {
-        for (const AnimType def : {kAnimStatic, kAnimSlideshow, kAnimBreathing, kAnimProgressbar}) {
-            SCOPED_TRACE(std::string(row.word) + " default " + std::to_string(def));
-            EXPECT_EQ(parseAnimType(row.word, def), row.expected);
-        }
-    }
+    expectEachWord(parseAnimType,
+                   {{"static", kAnimStatic},
+                    {"slideshow", kAnimSlideshow},
+                    {"breathing", kAnimBreathing},
+                    {"progressbar", kAnimProgressbar}},
+                   {kAnimStatic, kAnimSlideshow, kAnimBreathing, kAnimProgressbar});
     EXPECT_EQ(parseAnimType("progressbar", kAnimStatic), 3);
 }
 
@@ -107,20 +104,8 @@ TEST(ScreenModel, words_of_another_enumeration_give_the_default) {
 
 TEST(ScreenModel, default_screen_description_has_every_field_at_its_default) {
     const GuiScreenDesc desc;
-    EXPECT_EQ(desc.text.text, "");
-    EXPECT_EQ(desc.text.x, 0);
-    EXPECT_EQ(desc.text.y, 0);
-    EXPECT_EQ(desc.text.size, 0);
-    EXPECT_EQ(desc.text.alignHor, kAlignLeft);
-    EXPECT_EQ(desc.text.alignVert, kAlignTop);
-    EXPECT_EQ(desc.img.file, "");
-    EXPECT_EQ(desc.img.x, 0);
-    EXPECT_EQ(desc.img.y, 0);
-    EXPECT_EQ(desc.img.alignHor, kAlignLeft);
-    EXPECT_EQ(desc.img.alignVert, kAlignTop);
-    EXPECT_EQ(desc.img.animation, kAnimStatic);
-    EXPECT_EQ(desc.img.duration, 0u);
-    EXPECT_EQ(desc.img.count, 0);
+    expectTextConf(desc.text, {"", 0, 0, 0, kAlignLeft, kAlignTop});
+    expectImgConf(desc.img, {"", 0, 0, kAlignLeft, kAlignTop, kAnimStatic, 0, 0});
 }
 
 TEST(ScreenModel, copies_own_their_strings) {

@@ -8,9 +8,10 @@
 #include <string>
 #include <vector>
 
+#include "EngineTest.h"
 #include "LcmGui.h"
-#include "LcmGuiTestAccess.h"
 #include "PrivateGuiPaths.h"
+#include "ScreenExpectations.h"
 #include "TestImages.h"
 #include "dravik_ipc_messages/messages.h"
 #include "dravik_logger/log_capture.h"
@@ -26,22 +27,13 @@ using dravik::variant::Variant;
 using dravik::variant::VariantType;
 using namespace dravik::lcmgui;
 using namespace dravik::lcmgui::testsupport;
-using Access = LcmGuiTestAccess;
 namespace vt = dravik::variant;
 
 namespace {
 
 auto* const gPaths = PrivateGuiPaths::registerEnvironment();
 
-constexpr uint8_t kSentinel = 0x5A;
 constexpr uint64_t kStart = 7'000'000;
-constexpr int kWidth = 240;
-constexpr int kHeight = 64;
-
-uint64_t gNow = 0;
-uint64_t testClock() {
-    return gNow;
-}
 
 const cv::Scalar kBootColour(30, 160, 220);
 const cv::Scalar kSlideColours[] = {{10, 20, 30}, {40, 50, 60}, {70, 80, 90}, {100, 110, 120}};
@@ -128,7 +120,8 @@ protected:
     // backlight of the configuration (as init would set them up).
     static std::unique_ptr<LcmGui> makeEngine(GuiConfig& conf, bool withBacklight) {
         auto engine = std::make_unique<LcmGui>(conf);
-        if (!Access::setMemoryPanel(*engine, kWidth, kHeight) || !Access::initFonts(*engine)) {
+        if (!Access::setMemoryPanel(*engine, kPanelWidth, kPanelHeight) ||
+            !Access::initFonts(*engine)) {
             return nullptr;
         }
         if (withBacklight && !Access::backLight(*engine).init(conf.getBackLightPath())) {
@@ -159,7 +152,7 @@ protected:
 
     cv::Vec3b panelPixel(int x, int y) const {
         const std::vector<uint8_t> bytes = Access::panelBytes(*gui);
-        const size_t at = (static_cast<size_t>(y) * kWidth + x) * 3;
+        const size_t at = (static_cast<size_t>(y) * kPanelWidth + x) * 3;
         return {bytes[at], bytes[at + 1], bytes[at + 2]};
     }
 
@@ -176,8 +169,8 @@ protected:
     void expectBootOnPanel() const {
         const cv::Rect image(100, 10, 20, 10);
         const cv::Vec3b colour(30, 160, 220);
-        for (int y = 0; y < kHeight; ++y) {
-            for (int x = 0; x < kWidth; ++x) {
+        for (int y = 0; y < kPanelHeight; ++y) {
+            for (int x = 0; x < kPanelWidth; ++x) {
                 const bool inside = image.contains(cv::Point(x, y));
                 ASSERT_EQ(panelPixel(x, y), inside ? colour : cv::Vec3b(0, 0, 0))
                     << "pixel (" << x << ", " << y << ")";
@@ -318,22 +311,8 @@ TEST_F(ShowCommands, simple_screen_without_elements_gets_empty_records_with_defa
         gNow = kStart + 1000;
         EXPECT_TRUE(gui->showSimpleScreen(request));
 
-        const GuiTextConf& text = state().textConf;
-        EXPECT_EQ(text.text, "");
-        EXPECT_EQ(text.x, 0);
-        EXPECT_EQ(text.y, 0);
-        EXPECT_EQ(text.size, 6);
-        EXPECT_EQ(text.alignHor, kAlignLeft);
-        EXPECT_EQ(text.alignVert, kAlignTop);
-        const GuiImgConf& img = state().imgConf;
-        EXPECT_EQ(img.file, "");
-        EXPECT_EQ(img.x, 0);
-        EXPECT_EQ(img.y, 0);
-        EXPECT_EQ(img.alignHor, kAlignLeft);
-        EXPECT_EQ(img.alignVert, kAlignTop);
-        EXPECT_EQ(img.animation, kAnimStatic);
-        EXPECT_EQ(img.duration, 0U);
-        EXPECT_EQ(img.count, 0);
+        expectTextConf(state().textConf, {"", 0, 0, 6, kAlignLeft, kAlignTop});
+        expectImgConf(state().imgConf, {"", 0, 0, kAlignLeft, kAlignTop, kAnimStatic, 0, 0});
         EXPECT_TRUE(state().stateChanged);
         EXPECT_EQ(state().animStart, 0U);
         EXPECT_EQ(state().guiId, "");
@@ -422,22 +401,9 @@ TEST_F(ShowCommands, simple_screen_takes_every_element_field) {
         "brightness": 70})"));
     gNow = kStart + 42;
     EXPECT_TRUE(gui->showSimpleScreen(request));
-    const GuiTextConf& text = state().textConf;
-    EXPECT_EQ(text.text, "Hi");
-    EXPECT_EQ(text.x, 3);
-    EXPECT_EQ(text.y, 4);
-    EXPECT_EQ(text.size, 20);
-    EXPECT_EQ(text.alignHor, kAlignCenter);
-    EXPECT_EQ(text.alignVert, kAlignBottom);
-    const GuiImgConf& img = state().imgConf;
-    EXPECT_EQ(img.file, "spinner.png");
-    EXPECT_EQ(img.x, 5);
-    EXPECT_EQ(img.y, 6);
-    EXPECT_EQ(img.alignHor, kAlignRight);
-    EXPECT_EQ(img.alignVert, kAlignMiddle);
-    EXPECT_EQ(img.animation, kAnimSlideshow);
-    EXPECT_EQ(img.duration, 1000U);
-    EXPECT_EQ(img.count, 4);
+    expectTextConf(state().textConf, {"Hi", 3, 4, 20, kAlignCenter, kAlignBottom});
+    expectImgConf(state().imgConf,
+                  {"spinner.png", 5, 6, kAlignRight, kAlignMiddle, kAnimSlideshow, 1000, 4});
     EXPECT_EQ(state().animStart, kStart + 42);  // the time of the request
     tickAt(100);
     EXPECT_EQ(backlight.written(), raw("178"));

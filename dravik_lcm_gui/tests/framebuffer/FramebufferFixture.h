@@ -13,9 +13,14 @@
 #include <vector>
 
 #include "LcmGui.h"
+#include "LcmGuiTestAccess.h"
+#include "dravik_logger/log_capture.h"
 #include "fakefb/fakefb.h"
 
 namespace dravik::lcmgui::testsupport {
+
+using Access = LcmGuiTestAccess;
+using dravik::logger::LogCapture;
 
 constexpr char kDevice[] = "/dev/fb-engine-test";
 constexpr uint8_t kSentinel = 0xA5;

@@ -7,11 +7,7 @@
 
 #include "FramebufferFixture.h"
 #include "LcmGui.h"
-#include "LcmGuiTestAccess.h"
-#include "dravik_logger/log_capture.h"
 
-using dravik::logger::LogCapture;
-using Access = dravik::lcmgui::LcmGuiTestAccess;
 using namespace dravik::lcmgui;
 using namespace dravik::lcmgui::testsupport;
 

@@ -7,13 +7,28 @@
 
 #include "FramebufferFixture.h"
 #include "LcmGui.h"
-#include "LcmGuiTestAccess.h"
-#include "dravik_logger/log_capture.h"
 
-using dravik::logger::LogCapture;
-using Access = dravik::lcmgui::LcmGuiTestAccess;
 using namespace dravik::lcmgui;
 using namespace dravik::lcmgui::testsupport;
+
+namespace {
+
+// Where getOffsetXY is asked to place a w x h box: the given position and the
+// alignment.
+struct Placement {
+    unsigned x, y, w, h;
+    AlignHor hor;
+    AlignVert vert;
+};
+
+// Asks `gui` to place `p`; `x` and `y` get the position it leaves.
+bool place(LcmGui& gui, const Placement& p, unsigned& x, unsigned& y) {
+    x = p.x;
+    y = p.y;
+    return gui.getOffsetXY(x, y, p.w, p.h, p.hor, p.vert);
+}
+
+}  // namespace
 
 TEST_F(Framebuffer, drawing_buffer_reaches_panel_by_conversion_rules) {
     for (const auto& c : depthCases()) {
@@ -106,10 +121,7 @@ TEST_F(Framebuffer, get_offset_xy_places_by_alignment) {
     auto panel = makePanel(fakefb::Geometry::forDepth(24, 240, 120));
     LcmGui gui(config);
     ASSERT_TRUE(gui.init(kDevice, "", -1));
-    struct Row {
-        unsigned x, y, w, h;
-        AlignHor hor;
-        AlignVert vert;
+    struct Row : Placement {
         bool ok;
         unsigned ex, ey;
     };
@@ -129,9 +141,9 @@ TEST_F(Framebuffer, get_offset_xy_places_by_alignment) {
         SCOPED_TRACE(::testing::Message()
                      << row.w << "x" << row.h << " at (" << row.x << ", " << row.y << ") align "
                      << int(row.hor) << "/" << int(row.vert));
-        unsigned x = row.x;
-        unsigned y = row.y;
-        EXPECT_EQ(gui.getOffsetXY(x, y, row.w, row.h, row.hor, row.vert), row.ok);
+        unsigned x = 0;
+        unsigned y = 0;
+        EXPECT_EQ(place(gui, row, x, y), row.ok);
         EXPECT_EQ(x, row.ex);
         EXPECT_EQ(y, row.ey);
     }
@@ -141,10 +153,7 @@ TEST_F(Framebuffer, get_offset_xy_checks_the_given_position_before_aligning) {
     auto panel = makePanel(fakefb::Geometry::forDepth(24, 240, 120));
     LcmGui gui(config);
     ASSERT_TRUE(gui.init(kDevice, "", -1));
-    const struct {
-        unsigned x, y, w, h;
-        AlignHor hor;
-        AlignVert vert;
+    const struct : Placement {
         const char* message;
     } rows[] = {
         {141, 0, 100, 20, kAlignRight, kAlignTop,
@@ -157,9 +166,9 @@ TEST_F(Framebuffer, get_offset_xy_checks_the_given_position_before_aligning) {
     for (const auto& row : rows) {
         SCOPED_TRACE(row.message);
         LogCapture capture;
-        unsigned x = row.x;
-        unsigned y = row.y;
-        EXPECT_FALSE(gui.getOffsetXY(x, y, row.w, row.h, row.hor, row.vert));
+        unsigned x = 0;
+        unsigned y = 0;
+        EXPECT_FALSE(place(gui, row, x, y));
         EXPECT_EQ(x, row.x);
         EXPECT_EQ(y, row.y);
         EXPECT_TRUE(capture.has(3, row.message));

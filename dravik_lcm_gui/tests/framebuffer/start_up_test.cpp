@@ -9,13 +9,9 @@
 
 #include "FramebufferFixture.h"
 #include "LcmGui.h"
-#include "LcmGuiTestAccess.h"
-#include "dravik_logger/log_capture.h"
 #include "dravik_test_support/temp_dir.h"
 
-using dravik::logger::LogCapture;
 using dravik::testsupport::TempDir;
-using Access = dravik::lcmgui::LcmGuiTestAccess;
 using namespace dravik::lcmgui;
 using namespace dravik::lcmgui::testsupport;
 
