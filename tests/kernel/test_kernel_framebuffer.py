@@ -116,7 +116,7 @@ def require_env(name):
 def work(tmp_path_factory):
     for tool in ("qemu-system-aarch64", "dtc", "cpio", "readelf"):
         if shutil.which(tool) is None:
-            pytest.skip(f"{tool} is not installed (scripts/deps --target installs it)")
+            pytest.skip(f"{tool} is not installed (scripts/deps --cross installs it)")
     return str(tmp_path_factory.mktemp("kernel"))
 
 
