@@ -24,6 +24,7 @@
 
 #include "dravik_utils/drm_objects.h"
 #include "dravik_utils/file_descriptor.h"
+#include "failed_call.h"
 #include "fakefb/fakefb.h"
 
 namespace {
@@ -35,6 +36,8 @@ using fakefb::DamageRecord;
 using fakefb::DrmOptions;
 using fakefb::Geometry;
 using fakefb::Panel;
+using fakefb::testing::failedWith;
+using fakefb::testing::resultAndErrno;
 using Resources = dravik::utils::drm::Resources;
 using ConnectorPtr = dravik::utils::drm::Connector;
 using EncoderPtr = dravik::utils::drm::Encoder;
@@ -56,15 +59,33 @@ std::string connectorName(const drmModeConnector& c) {
     return std::string(type != nullptr ? type : "?") + "-" + std::to_string(c.connector_type_id);
 }
 
+Geometry geometry(uint32_t bpp) {
+    return Geometry::forDepth(bpp, kWidth, kHeight);
+}
+
+// A DRM panel of the test size at `bpp` on `card`, made the simulated one.
+struct DrmPanel : Panel {
+    explicit DrmPanel(uint32_t bpp, const DrmOptions& drm = {}, const char* card = kCard)
+        : Panel(card, Geometry::forDepth(bpp, kWidth, kHeight), drm) {
+        apply();
+    }
+};
+
+// The request for a dumb buffer of `width` x `height` at `bpp`.
+drm_mode_create_dumb dumbRequest(uint32_t width, uint32_t height, uint32_t bpp) {
+    drm_mode_create_dumb create{};
+    create.width = width;
+    create.height = height;
+    create.bpp = bpp;
+    return create;
+}
+
 // A dumb buffer with a framebuffer on it, mapped.
 class DumbFb {
 public:
     DumbFb(int fd, uint32_t width, uint32_t height, uint32_t bpp, uint32_t format)
         : fd_(fd), width_(width), height_(height), cpp_(bpp / 8) {
-        drm_mode_create_dumb create{};
-        create.width = width;
-        create.height = height;
-        create.bpp = bpp;
+        drm_mode_create_dumb create = dumbRequest(width, height, bpp);
         if (drmIoctl(fd, DRM_IOCTL_MODE_CREATE_DUMB, &create) != 0) {
             return;
         }
@@ -90,6 +111,9 @@ public:
             munmap(mem_, size_);
         }
     }
+    // One of the panel's size in the format its depth usually has.
+    DumbFb(int fd, uint32_t bpp)
+        : DumbFb(fd, kWidth, kHeight, bpp, bpp == 16 ? DRM_FORMAT_RGB565 : DRM_FORMAT_XRGB8888) {}
     DumbFb(const DumbFb&) = delete;
     DumbFb& operator=(const DumbFb&) = delete;
 
@@ -166,10 +190,6 @@ int setCrtc(int fd, const Output& out, uint32_t fbId) {
     return drmModeSetCrtc(fd, out.crtc, fbId, 0, 0, &connector, 1, &mode);
 }
 
-Geometry geometry(uint32_t bpp) {
-    return Geometry::forDepth(bpp, kWidth, kHeight);
-}
-
 // The panel after a SETCRTC of a framebuffer filled with pattern(seed).
 struct Shown {
     FileDescriptor fd;
@@ -179,10 +199,8 @@ struct Shown {
 
 Shown showPattern(const Panel& panel, uint32_t seed) {
     Shown shown{openCard(), {}, nullptr};
-    const uint32_t bpp = panel.geometry().bpp;
     shown.out = findOutput(shown.fd.get());
-    shown.fb = std::make_unique<DumbFb>(shown.fd.get(), kWidth, kHeight, bpp,
-                                        bpp == 16 ? DRM_FORMAT_RGB565 : DRM_FORMAT_XRGB8888);
+    shown.fb = std::make_unique<DumbFb>(shown.fd.get(), panel.geometry().bpp);
     if (shown.fb->ok()) {
         shown.fb->pattern(seed);
         EXPECT_EQ(setCrtc(shown.fd.get(), shown.out, shown.fb->id()), 0) << strerror(errno);
@@ -223,8 +241,7 @@ std::vector<std::string> kinds(const std::vector<DamageRecord>& records) {
 TEST(FakefbDrm, resources_list_the_crtc_the_connectors_and_their_encoders) {
     DrmOptions drm;
     drm.connectors = {{"HDMI-A-1", false}, {"DSI-1", true}};
-    const Panel panel(kCard, geometry(16), drm);
-    panel.apply();
+    const DrmPanel panel(16, drm);
     const FileDescriptor fd = openCard();
     ASSERT_GE(fd.get(), 0) << strerror(errno);
     const Resources res(drmModeGetResources(fd.get()));
@@ -272,8 +289,7 @@ TEST(FakefbDrm, resources_list_the_crtc_the_connectors_and_their_encoders) {
 TEST(FakefbDrm, connector_arrays_are_counted_always_and_copied_as_the_kernel_does) {
     DrmOptions drm;
     drm.orientation = "normal";  // two properties: DPMS and panel orientation
-    const Panel panel(kCard, geometry(32), drm);
-    panel.apply();
+    const DrmPanel panel(32, drm);
     const FileDescriptor fd = openCard();
     const Output out = findOutput(fd.get());
     drm_mode_modeinfo mode{};
@@ -293,9 +309,8 @@ TEST(FakefbDrm, connector_arrays_are_counted_always_and_copied_as_the_kernel_doe
     EXPECT_EQ(propIds[1], 0u);
     EXPECT_EQ(c.count_encoders, 1u);
     // A count with no array to copy into is the caller's fault, as in the kernel.
-    errno = 0;
-    EXPECT_EQ(drmIoctl(fd.get(), DRM_IOCTL_MODE_GETCONNECTOR, &c), -1);
-    EXPECT_EQ(errno, EFAULT);
+    EXPECT_EQ(resultAndErrno([&] { return drmIoctl(fd.get(), DRM_IOCTL_MODE_GETCONNECTOR, &c); }),
+              failedWith(EFAULT));
     c.count_encoders = 0;
     c.count_modes = 1;
     c.count_props = 2;
@@ -307,8 +322,7 @@ TEST(FakefbDrm, connector_arrays_are_counted_always_and_copied_as_the_kernel_doe
 TEST(FakefbDrm, connector_is_chosen_by_its_name) {
     DrmOptions drm;
     drm.connectors = {{"Virtual-1", true}, {"SPI-1", true}, {"DPI-2", false}, {"Unknown-1", true}};
-    const Panel panel(kCard, geometry(16), drm);
-    panel.apply();
+    const DrmPanel panel(16, drm);
     const FileDescriptor fd = openCard();
     const Resources res(drmModeGetResources(fd.get()));
     ASSERT_TRUE(res);
@@ -322,7 +336,7 @@ TEST(FakefbDrm, connector_is_chosen_by_its_name) {
     }
     EXPECT_EQ(names, (std::vector<std::string>{"Virtual-1", "SPI-1", "DPI-2", "Unknown-1"}));
     ASSERT_NE(spi, 0u);
-    DumbFb fb(fd.get(), kWidth, kHeight, 16, DRM_FORMAT_RGB565);
+    DumbFb fb(fd.get(), 16);
     ASSERT_TRUE(fb.ok());
     Output out = findOutput(fd.get());
     out.connector = spi;
@@ -343,8 +357,7 @@ TEST(FakefbDrm, unknown_connector_names_are_refused) {
 }
 
 TEST(FakefbDrm, primary_plane_appears_with_universal_planes_and_takes_two_formats) {
-    const Panel panel(kCard, geometry(16), DrmOptions{});
-    panel.apply();
+    const DrmPanel panel(16);
     const FileDescriptor fd = openCard();
     const PlaneRes hidden(drmModeGetPlaneResources(fd.get()));
     ASSERT_TRUE(hidden);
@@ -405,8 +418,7 @@ TEST(FakefbDrm, panel_orientation_is_a_connector_property_only_when_described) {
         SCOPED_TRACE(row.option);
         DrmOptions drm;
         drm.orientation = row.option;
-        const Panel panel(kCard, geometry(32), drm);
-        panel.apply();
+        const DrmPanel panel(32, drm);
         const FileDescriptor fd = openCard();
         EXPECT_EQ(orientationOf(fd.get(), findOutput(fd.get()).connector), row.expected);
     }
@@ -415,8 +427,7 @@ TEST(FakefbDrm, panel_orientation_is_a_connector_property_only_when_described) {
 TEST(FakefbDrm, capabilities_and_version_answer_as_described) {
     for (const uint32_t bpp : {16u, 32u}) {
         SCOPED_TRACE(bpp);
-        const Panel panel(kCard, geometry(bpp), DrmOptions{});
-        panel.apply();
+        const DrmPanel panel(bpp);
         const FileDescriptor fd = openCard();
         uint64_t value = 0;
         ASSERT_EQ(drmGetCap(fd.get(), DRM_CAP_DUMB_BUFFER, &value), 0);
@@ -434,27 +445,22 @@ TEST(FakefbDrm, capabilities_and_version_answer_as_described) {
 TEST(FakefbDrm, without_dumb_buffers_create_dumb_fails_with_enosys) {
     DrmOptions drm;
     drm.dumbBuffers = false;
-    const Panel panel(kCard, geometry(16), drm);
-    panel.apply();
+    const DrmPanel panel(16, drm);
     const FileDescriptor fd = openCard();
     uint64_t value = 1;
     ASSERT_EQ(drmGetCap(fd.get(), DRM_CAP_DUMB_BUFFER, &value), 0);
     EXPECT_EQ(value, 0u);
-    drm_mode_create_dumb create{};
-    create.width = kWidth;
-    create.height = kHeight;
-    create.bpp = 16;
-    errno = 0;
-    EXPECT_EQ(drmIoctl(fd.get(), DRM_IOCTL_MODE_CREATE_DUMB, &create), -1);
-    EXPECT_EQ(errno, ENOSYS);
+    drm_mode_create_dumb create = dumbRequest(kWidth, kHeight, 16);
+    EXPECT_EQ(
+        resultAndErrno([&] { return drmIoctl(fd.get(), DRM_IOCTL_MODE_CREATE_DUMB, &create); }),
+        failedWith(ENOSYS));
 }
 
 TEST(FakefbDrm, dumb_buffers_map_and_keep_what_is_written) {
-    const Panel panel(kCard, geometry(32), DrmOptions{});
-    panel.apply();
+    const DrmPanel panel(32);
     const FileDescriptor fd = openCard();
-    DumbFb a(fd.get(), kWidth, kHeight, 32, DRM_FORMAT_XRGB8888);
-    DumbFb b(fd.get(), kWidth, kHeight, 32, DRM_FORMAT_XRGB8888);
+    DumbFb a(fd.get(), 32);
+    DumbFb b(fd.get(), 32);
     ASSERT_TRUE(a.ok() && b.ok());
     EXPECT_NE(a.handle(), b.handle());
     EXPECT_NE(a.id(), b.id());
@@ -474,31 +480,26 @@ TEST(FakefbDrm, dumb_buffers_map_and_keep_what_is_written) {
     EXPECT_EQ(word, a.patternAt(1, 5, 3));
     munmap(again, size);
     map.handle = 999;
-    errno = 0;
-    EXPECT_EQ(drmIoctl(fd.get(), DRM_IOCTL_MODE_MAP_DUMB, &map), -1);
-    EXPECT_EQ(errno, ENOENT);
+    EXPECT_EQ(resultAndErrno([&] { return drmIoctl(fd.get(), DRM_IOCTL_MODE_MAP_DUMB, &map); }),
+              failedWith(ENOENT));
     drm_mode_destroy_dumb destroy{999};
-    errno = 0;
-    EXPECT_EQ(drmIoctl(fd.get(), DRM_IOCTL_MODE_DESTROY_DUMB, &destroy), -1);
-    EXPECT_EQ(errno, EINVAL);
+    EXPECT_EQ(
+        resultAndErrno([&] { return drmIoctl(fd.get(), DRM_IOCTL_MODE_DESTROY_DUMB, &destroy); }),
+        failedWith(EINVAL));
 }
 
 TEST(FakefbDrm, new_dumb_buffers_start_black) {
-    const Panel panel(kCard, geometry(16), DrmOptions{});
-    panel.apply();
+    const DrmPanel panel(16);
     const FileDescriptor fd = openCard();
     {
-        DumbFb first(fd.get(), kWidth, kHeight, 16, DRM_FORMAT_RGB565);
+        DumbFb first(fd.get(), 16);
         ASSERT_TRUE(first.ok());
         first.fill(0xFFFF);
         ASSERT_EQ(drmModeRmFB(fd.get(), first.id()), 0);
         drm_mode_destroy_dumb destroy{first.handle()};
         ASSERT_EQ(drmIoctl(fd.get(), DRM_IOCTL_MODE_DESTROY_DUMB, &destroy), 0);
     }
-    drm_mode_create_dumb create{};
-    create.width = kWidth;
-    create.height = kHeight;
-    create.bpp = 16;
+    drm_mode_create_dumb create = dumbRequest(kWidth, kHeight, 16);
     ASSERT_EQ(drmIoctl(fd.get(), DRM_IOCTL_MODE_CREATE_DUMB, &create), 0);
     drm_mode_map_dumb map{};
     map.handle = create.handle;
@@ -515,8 +516,7 @@ TEST(FakefbDrm, new_dumb_buffers_start_black) {
 TEST(FakefbDrm, setcrtc_shows_the_whole_framebuffer) {
     for (const uint32_t bpp : {16u, 32u}) {
         SCOPED_TRACE(bpp);
-        const Panel panel(kCard, geometry(bpp), DrmOptions{});
-        panel.apply();
+        const DrmPanel panel(bpp);
         const Shown shown = showPattern(panel, 3);
         ASSERT_TRUE(shown.fb->ok());
         EXPECT_EQ(panel.bytes().size(), kWidth * kHeight * bpp / 8);
@@ -532,8 +532,7 @@ TEST(FakefbDrm, setcrtc_shows_the_whole_framebuffer) {
 }
 
 TEST(FakefbDrm, writes_without_dirtyfb_do_not_reach_the_panel) {
-    const Panel panel(kCard, geometry(16), DrmOptions{});
-    panel.apply();
+    const DrmPanel panel(16);
     Shown shown = showPattern(panel, 4);
     ASSERT_TRUE(shown.fb->ok());
     shown.fb->fill(0x1234);
@@ -541,8 +540,7 @@ TEST(FakefbDrm, writes_without_dirtyfb_do_not_reach_the_panel) {
 }
 
 TEST(FakefbDrm, dirtyfb_clips_reach_the_panel_exactly) {
-    const Panel panel(kCard, geometry(32), DrmOptions{});
-    panel.apply();
+    const DrmPanel panel(32);
     Shown shown = showPattern(panel, 5);
     ASSERT_TRUE(shown.fb->ok());
     shown.fb->fill(0x00ABCDEF);
@@ -563,8 +561,7 @@ TEST(FakefbDrm, dirtyfb_clips_reach_the_panel_exactly) {
 }
 
 TEST(FakefbDrm, dirtyfb_without_clips_shows_the_whole_framebuffer) {
-    const Panel panel(kCard, geometry(16), DrmOptions{});
-    panel.apply();
+    const DrmPanel panel(16);
     Shown shown = showPattern(panel, 6);
     ASSERT_TRUE(shown.fb->ok());
     shown.fb->pattern(7);
@@ -574,8 +571,7 @@ TEST(FakefbDrm, dirtyfb_without_clips_shows_the_whole_framebuffer) {
 }
 
 TEST(FakefbDrm, dirtyfb_refuses_what_the_kernel_refuses) {
-    const Panel panel(kCard, geometry(16), DrmOptions{});
-    panel.apply();
+    const DrmPanel panel(16);
     Shown shown = showPattern(panel, 8);
     ASSERT_TRUE(shown.fb->ok());
     std::vector<drmModeClip> many(257, drmModeClip{0, 0, 1, 1});
@@ -589,10 +585,9 @@ TEST(FakefbDrm, dirtyfb_refuses_what_the_kernel_refuses) {
 }
 
 TEST(FakefbDrm, dirtyfb_of_a_framebuffer_not_on_show_changes_nothing) {
-    const Panel panel(kCard, geometry(16), DrmOptions{});
-    panel.apply();
+    const DrmPanel panel(16);
     Shown shown = showPattern(panel, 9);
-    DumbFb other(shown.fd.get(), kWidth, kHeight, 16, DRM_FORMAT_RGB565);
+    DumbFb other(shown.fd.get(), 16);
     ASSERT_TRUE(other.ok());
     other.fill(0xFFFF);
     ASSERT_EQ(drmModeDirtyFB(shown.fd.get(), other.id(), nullptr, 0), 0);
@@ -629,10 +624,9 @@ TEST(FakefbDrm, page_flip_event_arrives_through_drmHandleEvent) {
         SCOPED_TRACE(vblank);
         DrmOptions drm;
         drm.vblank = vblank;
-        const Panel panel(kCard, geometry(32), drm);
-        panel.apply();
+        const DrmPanel panel(32, drm);
         Shown shown = showPattern(panel, 10);
-        DumbFb back(shown.fd.get(), kWidth, kHeight, 32, DRM_FORMAT_XRGB8888);
+        DumbFb back(shown.fd.get(), 32);
         ASSERT_TRUE(back.ok());
         back.pattern(11);
         FlipSeen seen;
@@ -659,10 +653,9 @@ TEST(FakefbDrm, flip_that_never_completes_makes_the_next_flip_busy) {
     DrmOptions drm;
     drm.vblank = true;
     drm.flipCompletes = false;
-    const Panel panel(kCard, geometry(16), drm);
-    panel.apply();
+    const DrmPanel panel(16, drm);
     Shown shown = showPattern(panel, 12);
-    DumbFb back(shown.fd.get(), kWidth, kHeight, 16, DRM_FORMAT_RGB565);
+    DumbFb back(shown.fd.get(), 16);
     ASSERT_TRUE(back.ok());
     back.fill(0xF800);
     FlipSeen seen;
@@ -686,8 +679,7 @@ TEST(FakefbDrm, crtc_sequence_answers_only_with_vertical_blanking) {
         SCOPED_TRACE(vblank);
         DrmOptions drm;
         drm.vblank = vblank;
-        const Panel panel(kCard, geometry(16), drm);
-        panel.apply();
+        const DrmPanel panel(16, drm);
         Shown shown = showPattern(panel, 13);
         uint64_t seq = 0;
         uint64_t ns = 0;
@@ -713,13 +705,12 @@ TEST(FakefbDrm, crtc_sequence_answers_only_with_vertical_blanking) {
 TEST(FakefbDrm, another_master_keeps_the_display_from_the_client) {
     DrmOptions drm;
     drm.master = false;
-    const Panel panel(kCard, geometry(16), drm);
-    panel.apply();
+    const DrmPanel panel(16, drm);
     const FileDescriptor fd = openCard();
     EXPECT_EQ(drmIsMaster(fd.get()), 0);
     EXPECT_EQ(errnoOf(drmSetMaster(fd.get())), EBUSY);
     // Buffers and framebuffers may be made; nothing may be shown.
-    DumbFb fb(fd.get(), kWidth, kHeight, 16, DRM_FORMAT_RGB565);
+    DumbFb fb(fd.get(), 16);
     ASSERT_TRUE(fb.ok());
     const Output out = findOutput(fd.get());
     EXPECT_EQ(errnoOf(setCrtc(fd.get(), out, fb.id())), EACCES);
@@ -729,8 +720,7 @@ TEST(FakefbDrm, another_master_keeps_the_display_from_the_client) {
 }
 
 TEST(FakefbDrm, master_is_the_client_by_default) {
-    const Panel panel(kCard, geometry(16), DrmOptions{});
-    panel.apply();
+    const DrmPanel panel(16);
     const FileDescriptor fd = openCard();
     EXPECT_NE(drmIsMaster(fd.get()), 0);
     EXPECT_EQ(drmSetMaster(fd.get()), 0);
@@ -741,11 +731,10 @@ TEST(FakefbDrm, master_is_the_client_by_default) {
 }
 
 TEST(FakefbDrm, mode_sets_the_display_cannot_take_are_refused) {
-    const Panel panel(kCard, geometry(16), DrmOptions{});
-    panel.apply();
+    const DrmPanel panel(16);
     const FileDescriptor fd = openCard();
     const Output out = findOutput(fd.get());
-    DumbFb xrgb(fd.get(), kWidth, kHeight, 32, DRM_FORMAT_XRGB8888);
+    DumbFb xrgb(fd.get(), 32);
     DumbFb small(fd.get(), kWidth - 1, kHeight, 16, DRM_FORMAT_RGB565);
     ASSERT_TRUE(xrgb.ok() && small.ok());
     struct Row {
@@ -773,13 +762,9 @@ TEST(FakefbDrm, mode_sets_the_display_cannot_take_are_refused) {
 }
 
 TEST(FakefbDrm, framebuffers_are_checked_like_the_kernel_does) {
-    const Panel panel(kCard, geometry(16), DrmOptions{});
-    panel.apply();
+    const DrmPanel panel(16);
     const FileDescriptor fd = openCard();
-    drm_mode_create_dumb create{};
-    create.width = kWidth;
-    create.height = kHeight;
-    create.bpp = 16;
+    drm_mode_create_dumb create = dumbRequest(kWidth, kHeight, 16);
     ASSERT_EQ(drmIoctl(fd.get(), DRM_IOCTL_MODE_CREATE_DUMB, &create), 0);
     struct Row {
         const char* what;
@@ -816,9 +801,8 @@ TEST(FakefbDrm, framebuffers_are_checked_like_the_kernel_does) {
 }
 
 TEST(FakefbDrm, fstat_reports_a_drm_character_device) {
-    const Panel panel("/dev/dri/card3", geometry(16), DrmOptions{});
-    panel.apply();
-    const FileDescriptor fd = openCard("/dev/dri/card3");
+    const DrmPanel panel(16, {}, "/dev/dri/card3");
+    const FileDescriptor fd = openCard(panel.device().c_str());
     ASSERT_GE(fd.get(), 0);
     struct stat st {};
     ASSERT_EQ(fstat(fd.get(), &st), 0);
@@ -854,22 +838,18 @@ TEST(FakefbDrm, framebuffer_panel_keeps_its_plain_fstat_and_refuses_drm_ioctls) 
 }
 
 TEST(FakefbDrm, framebuffer_ioctls_and_unknown_ioctls_fail_as_on_a_drm_node) {
-    const Panel panel(kCard, geometry(16), DrmOptions{});
-    panel.apply();
+    const DrmPanel panel(16);
     const FileDescriptor fd = openCard();
     fb_var_screeninfo var{};
-    errno = 0;
-    EXPECT_EQ(ioctl(fd.get(), FBIOGET_VSCREENINFO, &var), -1);
-    EXPECT_EQ(errno, ENOTTY);
+    EXPECT_EQ(resultAndErrno([&] { return ioctl(fd.get(), FBIOGET_VSCREENINFO, &var); }),
+              failedWith(ENOTTY));
     drm_mode_get_blob blob{};
-    errno = 0;
-    EXPECT_EQ(ioctl(fd.get(), DRM_IOCTL_MODE_GETPROPBLOB, &blob), -1);
-    EXPECT_EQ(errno, EINVAL);
+    EXPECT_EQ(resultAndErrno([&] { return ioctl(fd.get(), DRM_IOCTL_MODE_GETPROPBLOB, &blob); }),
+              failedWith(EINVAL));
 }
 
 TEST(FakefbDrm, rmfb_of_the_framebuffer_on_show_turns_the_panel_off) {
-    const Panel panel(kCard, geometry(16), DrmOptions{});
-    panel.apply();
+    const DrmPanel panel(16);
     Shown shown = showPattern(panel, 14);
     ASSERT_FALSE(allZero(panel));
     ASSERT_EQ(drmModeRmFB(shown.fd.get(), shown.fb->id()), 0);
@@ -893,8 +873,7 @@ int showAndClose(const Panel& panel, bool handOver) {
 }
 
 TEST(FakefbDrm, closefb_keeps_the_picture_after_close) {
-    const Panel panel(kCard, geometry(32), DrmOptions{});
-    panel.apply();
+    const DrmPanel panel(32);
     ASSERT_EQ(showAndClose(panel, true), 0);
     EXPECT_FALSE(allZero(panel));
     EXPECT_EQ(kinds(panel.damage()), (std::vector<std::string>{"setcrtc", "closefb", "close"}));
@@ -912,8 +891,7 @@ TEST(FakefbDrm, without_closefb_the_panel_goes_black_at_close) {
         SCOPED_TRACE(kernelHasCloseFb);
         DrmOptions drm;
         drm.closeFb = kernelHasCloseFb;
-        const Panel panel(kCard, geometry(16), drm);
-        panel.apply();
+        const DrmPanel panel(16, drm);
         // Without the call, or on a kernel that does not know it (EINVAL).
         EXPECT_EQ(showAndClose(panel, !kernelHasCloseFb), kernelHasCloseFb ? 0 : EINVAL);
         EXPECT_TRUE(allZero(panel));
@@ -924,14 +902,13 @@ TEST(FakefbDrm, without_closefb_the_panel_goes_black_at_close) {
 TEST(FakefbDrm, exit_with_the_descriptor_open_ends_the_client) {
     for (const bool handOver : {false, true}) {
         SCOPED_TRACE(handOver);
-        const Panel panel(kCard, geometry(16), DrmOptions{});
-        panel.apply();
+        const DrmPanel panel(16);
         const pid_t pid = fork();
         if (pid == 0) {
             const int fd = open(kCard, O_RDWR);  // left open on purpose
             const Output out = findOutput(fd);
             // exit() leaves the buffer mapped and the descriptor open.
-            DumbFb fb(fd, kWidth, kHeight, 16, DRM_FORMAT_RGB565);
+            DumbFb fb(fd, 16);
             fb.fill(0x07E0);
             drm_mode_closefb closefb{fb.id(), 0};
             const bool ok = setCrtc(fd, out, fb.id()) == 0 &&
@@ -948,8 +925,7 @@ TEST(FakefbDrm, exit_with_the_descriptor_open_ends_the_client) {
 }
 
 TEST(FakefbDrm, duplicated_descriptor_keeps_the_client_alive) {
-    const Panel panel(kCard, geometry(16), DrmOptions{});
-    panel.apply();
+    const DrmPanel panel(16);
     FileDescriptor copy;
     {
         Shown shown = showPattern(panel, 16);
@@ -964,15 +940,14 @@ TEST(FakefbDrm, duplicated_descriptor_keeps_the_client_alive) {
 TEST(FakefbDrm, damage_record_lists_every_operation) {
     DrmOptions drm;
     drm.vblank = true;
-    const Panel panel(kCard, geometry(16), drm);
-    panel.apply();
+    const DrmPanel panel(16, drm);
     uint32_t fbA = 0;
     uint32_t fbB = 0;
     uint32_t connector = 0;
     uint32_t crtc = 0;
     {
         Shown shown = showPattern(panel, 17);
-        DumbFb b(shown.fd.get(), kWidth, kHeight, 16, DRM_FORMAT_RGB565);
+        DumbFb b(shown.fd.get(), 16);
         ASSERT_TRUE(b.ok());
         fbA = shown.fb->id();
         fbB = b.id();
