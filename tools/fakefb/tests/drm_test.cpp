@@ -36,8 +36,6 @@ using fakefb::DamageRecord;
 using fakefb::DrmOptions;
 using fakefb::Geometry;
 using fakefb::Panel;
-using fakefb::testing::failedWith;
-using fakefb::testing::resultAndErrno;
 using Resources = dravik::utils::drm::Resources;
 using ConnectorPtr = dravik::utils::drm::Connector;
 using EncoderPtr = dravik::utils::drm::Encoder;

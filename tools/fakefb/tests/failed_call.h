@@ -7,8 +7,6 @@
 #include <cerrno>
 #include <utility>
 
-namespace fakefb::testing {
-
 // Runs `call` with errno cleared; what it answered and the errno it left.
 template <typename Call>
 std::pair<int, int> resultAndErrno(Call call) {
@@ -21,5 +19,3 @@ std::pair<int, int> resultAndErrno(Call call) {
 inline std::pair<int, int> failedWith(int error) {
     return {-1, error};
 }
-
-}  // namespace fakefb::testing

@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "dravik_utils/file_descriptor.h"
+#include "failed_call.h"
 #include "fakefb/fakefb.h"
 
 // glibc's fortified entry points; declared by its headers only under _FORTIFY_SOURCE.
@@ -35,6 +36,11 @@ using fakefb::Panel;
 using fakefb::Visual;
 
 constexpr const char* kDevice = "/dev/fakefb-test-fb2";
+
+// A panel at kDevice, made the only one the process simulates.
+struct AppliedPanel : Panel {
+    explicit AppliedPanel(const Geometry& geometry) : Panel(kDevice, geometry) { apply(); }
+};
 
 class Mapping {
 public:
@@ -149,8 +155,7 @@ TEST(FakefbPreload, reports_the_usual_layout_of_every_depth) {
         const Geometry g = Geometry::forDepth(row.bpp, 40, 30);
         EXPECT_EQ(g.lineLength, 40 * ((row.bpp + 7) / 8));
         EXPECT_EQ(g.visual, row.visual);
-        const Panel panel(kDevice, g);
-        panel.apply();
+        const AppliedPanel panel(g);
         const FileDescriptor fd(open(kDevice, O_RDWR));
         ASSERT_GE(fd.get(), 0) << strerror(errno);
         expectGeometry(fd.get(), g);
@@ -164,8 +169,7 @@ TEST(FakefbPreload, mapped_pixels_reach_the_backing_file_at_every_depth) {
     for (const auto& row : kDepths) {
         SCOPED_TRACE(row.bpp);
         const Geometry g = Geometry::forDepth(row.bpp, 17, 9);
-        const Panel panel(kDevice, g);
-        panel.apply();
+        const AppliedPanel panel(g);
         const FileDescriptor fd(open(kDevice, O_RDWR));
         ASSERT_GE(fd.get(), 0) << strerror(errno);
         struct stat st {};
@@ -186,8 +190,7 @@ TEST(FakefbPreload, mapped_pixels_reach_the_backing_file_at_every_depth) {
 TEST(FakefbPreload, padded_line_length_is_reported_and_honoured) {
     Geometry g = Geometry::forDepth(16, 10, 4);
     g.lineLength = 32;  // 20 bytes of pixels, 12 of padding
-    const Panel panel(kDevice, g);
-    panel.apply();
+    const AppliedPanel panel(g);
     const FileDescriptor fd(open(kDevice, O_RDWR));
     ASSERT_GE(fd.get(), 0);
     expectGeometry(fd.get(), g);
@@ -218,8 +221,7 @@ TEST(FakefbPreload, reports_the_configured_channel_layout) {
         g.green = row.green;
         g.blue = row.blue;
         g.transp = row.transp;
-        const Panel panel(kDevice, g);
-        panel.apply();
+        const AppliedPanel panel(g);
         const FileDescriptor fd(open(kDevice, O_RDWR));
         ASSERT_GE(fd.get(), 0);
         expectGeometry(fd.get(), g);
@@ -227,8 +229,7 @@ TEST(FakefbPreload, reports_the_configured_channel_layout) {
 }
 
 TEST(FakefbPreload, records_the_colour_map_of_an_8_bit_panel) {
-    const Panel panel(kDevice, Geometry::forDepth(8, 16, 16));
-    panel.apply();
+    const AppliedPanel panel(Geometry::forDepth(8, 16, 16));
     const FileDescriptor fd(open(kDevice, O_RDWR));
     ASSERT_GE(fd.get(), 0);
     EXPECT_EQ(panel.putCmapCount(), 0u);
@@ -262,8 +263,7 @@ TEST(FakefbPreload, records_the_colour_map_of_a_direct_colour_panel) {
         SCOPED_TRACE(bpp);
         Geometry g = Geometry::forDepth(bpp, 8, 8);
         g.visual = Visual::directcolor;
-        const Panel panel(kDevice, g);
-        panel.apply();
+        const AppliedPanel panel(g);
         const FileDescriptor fd(open(kDevice, O_RDWR));
         ASSERT_GE(fd.get(), 0);
         EXPECT_EQ(query(fd.get()).fix.visual, static_cast<uint32_t>(FB_VISUAL_DIRECTCOLOR));
@@ -278,45 +278,37 @@ TEST(FakefbPreload, records_the_colour_map_of_a_direct_colour_panel) {
 TEST(FakefbPreload, truecolor_panel_refuses_a_colour_map_with_einval) {
     for (const uint32_t bpp : {15u, 16u, 24u, 32u}) {
         SCOPED_TRACE(bpp);
-        const Panel panel(kDevice, Geometry::forDepth(bpp, 8, 8));
-        panel.apply();
+        const AppliedPanel panel(Geometry::forDepth(bpp, 8, 8));
         const FileDescriptor fd(open(kDevice, O_RDWR));
         ASSERT_GE(fd.get(), 0);
         CmapArrays full(0, 256, false);
-        errno = 0;
-        EXPECT_EQ(ioctl(fd.get(), FBIOPUTCMAP, &full.cmap), -1);
-        EXPECT_EQ(errno, EINVAL);
+        EXPECT_EQ(resultAndErrno([&] { return ioctl(fd.get(), FBIOPUTCMAP, &full.cmap); }),
+                  failedWith(EINVAL));
         EXPECT_EQ(panel.putCmapCount(), 0u);
         EXPECT_FALSE(std::filesystem::exists(panel.backingFile() + ".cmap"));
     }
 }
 
 TEST(FakefbPreload, colour_map_past_256_entries_is_refused) {
-    const Panel panel(kDevice, Geometry::forDepth(8, 8, 8));
-    panel.apply();
+    const AppliedPanel panel(Geometry::forDepth(8, 8, 8));
     const FileDescriptor fd(open(kDevice, O_RDWR));
     ASSERT_GE(fd.get(), 0);
     CmapArrays tooLong(200, 57, false);
-    errno = 0;
-    EXPECT_EQ(ioctl(fd.get(), FBIOPUTCMAP, &tooLong.cmap), -1);
-    EXPECT_EQ(errno, EINVAL);
+    EXPECT_EQ(resultAndErrno([&] { return ioctl(fd.get(), FBIOPUTCMAP, &tooLong.cmap); }),
+              failedWith(EINVAL));
     CmapArrays lastEntry(255, 1, false);
     EXPECT_EQ(ioctl(fd.get(), FBIOPUTCMAP, &lastEntry.cmap), 0);
     EXPECT_EQ(panel.putCmapCount(), 1u);
 }
 
 TEST(FakefbPreload, other_ioctls_on_a_panel_fail_with_enotty) {
-    const Panel panel(kDevice, Geometry::forDepth(16, 8, 8));
-    panel.apply();
+    const AppliedPanel panel(Geometry::forDepth(16, 8, 8));
     const FileDescriptor fd(open(kDevice, O_RDWR));
     ASSERT_GE(fd.get(), 0);
     fb_var_screeninfo var{};
-    errno = 0;
-    EXPECT_EQ(ioctl(fd.get(), FBIOPUT_VSCREENINFO, &var), -1);
-    EXPECT_EQ(errno, ENOTTY);
-    errno = 0;
-    EXPECT_EQ(ioctl(fd.get(), FBIOBLANK, 0), -1);
-    EXPECT_EQ(errno, ENOTTY);
+    EXPECT_EQ(resultAndErrno([&] { return ioctl(fd.get(), FBIOPUT_VSCREENINFO, &var); }),
+              failedWith(ENOTTY));
+    EXPECT_EQ(resultAndErrno([&] { return ioctl(fd.get(), FBIOBLANK, 0); }), failedWith(ENOTTY));
 }
 
 TEST(FakefbPreload, two_panels_answer_with_their_own_geometry) {
@@ -344,8 +336,7 @@ TEST(FakefbPreload, two_panels_answer_with_their_own_geometry) {
 
 TEST(FakefbPreload, duplicated_descriptors_stay_panels) {
     const Geometry g = Geometry::forDepth(24, 12, 6);
-    const Panel panel(kDevice, g);
-    panel.apply();
+    const AppliedPanel panel(g);
     const int original = open(kDevice, O_RDWR);
     ASSERT_GE(original, 0);
     const FileDescriptor dupped(dup(original));
@@ -362,8 +353,7 @@ TEST(FakefbPreload, duplicated_descriptors_stay_panels) {
 }
 
 TEST(FakefbPreload, reused_descriptor_number_of_a_plain_file_is_not_a_panel) {
-    const Panel panel(kDevice, Geometry::forDepth(16, 8, 8));
-    panel.apply();
+    const AppliedPanel panel(Geometry::forDepth(16, 8, 8));
     const int panelFd = open(kDevice, O_RDWR);
     ASSERT_GE(panelFd, 0);
     close(panelFd);
@@ -372,14 +362,12 @@ TEST(FakefbPreload, reused_descriptor_number_of_a_plain_file_is_not_a_panel) {
     const FileDescriptor fd(open(plain.c_str(), O_RDONLY));
     ASSERT_EQ(fd.get(), panelFd);  // the lowest free number comes back
     fb_var_screeninfo var{};
-    errno = 0;
-    EXPECT_EQ(ioctl(fd.get(), FBIOGET_VSCREENINFO, &var), -1);
-    EXPECT_EQ(errno, ENOTTY);
+    EXPECT_EQ(resultAndErrno([&] { return ioctl(fd.get(), FBIOGET_VSCREENINFO, &var); }),
+              failedWith(ENOTTY));
 }
 
 TEST(FakefbPreload, paths_that_are_not_panels_reach_the_system) {
-    const Panel panel(kDevice, Geometry::forDepth(16, 8, 8));
-    panel.apply();
+    const AppliedPanel panel(Geometry::forDepth(16, 8, 8));
     const std::string plain = panel.backingFile() + ".text";
     std::ofstream(plain) << "hello";
     const FileDescriptor fd(open(plain.c_str(), O_RDONLY));
@@ -390,21 +378,17 @@ TEST(FakefbPreload, paths_that_are_not_panels_reach_the_system) {
     const FileDescriptor devNull(open("/dev/null", O_RDWR));
     ASSERT_GE(devNull.get(), 0);
     fb_fix_screeninfo fix{};
-    errno = 0;
-    EXPECT_EQ(ioctl(devNull.get(), FBIOGET_FSCREENINFO, &fix), -1);
-    EXPECT_EQ(errno, ENOTTY);
-    errno = 0;
-    EXPECT_EQ(open("/dev/fakefb-test-not-configured", O_RDWR), -1);
-    EXPECT_EQ(errno, ENOENT);
+    EXPECT_EQ(resultAndErrno([&] { return ioctl(devNull.get(), FBIOGET_FSCREENINFO, &fix); }),
+              failedWith(ENOTTY));
+    EXPECT_EQ(resultAndErrno([&] { return open("/dev/fakefb-test-not-configured", O_RDWR); }),
+              failedWith(ENOENT));
     const FileDescriptor created(open((plain + ".new").c_str(), O_RDWR | O_CREAT | O_EXCL, 0600));
     EXPECT_GE(created.get(), 0);
 }
 
 TEST(FakefbPreload, device_without_configuration_reaches_the_system) {
     Panel::clearAll();
-    errno = 0;
-    EXPECT_EQ(open(kDevice, O_RDWR), -1);
-    EXPECT_EQ(errno, ENOENT);
+    EXPECT_EQ(resultAndErrno([&] { return open(kDevice, O_RDWR); }), failedWith(ENOENT));
 }
 
 TEST(FakefbPreload, reconfiguration_between_two_opens_takes_effect) {
@@ -426,8 +410,7 @@ TEST(FakefbPreload, reconfiguration_between_two_opens_takes_effect) {
 
 TEST(FakefbPreload, every_open_entry_point_reaches_the_panel) {
     const Geometry g = Geometry::forDepth(16, 8, 8);
-    const Panel panel(kDevice, g);
-    panel.apply();
+    const AppliedPanel panel(g);
     const FileDescriptor root(open("/", O_RDONLY | O_DIRECTORY));
     struct Row {
         const char* name;
@@ -453,8 +436,7 @@ TEST(FakefbPreload, every_open_entry_point_reaches_the_panel) {
 
 TEST(FakefbPreload, open_neither_truncates_nor_resizes_a_panel) {
     const Geometry g = Geometry::forDepth(32, 4, 4);
-    const Panel panel(kDevice, g);
-    panel.apply();
+    const AppliedPanel panel(g);
     {
         const FileDescriptor fd(open(kDevice, O_RDWR));
         const Mapping map(fd.get(), g.frameSize());
@@ -472,9 +454,7 @@ TEST(FakefbPreload, broken_description_refuses_its_device_with_einval) {
     const std::string broken = panel.backingFile() + ".broken";
     std::ofstream(broken) << "device=" << kDevice << "\nfile=x.raw\nwidth=8\nheight=8\nbpp=12\n";
     setenv("FAKEFB_CONFIG", broken.c_str(), 1);
-    errno = 0;
-    EXPECT_EQ(open(kDevice, O_RDWR), -1);
-    EXPECT_EQ(errno, EINVAL);
+    EXPECT_EQ(resultAndErrno([&] { return open(kDevice, O_RDWR); }), failedWith(EINVAL));
     EXPECT_FALSE(std::filesystem::exists(panel.backingFile()));
 }
 
