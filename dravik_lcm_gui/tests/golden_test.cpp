@@ -4,7 +4,6 @@
 // and through the 8-bit conversion, compared pixel for pixel with the PNGs in
 // tests/golden/. DRAVIK_UPDATE_GOLDEN=1 (scripts/update-golden) rewrites them.
 #include <gtest/gtest.h>
-#include <stdlib.h>
 
 #include <filesystem>
 #include <fstream>
@@ -19,17 +18,14 @@
 #include "dravik_panel_picture/layout.h"
 #include "dravik_panel_picture/picture.h"
 #include "dravik_test_support/golden_picture.h"
+#include "dravik_test_support/program_run.h"
 #include "dravik_test_support/temp_dir.h"
 #include "panel_scene.h"
 
 using namespace dravik::lcmgui;
 using Access = LcmGuiTestAccess;
-using dravik::panel::enginePicture;
-using dravik::panel::imageScreen;
-using dravik::panel::SceneClock;
-using dravik::panel::textScreen;
-using dravik::testsupport::GoldenPictures;
-using dravik::testsupport::TempDir;
+namespace panel = dravik::panel;
+namespace testsupport = dravik::testsupport;
 namespace fs = std::filesystem;
 
 namespace {
@@ -55,11 +51,11 @@ struct Scene {
 // What 8-bit panel memory of `width` x `height` palette indices shows: each
 // index as the top 8 bits of its colour-map entry.
 cv::Mat indexPicture(LcmGui& gui, const unsigned char* indices, unsigned width, unsigned height) {
-    const dravik::panel::PanelMemoryFormat format{
-        width, height, 8, {}, {}, {}, width, dravik::panel::PixelLookup::palette};
-    const dravik::panel::ColourMap map{Access::palRed(gui), Access::palGreen(gui),
-                                       Access::palBlue(gui), 256};
-    return dravik::panel::panelPicture(format, indices, &map);
+    const panel::PanelMemoryFormat format{width, height, 8,     {},
+                                          {},    {},     width, panel::PixelLookup::palette};
+    const panel::ColourMap map{Access::palRed(gui), Access::palGreen(gui), Access::palBlue(gui),
+                               256};
+    return panel::panelPicture(format, indices, &map);
 }
 
 // The drawing buffer through the 8-bit panel's colour path: its palette and
@@ -105,19 +101,20 @@ std::vector<Scene> edgeScenes() {
     constexpr unsigned w = 64;
     constexpr unsigned h = 48;
     std::vector<Scene> scenes;
-    GuiScreenDesc overlap = textScreen("Hi", 20);
-    overlap.img = imageScreen("block.png").img;
+    GuiScreenDesc overlap = panel::textScreen("Hi", 20);
+    overlap.img = panel::imageScreen("block.png").img;
     scenes.push_back({"overlap_saturating", w, h, overlap, 0});
-    scenes.push_back({"text_clipped_at_right_edge", w, h, textScreen("Clipped", 16, 40, 10), 0});
+    scenes.push_back(
+        {"text_clipped_at_right_edge", w, h, panel::textScreen("Clipped", 16, 40, 10), 0});
     for (int hor = 0; hor < 3; ++hor) {
         for (int vert = 0; vert < 3; ++vert) {
             const std::string where =
                 std::string(kAlignHorWords[hor]) + "_" + kAlignVertWords[vert];
-            GuiScreenDesc img = imageScreen("tile.png");
+            GuiScreenDesc img = panel::imageScreen("tile.png");
             img.img.alignHor = static_cast<AlignHor>(hor);
             img.img.alignVert = static_cast<AlignVert>(vert);
             scenes.push_back({"image_" + where, w, h, img, 0});
-            GuiScreenDesc txt = textScreen("Ag", 12);
+            GuiScreenDesc txt = panel::textScreen("Ag", 12);
             txt.text.alignHor = static_cast<AlignHor>(hor);
             txt.text.alignVert = static_cast<AlignVert>(vert);
             scenes.push_back({"text_" + where, w, h, txt, 0});
@@ -125,7 +122,8 @@ std::vector<Scene> edgeScenes() {
     }
     for (uint64_t slide = 0; slide < 4; ++slide) {
         scenes.push_back({"slideshow_slide" + std::to_string(slide), w, h,
-                          imageScreen("strip.png", kAnimSlideshow, 400, 4), 100 * slide + 50});
+                          panel::imageScreen("strip.png", kAnimSlideshow, 400, 4),
+                          100 * slide + 50});
     }
     // Breathing over 2000 ms: the black full redraw, then the second period at
     // its start (level 50), rising (85), at the top plateau (99, about 437 ..
@@ -140,13 +138,13 @@ std::vector<Scene> edgeScenes() {
                    {"bottom_plateau", 3500}};
     for (const auto& breath : breaths) {
         scenes.push_back({std::string("breathing_") + breath.name, w, h,
-                          imageScreen("tile.png", kAnimBreathing, 2000), breath.at});
+                          panel::imageScreen("tile.png", kAnimBreathing, 2000), breath.at});
     }
     // A bar 40 wide filled over 1000 ms: empty, 7 pixels, half, full.
     const uint64_t bars[] = {0, 175, 500, 1000};
     for (const uint64_t at : bars) {
         scenes.push_back({"progressbar_" + std::to_string(at * 40 / 1000) + "px", w, h,
-                          imageScreen("bar.png", kAnimProgressbar, 1000), at});
+                          panel::imageScreen("bar.png", kAnimProgressbar, 1000), at});
     }
     return scenes;
 }
@@ -162,14 +160,11 @@ const struct {
 class GoldenTest : public ::testing::Test {
 protected:
     static void SetUpTestSuite() {
-        root_ = std::make_unique<TempDir>("golden-");
+        root_ = std::make_unique<testsupport::TempDir>("golden-");
         const fs::path images = fs::path(root_->path()) / "etc/gui/images";
-        fs::create_directories(images);
-        // A cross build's programs run under its emulator (DRAVIK_EMULATOR).
-        const char* emulator = getenv("DRAVIK_EMULATOR");
-        const std::string make = (emulator != nullptr ? std::string(emulator) + " " : "") +
-                                 EXAMPLE_IMAGES_PROGRAM + " " + images.string() + " > /dev/null";
-        ASSERT_EQ(std::system(make.c_str()), 0);
+        const testsupport::ProgramRun made =
+            testsupport::writeExampleImages(EXAMPLE_IMAGES_PROGRAM, images.string());
+        ASSERT_EQ(made.status, 0) << made.err;
         // The edge cases' pictures: a tile with a gradient, four slides, a bar.
         cv::Mat tile(12, 20, CV_8UC3);
         for (int x = 0; x < tile.cols; ++x) {
@@ -190,7 +185,7 @@ protected:
         ASSERT_TRUE(dravik::image::writePng((images / "bar.png").string(), bar));
         ASSERT_TRUE(dravik::image::writePng((images / "block.png").string(),
                                             cv::Mat(30, 40, CV_8UC3, cv::Scalar(200, 200, 200))));
-        clock_ = std::make_unique<SceneClock>(kStart);
+        clock_ = std::make_unique<panel::SceneClock>(kStart);
         fs::remove_all(GOLDEN_FAILURE_DIR);  // only this run's differences stay there
     }
     static void TearDownTestSuite() {
@@ -208,7 +203,7 @@ protected:
         format.xres = width;
         format.yres = height;
         format.bits_per_pixel = depth.bits;
-        const dravik::panel::DepthLayout& usual = *dravik::panel::layoutForDepth(depth.bits);
+        const panel::DepthLayout& usual = *panel::layoutForDepth(depth.bits);
         format.red = {usual.red.offset, usual.red.length, 0};
         format.green = {usual.green.offset, usual.green.length, 0};
         format.blue = {usual.blue.offset, usual.blue.length, 0};
@@ -220,14 +215,14 @@ protected:
 
     static void runScenes(GuiConfig& config, const std::vector<Scene>& scenes);
 
-    static std::unique_ptr<TempDir> root_;
-    static std::unique_ptr<SceneClock> clock_;
-    static const GoldenPictures golden_;
+    static std::unique_ptr<testsupport::TempDir> root_;
+    static std::unique_ptr<panel::SceneClock> clock_;
+    static const testsupport::GoldenPictures golden_;
 };
 
-std::unique_ptr<TempDir> GoldenTest::root_;
-std::unique_ptr<SceneClock> GoldenTest::clock_;
-const GoldenPictures GoldenTest::golden_(GOLDEN_DIR, GOLDEN_FAILURE_DIR);
+std::unique_ptr<testsupport::TempDir> GoldenTest::root_;
+std::unique_ptr<panel::SceneClock> GoldenTest::clock_;
+const testsupport::GoldenPictures GoldenTest::golden_(GOLDEN_DIR, GOLDEN_FAILURE_DIR);
 
 void GoldenTest::runScenes(GuiConfig& config, const std::vector<Scene>& scenes) {
     for (const Depth& depth : kDepths) {
@@ -244,8 +239,9 @@ void GoldenTest::runScenes(GuiConfig& config, const std::vector<Scene>& scenes) 
             }
             ASSERT_TRUE(clock_->show(*gui, scene.desc, scene.atMs));
             const bool palette = std::string(depth.name) == "8";
-            EXPECT_TRUE(golden_.matches(scene.name + "-" + depth.name,
-                                        palette ? palettePicture(*gui) : enginePicture(*gui)));
+            EXPECT_TRUE(
+                golden_.matches(scene.name + "-" + depth.name,
+                                palette ? palettePicture(*gui) : panel::enginePicture(*gui)));
         }
     }
 }
@@ -281,10 +277,10 @@ TEST_F(GoldenTest, every_example_screen_matches_its_reference_on_a_turned_panel)
                 ASSERT_NE(gui, nullptr);
                 ASSERT_TRUE(clock_->show(*gui, desc, example.at));
                 const bool palette = std::string(depth->name) == "8";
-                EXPECT_TRUE(
-                    golden_.matches(std::string("turned") + std::to_string(rotation) + "_" +
-                                        example.name + "-" + depth->name,
-                                    palette ? turnedPalettePicture(*gui) : enginePicture(*gui)));
+                EXPECT_TRUE(golden_.matches(
+                    std::string("turned") + std::to_string(rotation) + "_" + example.name + "-" +
+                        depth->name,
+                    palette ? turnedPalettePicture(*gui) : panel::enginePicture(*gui)));
             }
         }
     }

@@ -5,6 +5,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <sstream>
 
 #include "dravik_test_support/temp_dir.h"
@@ -59,6 +60,11 @@ ProgramRun runProgram(const std::vector<std::string>& args, const Environment& e
     result.out = dir.read("out");
     result.err = dir.read("err");
     return result;
+}
+
+ProgramRun writeExampleImages(const std::string& program, const std::string& imagesDir) {
+    std::filesystem::create_directories(imagesDir);
+    return runProgram({program, imagesDir});
 }
 
 }  // namespace dravik::testsupport

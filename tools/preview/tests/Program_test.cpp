@@ -44,9 +44,9 @@ class ProgramTest : public ::testing::Test {
 protected:
     static void SetUpTestSuite() {
         dir_ = std::make_unique<TempDir>("preview-program-");
-        const fs::path images = fs::path(dir_->path()) / "root/etc/gui/images";
-        fs::create_directories(images);
-        ASSERT_EQ(dravik::testsupport::runProgram({EXAMPLE_IMAGES_PROGRAM, images.string()}).status,
+        ASSERT_EQ(dravik::testsupport::writeExampleImages(EXAMPLE_IMAGES_PROGRAM,
+                                                          dir_->file("root/etc/gui/images"))
+                      .status,
                   0);
         mistakesRoot_ = dravik::preview::testsupport::makeMistakesRoot();
         ASSERT_NE(mistakesRoot_, nullptr);

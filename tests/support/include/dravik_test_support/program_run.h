@@ -22,4 +22,8 @@ using Environment = std::vector<std::pair<std::string, std::string>>;
 // (DRAVIK_EMULATOR, the words that start it).
 ProgramRun runProgram(const std::vector<std::string>& args, const Environment& env = {});
 
+// Runs `program` (make_example_images) to write the example screens' pictures
+// into `imagesDir`, made first if missing.
+ProgramRun writeExampleImages(const std::string& program, const std::string& imagesDir);
+
 }  // namespace dravik::testsupport
