@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <initializer_list>
 #include <vector>
 
 #include "LcmGui.h"
@@ -46,6 +47,21 @@ std::vector<unsigned char> convertPixel(LcmGui& gui, unsigned depth, unsigned ch
     unsigned char* end = gui.convertLine(depth, 0, 1, dst.data(), src);
     EXPECT_EQ(end, dst.data() + (depth + 7) / 8);
     return dst;
+}
+
+// A display-buffer pixel (B, G, R) and the 16-bit panel pixel it becomes.
+struct Pixel16 {
+    unsigned char b, g, r;
+    uint16_t expected;
+};
+
+// Expects each of `pixels` to become its panel pixel on a 16-bit panel.
+void expectPixels16(LcmGui& gui, std::initializer_list<Pixel16> pixels) {
+    for (const Pixel16& pixel : pixels) {
+        SCOPED_TRACE(::testing::Message()
+                     << int(pixel.b) << "," << int(pixel.g) << "," << int(pixel.r));
+        EXPECT_EQ(load16(convertPixel(gui, 16, pixel.b, pixel.g, pixel.r).data()), pixel.expected);
+    }
 }
 
 }  // namespace
@@ -266,20 +282,18 @@ TEST_F(Colour, dither_line_gray_takes_low_shade_with_fresh_matrix) {
 TEST_F(Colour, panel_reporting_565_channels_gets_its_own_layout) {
     setChannels({11, 5, 0}, {5, 6, 0}, {0, 5, 0});
     gui.lutInit(16);
-    EXPECT_EQ(load16(convertPixel(gui, 16, 255, 255, 255).data()), 0xFFFF);
-    EXPECT_EQ(load16(convertPixel(gui, 16, 0, 0, 255).data()), 0xF800);
-    EXPECT_EQ(load16(convertPixel(gui, 16, 0, 255, 0).data()), 0x07E0);
-    EXPECT_EQ(load16(convertPixel(gui, 16, 255, 0, 0).data()), 0x001F);
-    EXPECT_EQ(load16(convertPixel(gui, 16, 0x07, 0x03, 0x07).data()), 0x0000);
+    expectPixels16(gui, {{255, 255, 255, 0xFFFF},
+                         {0, 0, 255, 0xF800},
+                         {0, 255, 0, 0x07E0},
+                         {255, 0, 0, 0x001F},
+                         {0x07, 0x03, 0x07, 0x0000}});
 }
 
 TEST_F(Colour, reported_channels_win_over_the_depth) {
     // A BGR 555 panel asked for a 16-bit table.
     setChannels({0, 5, 0}, {5, 5, 0}, {10, 5, 0});
     gui.lutInit(16);
-    EXPECT_EQ(load16(convertPixel(gui, 16, 0, 0, 255).data()), 0x001F);
-    EXPECT_EQ(load16(convertPixel(gui, 16, 255, 0, 0).data()), 0x7C00);
-    EXPECT_EQ(load16(convertPixel(gui, 16, 0, 255, 0).data()), 0x03E0);
+    expectPixels16(gui, {{0, 0, 255, 0x001F}, {255, 0, 0, 0x7C00}, {0, 255, 0, 0x03E0}});
 }
 
 TEST_F(Colour, fixed_layouts_apply_when_a_channel_length_is_zero) {
