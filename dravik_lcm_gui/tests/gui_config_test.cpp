@@ -92,6 +92,11 @@ std::string oneScreen(const std::string& members) {
            (members.empty() ? std::string() : ", " + members) + "}]}";
 }
 
+// A screens file with one screen "a" and "rotation" given as the JSON text `value`.
+std::string withRotation(const std::string& value) {
+    return R"({"imgPath": "/img", "rotation": )" + value + R"(, "screens": [{"name": "a"}]})";
+}
+
 class GuiConfigTest : public ::testing::Test {
 protected:
     // Loads `content`, expecting success, and returns screen "s".
@@ -542,8 +547,7 @@ TEST_F(GuiConfigTest, rotation_is_unset_without_the_key) {
 
 TEST_F(GuiConfigTest, rotation_takes_each_quarter_turn) {
     for (const int degrees : {0, 90, 180, 270}) {
-        const std::string file = R"({"imgPath": "/img", "rotation": )" + std::to_string(degrees) +
-                                 R"(, "screens": [{"name": "a"}]})";
+        const std::string file = withRotation(std::to_string(degrees));
         LogCapture capture;
         ASSERT_TRUE(config.fromJSONFile(dir.write(file)));
         EXPECT_EQ(config.getRotation(), degrees);
@@ -567,8 +571,7 @@ TEST_F(GuiConfigTest, a_wrong_rotation_counts_as_none_after_a_log_line) {
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.value);
-        const std::string file = std::string(R"({"imgPath": "/img", "rotation": )") + c.value +
-                                 R"(, "screens": [{"name": "a"}]})";
+        const std::string file = withRotation(c.value);
         LogCapture capture;
         ASSERT_TRUE(config.fromJSONFile(dir.write(file)));  // the screens stay usable
         EXPECT_EQ(config.getRotation(), 0);
