@@ -69,6 +69,14 @@ protected:
         cv::absdiff(buf()(rect), expected, diff);
         EXPECT_EQ(cv::countNonZero(diff.reshape(1)), 0) << "wrong pixels inside " << rect;
     }
+    // Drawn on black at animation `level`, `img` shows as `expected` in `rect`
+    // and nowhere else.
+    void expectLevelShows(const cv::Mat& img, const GuiImgConf& conf, unsigned level, cv::Rect rect,
+                          const cv::Mat& expected) {
+        SCOPED_TRACE(::testing::Message() << "level " << level);
+        EXPECT_TRUE(renderOnBlack(img, conf, level));
+        expectOnlyRect(rect, expected);
+    }
 
     GuiConfig config;
     LcmGui gui{config};
@@ -124,9 +132,8 @@ TEST_F(Image, slideshow_level_selects_slide_and_wraps_to_first) {
         int firstColumn;
     } rows[] = {{0, 0}, {1, 100}, {2, 200}, {3, 0}, {57, 0}};
     for (const auto& row : rows) {
-        SCOPED_TRACE(row.level);
-        EXPECT_TRUE(renderOnBlack(img, imgConf(kAnimSlideshow, 3, 10, 0), row.level));
-        expectOnlyRect(cv::Rect(10, 0, 100, 50), img(cv::Rect(row.firstColumn, 0, 100, 50)));
+        expectLevelShows(img, imgConf(kAnimSlideshow, 3, 10, 0), row.level,
+                         cv::Rect(10, 0, 100, 50), img(cv::Rect(row.firstColumn, 0, 100, 50)));
     }
 }
 
@@ -135,9 +142,9 @@ TEST_F(Image, slideshow_leftover_columns_are_never_shown) {
     img.col(99).setTo(cv::Scalar(1, 2, 3));  // a colour no slide column has
     for (unsigned level = 0; level < 5; ++level) {
         SCOPED_TRACE(level);
-        EXPECT_TRUE(renderOnBlack(img, imgConf(kAnimSlideshow, 3), level));
         const int first = level < 3 ? static_cast<int>(level) * 33 : 0;
-        expectOnlyRect(cv::Rect(0, 0, 33, 20), img(cv::Rect(first, 0, 33, 20)));
+        expectLevelShows(img, imgConf(kAnimSlideshow, 3), level, cv::Rect(0, 0, 33, 20),
+                         img(cv::Rect(first, 0, 33, 20)));
         cv::Mat hits;
         cv::inRange(buf(), cv::Scalar(1, 2, 3), cv::Scalar(1, 2, 3), hits);
         EXPECT_EQ(cv::countNonZero(hits), 0);
@@ -165,15 +172,14 @@ TEST_F(Image, progress_bar_combines_filled_and_empty_pictures) {
         {1, {{199, 1, 0, true}, {1, 199, 1, false}}},
     };
     for (const auto& row : rows) {
-        SCOPED_TRACE(row.level);
-        EXPECT_TRUE(renderOnBlack(img, imgConf(kAnimProgressbar, 0, 20, 30), row.level));
         cv::Mat expected(20, 200, CV_8UC3, cv::Scalar::all(0));
         for (const auto& part : row.parts) {
             const cv::Mat& source = part.upper ? full : empty;
             source.colRange(part.from, part.from + part.width)
                 .copyTo(expected.colRange(part.target, part.target + part.width));
         }
-        expectOnlyRect(cv::Rect(20, 30, 200, 20), expected);
+        expectLevelShows(img, imgConf(kAnimProgressbar, 0, 20, 30), row.level,
+                         cv::Rect(20, 30, 200, 20), expected);
     }
 }
 
@@ -184,11 +190,9 @@ TEST_F(Image, breathing_scales_by_level_capped_at_100) {
         double factor;
     } rows[] = {{0, 0.0}, {50, 0.5}, {100, 1.0}, {150, 1.0}, {33, 0.33}};
     for (const auto& row : rows) {
-        SCOPED_TRACE(row.level);
-        EXPECT_TRUE(renderOnBlack(img, imgConf(kAnimBreathing), row.level));
         cv::Mat expected;
         img.convertTo(expected, CV_8UC3, row.factor);  // rounded, saturated
-        expectOnlyRect(cv::Rect(0, 0, 50, 20), expected);
+        expectLevelShows(img, imgConf(kAnimBreathing), row.level, cv::Rect(0, 0, 50, 20), expected);
     }
 }
 
@@ -222,9 +226,8 @@ TEST_F(Image, alignment_places_picture) {
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(::testing::Message() << row.at);
-        EXPECT_TRUE(
-            renderOnBlack(img, imgConf(kAnimStatic, 0, row.x, row.y, row.hor, row.vert), 0));
-        expectOnlyRect(cv::Rect(row.at, img.size()), img);
+        expectLevelShows(img, imgConf(kAnimStatic, 0, row.x, row.y, row.hor, row.vert), 0,
+                         cv::Rect(row.at, img.size()), img);
     }
 }
 
