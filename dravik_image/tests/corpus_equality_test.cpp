@@ -6,6 +6,7 @@
 
 #include <cstdint>
 #include <cstdlib>
+#include <initializer_list>
 #include <opencv2/core.hpp>
 #include <opencv2/imgcodecs.hpp>
 #include <ostream>
@@ -252,6 +253,16 @@ struct Need {
     bool intact;
 };
 
+// One need per tag of `last`: `common` and that tag.
+void needEach(std::vector<Need>& needs, const std::vector<std::string>& common,
+              std::initializer_list<const char*> last, int atLeast, bool intact) {
+    for (const char* tag : last) {
+        std::vector<std::string> tags = common;
+        tags.emplace_back(tag);
+        needs.push_back({tags, atLeast, intact});
+    }
+}
+
 std::vector<Need> pngNeeds() {
     std::vector<Need> needs;
     const std::pair<int, std::vector<int>> kDepths[] = {
@@ -268,10 +279,9 @@ std::vector<Need> pngNeeds() {
             }
         }
     }
-    for (const char* tag :
-         {"gama", "srgb", "chrm", "iccp", "text", "ancillary", "exif-after-data", "exif-odd"}) {
-        needs.push_back({{"png", tag}, 1, true});
-    }
+    needEach(needs, {"png"},
+             {"gama", "srgb", "chrm", "iccp", "text", "ancillary", "exif-after-data", "exif-odd"},
+             1, true);
     needs.push_back({{"png", "type=0", "trns"}, 5, true});
     needs.push_back({{"png", "type=2", "trns"}, 2, true});
     return needs;
@@ -279,12 +289,11 @@ std::vector<Need> pngNeeds() {
 
 std::vector<Need> jpegNeeds() {
     std::vector<Need> needs;
-    for (const char* tag :
-         {"baseline", "progressive", "arithmetic", "grey", "colour", "rgb", "cmyk", "ycck",
-          "sampling=4:4:4", "sampling=4:2:2", "sampling=4:2:0", "sampling=4:4:0", "sampling=4:1:1",
-          "restart", "optimized", "xmp", "exif-odd"}) {
-        needs.push_back({{"jpeg", tag}, 1, true});
-    }
+    needEach(needs, {"jpeg"},
+             {"baseline", "progressive", "arithmetic", "grey", "colour", "rgb", "cmyk", "ycck",
+              "sampling=4:4:4", "sampling=4:2:2", "sampling=4:2:0", "sampling=4:4:0",
+              "sampling=4:1:1", "restart", "optimized", "xmp", "exif-odd"},
+             1, true);
     needs.push_back({{"jpeg", "progressive", "arithmetic"}, 1, true});
     needs.push_back({{"jpeg", "progressive", "restart"}, 1, true});
     return needs;
@@ -296,9 +305,8 @@ std::vector<Need> sharedNeeds() {
         for (int o = 0; o <= 9; ++o) {
             needs.push_back({{format, "exif", "orientation=" + std::to_string(o)}, 1, true});
         }
-        for (const char* cut : {"cut=header", "cut=data", "cut=before-end", "cut=last-byte"}) {
-            needs.push_back({{format, "truncated", cut}, 3, false});
-        }
+        needEach(needs, {format, "truncated"},
+                 {"cut=header", "cut=data", "cut=before-end", "cut=last-byte"}, 3, false);
         needs.push_back({{format, "corrupt"}, 8, false});
         needs.push_back({{format, "over-bound"}, 2, false});
         needs.push_back({{format, "at-bound"}, 1, true});
