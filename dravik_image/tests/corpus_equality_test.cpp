@@ -6,6 +6,7 @@
 
 #include <cstdint>
 #include <cstdlib>
+#include <initializer_list>
 #include <opencv2/core.hpp>
 #include <opencv2/imgcodecs.hpp>
 #include <ostream>
@@ -252,7 +253,19 @@ struct Need {
     bool intact;
 };
 
-std::vector<Need> pngNeeds() {
+// One need per tag of `last`: `common` and that tag.
+void needEach(std::vector<Need>& needs, const std::vector<std::string>& common,
+              std::initializer_list<const char*> last, int atLeast, bool intact) {
+    for (const char* tag : last) {
+        std::vector<std::string> tags = common;
+        tags.emplace_back(tag);
+        needs.push_back({tags, atLeast, intact});
+    }
+}
+
+// What the corpus must hold: per PNG layout, per JPEG coding, and per format
+// its orientations and kinds of damage.
+std::vector<Need> corpusNeeds() {
     std::vector<Need> needs;
     const std::pair<int, std::vector<int>> kDepths[] = {
         {0, {1, 2, 4, 8, 16}}, {2, {8, 16}}, {3, {1, 2, 4, 8}}, {4, {8, 16}}, {6, {8, 16}}};
@@ -268,37 +281,24 @@ std::vector<Need> pngNeeds() {
             }
         }
     }
-    for (const char* tag :
-         {"gama", "srgb", "chrm", "iccp", "text", "ancillary", "exif-after-data", "exif-odd"}) {
-        needs.push_back({{"png", tag}, 1, true});
-    }
-    needs.push_back({{"png", "type=0", "trns"}, 5, true});
-    needs.push_back({{"png", "type=2", "trns"}, 2, true});
-    return needs;
-}
-
-std::vector<Need> jpegNeeds() {
-    std::vector<Need> needs;
-    for (const char* tag :
-         {"baseline", "progressive", "arithmetic", "grey", "colour", "rgb", "cmyk", "ycck",
-          "sampling=4:4:4", "sampling=4:2:2", "sampling=4:2:0", "sampling=4:4:0", "sampling=4:1:1",
-          "restart", "optimized", "xmp", "exif-odd"}) {
-        needs.push_back({{"jpeg", tag}, 1, true});
-    }
-    needs.push_back({{"jpeg", "progressive", "arithmetic"}, 1, true});
-    needs.push_back({{"jpeg", "progressive", "restart"}, 1, true});
-    return needs;
-}
-
-std::vector<Need> sharedNeeds() {
-    std::vector<Need> needs;
+    needEach(needs, {"png"},
+             {"gama", "srgb", "chrm", "iccp", "text", "ancillary", "exif-after-data", "exif-odd"},
+             1, true);
+    needEach(needs, {"jpeg"},
+             {"baseline", "progressive", "arithmetic", "grey", "colour", "rgb", "cmyk", "ycck",
+              "sampling=4:4:4", "sampling=4:2:2", "sampling=4:2:0", "sampling=4:4:0",
+              "sampling=4:1:1", "restart", "optimized", "xmp", "exif-odd"},
+             1, true);
+    needs.insert(needs.end(), {{{"png", "type=0", "trns"}, 5, true},
+                               {{"png", "type=2", "trns"}, 2, true},
+                               {{"jpeg", "progressive", "arithmetic"}, 1, true},
+                               {{"jpeg", "progressive", "restart"}, 1, true}});
     for (const char* format : {"png", "jpeg"}) {
         for (int o = 0; o <= 9; ++o) {
             needs.push_back({{format, "exif", "orientation=" + std::to_string(o)}, 1, true});
         }
-        for (const char* cut : {"cut=header", "cut=data", "cut=before-end", "cut=last-byte"}) {
-            needs.push_back({{format, "truncated", cut}, 3, false});
-        }
+        needEach(needs, {format, "truncated"},
+                 {"cut=header", "cut=data", "cut=before-end", "cut=last-byte"}, 3, false);
         needs.push_back({{format, "corrupt"}, 8, false});
         needs.push_back({{format, "over-bound"}, 2, false});
         needs.push_back({{format, "at-bound"}, 1, true});
@@ -314,11 +314,7 @@ std::vector<Need> sharedNeeds() {
 }
 
 TEST(ImageCorpus, the_corpus_covers_every_layout_coding_orientation_and_damage) {
-    std::vector<Need> needs = pngNeeds();
-    for (const std::vector<Need>& more : {jpegNeeds(), sharedNeeds()}) {
-        needs.insert(needs.end(), more.begin(), more.end());
-    }
-    for (const Need& need : needs) {
+    for (const Need& need : corpusNeeds()) {
         std::string tags;
         for (const std::string& tag : need.tags) {
             tags += " " + tag;

@@ -73,44 +73,34 @@ size_t typeLength(const char* t) {
     }
 }
 
+// One fixed-size basic value, appended as `type`.
+template <typename T>
+int appendFixed(sd_bus_message* m, char type, T v) {
+    return sd_bus_message_append_basic(m, type, &v);
+}
+
+// One value of type T from the next sizeof(T) bytes, appended as `type`.
+template <typename T>
+int appendWhole(sd_bus_message* m, char type, Bytes& in) {
+    return appendFixed(m, type, in.value<T>());
+}
+
+// The basic types whose bytes are taken whole, each with its reader.
+constexpr char kWhole[] = "nqiuxtd";
+int (*const kAppendWhole[])(sd_bus_message*, char, Bytes&) = {
+    &appendWhole<int16_t>, &appendWhole<uint16_t>, &appendWhole<int32_t>, &appendWhole<uint32_t>,
+    &appendWhole<int64_t>, &appendWhole<uint64_t>, &appendWhole<double>};
+
 int appendBasic(sd_bus_message* m, char type, Bytes& in) {
+    const char* whole = type != '\0' ? std::strchr(kWhole, type) : nullptr;
+    if (whole != nullptr) {
+        return kAppendWhole[whole - kWhole](m, type, in);
+    }
     switch (type) {
-        case 'y': {
-            uint8_t v = in.byte();
-            return sd_bus_message_append_basic(m, type, &v);
-        }
-        case 'b': {
-            int v = in.byte() & 1;
-            return sd_bus_message_append_basic(m, type, &v);
-        }
-        case 'n': {
-            auto v = in.value<int16_t>();
-            return sd_bus_message_append_basic(m, type, &v);
-        }
-        case 'q': {
-            auto v = in.value<uint16_t>();
-            return sd_bus_message_append_basic(m, type, &v);
-        }
-        case 'i': {
-            auto v = in.value<int32_t>();
-            return sd_bus_message_append_basic(m, type, &v);
-        }
-        case 'u': {
-            auto v = in.value<uint32_t>();
-            return sd_bus_message_append_basic(m, type, &v);
-        }
-        case 'x': {
-            auto v = in.value<int64_t>();
-            return sd_bus_message_append_basic(m, type, &v);
-        }
-        case 't': {
-            auto v = in.value<uint64_t>();
-            return sd_bus_message_append_basic(m, type, &v);
-        }
-        case 'd': {
-            auto v = in.value<double>();
-            return sd_bus_message_append_basic(m, type, &v);
-        }
+        case 'y':
+            return appendFixed<uint8_t>(m, type, in.byte());
+        case 'b':
+            return appendFixed<int>(m, type, in.byte() & 1);
         case 'o': {
             const std::string path = "/" + std::to_string(in.byte());
             return sd_bus_message_append_basic(m, type, path.c_str());

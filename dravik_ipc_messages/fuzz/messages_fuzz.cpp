@@ -41,30 +41,29 @@ std::string wordOrText(Bytes& in) {
 const char* const kExtraKeys[] = {"other"};
 constexpr size_t kKeyCount = std::size(test::kMessageKeys) + std::size(kExtraKeys);
 
+// A number of type T from the next sizeof(T) bytes.
+template <typename T>
+Variant number(Bytes& in) {
+    return Variant(in.value<T>());
+}
+
+// makeValue's picks from kFirstNumber on: each numeric type a Variant holds.
+constexpr unsigned kFirstNumber = 2;
+Variant (*const kNumbers[])(Bytes&) = {
+    &number<signed char>,    &number<unsigned char>, &number<short>,
+    &number<unsigned short>, &number<int>,           &number<unsigned int>,
+    &number<long>,           &number<unsigned long>, &number<double>};
+
 Variant makeValue(Bytes& in, int depth) {
-    switch (in.byte() % (depth > 0 ? 17 : 15)) {
+    const unsigned pick = in.byte() % (depth > 0 ? 17 : 15);
+    if (pick >= kFirstNumber && pick - kFirstNumber < std::size(kNumbers)) {
+        return kNumbers[pick - kFirstNumber](in);
+    }
+    switch (pick) {
         case 0:
             return Variant();
         case 1:
             return Variant((in.byte() & 1) != 0);
-        case 2:
-            return Variant(in.value<signed char>());
-        case 3:
-            return Variant(in.value<unsigned char>());
-        case 4:
-            return Variant(in.value<short>());
-        case 5:
-            return Variant(in.value<unsigned short>());
-        case 6:
-            return Variant(in.value<int>());
-        case 7:
-            return Variant(in.value<unsigned int>());
-        case 8:
-            return Variant(in.value<long>());
-        case 9:
-            return Variant(in.value<unsigned long>());
-        case 10:
-            return Variant(in.value<double>());
         case 11: {
             timeval tv{};
             tv.tv_sec = in.value<int32_t>();
@@ -137,91 +136,74 @@ Message normalised(const Variant& original) {
     return message;
 }
 
-void checkEnvelope(const Variant& message, const Variant& original) {
-    DRAVIK_BASE_MESSAGE_FIELDS(DRAVIK_FUZZ_CHECK_FIELD)
-}
+// Each class's fields with those of the classes it extends, checked in this
+// order.
+#define DRAVIK_FUZZ_ENVELOPE_FIELDS(FIELD) DRAVIK_BASE_MESSAGE_FIELDS(FIELD)
+#define DRAVIK_FUZZ_REQUEST_FIELDS(FIELD)     \
+    DRAVIK_BASE_REQUEST_MESSAGE_FIELDS(FIELD) \
+    DRAVIK_FUZZ_ENVELOPE_FIELDS(FIELD)
+#define DRAVIK_FUZZ_RESPONSE_FIELDS(FIELD)     \
+    DRAVIK_BASE_RESPONSE_MESSAGE_FIELDS(FIELD) \
+    DRAVIK_FUZZ_ENVELOPE_FIELDS(FIELD)
+#define DRAVIK_FUZZ_SETTINGS_FIELDS(FIELD)     \
+    DRAVIK_LCM_GUI_BASE_SETTINGS_FIELDS(FIELD) \
+    DRAVIK_FUZZ_REQUEST_FIELDS(FIELD)
+#define DRAVIK_FUZZ_SHOW_GUI_FIELDS(FIELD) \
+    DRAVIK_SHOW_GUI_FIELDS(FIELD)          \
+    DRAVIK_FUZZ_SETTINGS_FIELDS(FIELD)
+#define DRAVIK_FUZZ_TEXT_RECORD_FIELDS(FIELD)          \
+    DRAVIK_LCM_GUI_TEXT_SETTINGS_ELEMENT_FIELDS(FIELD) \
+    DRAVIK_LCM_GUI_BASE_POS_SETTINGS_FIELDS(FIELD)
+#define DRAVIK_FUZZ_IMG_RECORD_FIELDS(FIELD)          \
+    DRAVIK_LCM_GUI_IMG_SETTINGS_ELEMENT_FIELDS(FIELD) \
+    DRAVIK_LCM_GUI_BASE_POS_SETTINGS_FIELDS(FIELD)
 
-void checkRequest(const Variant& message, const Variant& original) {
-    DRAVIK_BASE_REQUEST_MESSAGE_FIELDS(DRAVIK_FUZZ_CHECK_FIELD)
-    checkEnvelope(message, original);
-}
-
-void checkSettings(const Variant& message, const Variant& original) {
-    DRAVIK_LCM_GUI_BASE_SETTINGS_FIELDS(DRAVIK_FUZZ_CHECK_FIELD)
-    checkRequest(message, original);
-}
-
-void checkPosition(const Variant& message, const Variant& original) {
-    DRAVIK_LCM_GUI_BASE_POS_SETTINGS_FIELDS(DRAVIK_FUZZ_CHECK_FIELD)
-}
+// `original` normalised as a Class, each field in CHECKED checked, then each
+// field in READ read through its getter.
+#define DRAVIK_FUZZ_MESSAGE(Class, CHECKED, READ)    \
+    do {                                             \
+        Class message = normalised<Class>(original); \
+        CHECKED(DRAVIK_FUZZ_CHECK_FIELD)             \
+        READ(DRAVIK_FUZZ_CALL_GETTER)                \
+    } while (false)
 
 void fuzzEnvelopes(const Variant& original) {
-    {
-        BaseMessage message = normalised<BaseMessage>(original);
-        checkEnvelope(message, original);
-        DRAVIK_BASE_MESSAGE_FIELDS(DRAVIK_FUZZ_CALL_GETTER)
-    }
-    {
-        BaseRequestMessage message = normalised<BaseRequestMessage>(original);
-        checkRequest(message, original);
-        DRAVIK_BASE_REQUEST_MESSAGE_FIELDS(DRAVIK_FUZZ_CALL_GETTER)
-    }
-    {
-        BaseResponseMessage message = normalised<BaseResponseMessage>(original);
-        DRAVIK_BASE_RESPONSE_MESSAGE_FIELDS(DRAVIK_FUZZ_CHECK_FIELD)
-        checkEnvelope(message, original);
-        DRAVIK_BASE_RESPONSE_MESSAGE_FIELDS(DRAVIK_FUZZ_CALL_GETTER)
-    }
+    DRAVIK_FUZZ_MESSAGE(BaseMessage, DRAVIK_FUZZ_ENVELOPE_FIELDS, DRAVIK_BASE_MESSAGE_FIELDS);
+    DRAVIK_FUZZ_MESSAGE(BaseRequestMessage, DRAVIK_FUZZ_REQUEST_FIELDS,
+                        DRAVIK_BASE_REQUEST_MESSAGE_FIELDS);
+    DRAVIK_FUZZ_MESSAGE(BaseResponseMessage, DRAVIK_FUZZ_RESPONSE_FIELDS,
+                        DRAVIK_BASE_RESPONSE_MESSAGE_FIELDS);
+}
+
+void checkTextRecord(const Variant& message, const Variant& original) {
+    DRAVIK_FUZZ_TEXT_RECORD_FIELDS(DRAVIK_FUZZ_CHECK_FIELD)
+}
+
+void checkImgRecord(const Variant& message, const Variant& original) {
+    DRAVIK_FUZZ_IMG_RECORD_FIELDS(DRAVIK_FUZZ_CHECK_FIELD)
 }
 
 void fuzzDisplayRequests(const Variant& original) {
-    {
-        LcmGuiBaseSettings message = normalised<LcmGuiBaseSettings>(original);
-        checkSettings(message, original);
-        DRAVIK_LCM_GUI_BASE_SETTINGS_FIELDS(DRAVIK_FUZZ_CALL_GETTER)
-    }
-    {
-        ShowGui message = normalised<ShowGui>(original);
-        DRAVIK_SHOW_GUI_FIELDS(DRAVIK_FUZZ_CHECK_FIELD)
-        checkSettings(message, original);
-        DRAVIK_SHOW_GUI_FIELDS(DRAVIK_FUZZ_CALL_GETTER)
-    }
-    {
-        // Its records are repaired by their getters, as the show command reads them.
-        ShowSimpleScreen message = normalised<ShowSimpleScreen>(original);
-        checkSettings(message, original);
-        LcmGuiTextSettingsElementRef text = message.text();
-        LcmGuiImgSettingsElementRef img = message.img();
-        (void)text.NormalizeFields();
-        (void)img.NormalizeFields();
-        DRAVIK_SHOW_SIMPLE_SCREEN_FIELDS(DRAVIK_FUZZ_CHECK_FIELD) {
-            const Variant& message = text.value();
-            DRAVIK_LCM_GUI_TEXT_SETTINGS_ELEMENT_FIELDS(DRAVIK_FUZZ_CHECK_FIELD)
-            checkPosition(message, original);
-        }
-        {
-            const Variant& message = img.value();
-            DRAVIK_LCM_GUI_IMG_SETTINGS_ELEMENT_FIELDS(DRAVIK_FUZZ_CHECK_FIELD)
-            checkPosition(message, original);
-        }
-    }
+    DRAVIK_FUZZ_MESSAGE(LcmGuiBaseSettings, DRAVIK_FUZZ_SETTINGS_FIELDS,
+                        DRAVIK_LCM_GUI_BASE_SETTINGS_FIELDS);
+    DRAVIK_FUZZ_MESSAGE(ShowGui, DRAVIK_FUZZ_SHOW_GUI_FIELDS, DRAVIK_SHOW_GUI_FIELDS);
+    // Its records are repaired by their getters, as the show command reads them.
+    ShowSimpleScreen message = normalised<ShowSimpleScreen>(original);
+    DRAVIK_FUZZ_SETTINGS_FIELDS(DRAVIK_FUZZ_CHECK_FIELD)
+    LcmGuiTextSettingsElementRef text = message.text();
+    LcmGuiImgSettingsElementRef img = message.img();
+    (void)text.NormalizeFields();
+    (void)img.NormalizeFields();
+    DRAVIK_SHOW_SIMPLE_SCREEN_FIELDS(DRAVIK_FUZZ_CHECK_FIELD)
+    checkTextRecord(text.value(), original);
+    checkImgRecord(img.value(), original);
 }
 
 void fuzzRecords(const Variant& original) {
-    {
-        LcmGuiTextSettingsElement message = normalised<LcmGuiTextSettingsElement>(original);
-        DRAVIK_LCM_GUI_TEXT_SETTINGS_ELEMENT_FIELDS(DRAVIK_FUZZ_CHECK_FIELD)
-        checkPosition(message, original);
-        DRAVIK_LCM_GUI_TEXT_SETTINGS_ELEMENT_FIELDS(DRAVIK_FUZZ_CALL_GETTER)
-        DRAVIK_LCM_GUI_BASE_POS_SETTINGS_FIELDS(DRAVIK_FUZZ_CALL_GETTER)
-    }
-    {
-        LcmGuiImgSettingsElement message = normalised<LcmGuiImgSettingsElement>(original);
-        DRAVIK_LCM_GUI_IMG_SETTINGS_ELEMENT_FIELDS(DRAVIK_FUZZ_CHECK_FIELD)
-        checkPosition(message, original);
-        DRAVIK_LCM_GUI_IMG_SETTINGS_ELEMENT_FIELDS(DRAVIK_FUZZ_CALL_GETTER)
-        DRAVIK_LCM_GUI_BASE_POS_SETTINGS_FIELDS(DRAVIK_FUZZ_CALL_GETTER)
-    }
+    DRAVIK_FUZZ_MESSAGE(LcmGuiTextSettingsElement, DRAVIK_FUZZ_TEXT_RECORD_FIELDS,
+                        DRAVIK_FUZZ_TEXT_RECORD_FIELDS);
+    DRAVIK_FUZZ_MESSAGE(LcmGuiImgSettingsElement, DRAVIK_FUZZ_IMG_RECORD_FIELDS,
+                        DRAVIK_FUZZ_IMG_RECORD_FIELDS);
 }
 
 // Getters alone repair what they read, without NormalizeFields first.

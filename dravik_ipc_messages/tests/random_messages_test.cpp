@@ -72,6 +72,11 @@ public:
     }
 
 private:
+    template <typename T>
+    static Variant As(int64_t edge) {
+        return Variant(static_cast<T>(edge));
+    }
+
     Variant Integer() {
         static const int64_t kEdges[] = {0,
                                          1,
@@ -103,26 +108,16 @@ private:
                                          std::numeric_limits<int64_t>::max(),
                                          std::numeric_limits<int64_t>::min()};
         const int64_t edge = kEdges[Below(std::size(kEdges))];
-        switch (Below(9)) {
-            case 0:
-                return Variant(static_cast<signed char>(edge));
-            case 1:
-                return Variant(static_cast<unsigned char>(edge));
-            case 2:
-                return Variant(static_cast<short>(edge));
-            case 3:
-                return Variant(static_cast<unsigned short>(edge));
-            case 4:
-                return Variant(static_cast<int>(edge));
-            case 5:
-                return Variant(static_cast<unsigned int>(edge));
-            case 6:
-                return Variant(static_cast<long>(edge));
-            case 7:
-                return Variant(static_cast<unsigned long>(edge));
-            default:
-                return Variant(std::numeric_limits<unsigned long>::max() - Below(3));
+        // The edge in each integer type a caller may pass, or near the top of
+        // the widest one.
+        static Variant (*const kAs[])(int64_t) = {
+            &As<signed char>, &As<unsigned char>, &As<short>, &As<unsigned short>,
+            &As<int>,         &As<unsigned int>,  &As<long>,  &As<unsigned long>};
+        const size_t pick = Below(std::size(kAs) + 1);
+        if (pick < std::size(kAs)) {
+            return kAs[pick](edge);
         }
+        return Variant(std::numeric_limits<unsigned long>::max() - Below(3));
     }
 
     Variant Double() {
