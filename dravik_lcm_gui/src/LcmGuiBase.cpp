@@ -48,7 +48,7 @@ constexpr FixedLayout kFixedLayouts[] = {
 
 constexpr bool everyFixedLayoutIsUsual() {
     for (const auto& layout : kFixedLayouts) {
-        if (panel::layoutForDepth(layout.depth) == nullptr) {
+        if (!panel::hasUsualLayout(layout.depth)) {
             return false;
         }
     }

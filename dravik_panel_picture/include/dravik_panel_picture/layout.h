@@ -33,6 +33,18 @@ inline constexpr DepthLayout kDepthLayouts[] = {
     {32, {16, 8}, {8, 8}, {0, 8}, false},
 };
 
+// Whether `bpp` bits per pixel have a usual layout. Compares numbers only, so
+// that it stays a constant expression in every build (a sanitised build does
+// not fold a comparison of pointers into the table).
+constexpr bool hasUsualLayout(uint32_t bpp) {
+    for (const DepthLayout& layout : kDepthLayouts) {
+        if (layout.bpp == bpp) {
+            return true;
+        }
+    }
+    return false;
+}
+
 // The usual layout of `bpp` bits per pixel; nullptr for a depth without one.
 constexpr const DepthLayout* layoutForDepth(uint32_t bpp) {
     for (const DepthLayout& layout : kDepthLayouts) {
