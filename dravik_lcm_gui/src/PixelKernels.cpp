@@ -195,17 +195,16 @@ DRAVIK_PIXEL_KERNEL void toXrgb8888Turned(const uint8_t* src, ptrdiff_t srcStep,
         for (unsigned j = 0; j < fullCols; j += 4, to += 4 * dstStep) {
             // The load may take sixteen bytes while they stay within the line.
             const bool wholeLoad = 3 * size_t{j} + 16 <= 3 * size_t{cols};
-            U32x4 rows4[4];
+            const U32x4 rows4[4] = {xrgbOf4(line + 3 * j, wholeLoad),
+                                    xrgbOf4(line + srcStep + 3 * j, wholeLoad),
+                                    xrgbOf4(line + 2 * srcStep + 3 * j, wholeLoad),
+                                    xrgbOf4(line + 3 * srcStep + 3 * j, wholeLoad)};
             U32x4 columns[4];
-#pragma GCC unroll 8
-            for (int k = 0; k < 4; ++k) {
-                rows4[k] = xrgbOf4(line + k * srcStep + 3 * j, wholeLoad);
-            }
             tiles::transpose(rows4, columns);
-#pragma GCC unroll 8
-            for (int k = 0; k < 4; ++k) {
-                storeWords(to + k * dstStep, columns[k]);
-            }
+            storeWords(to, columns[0]);
+            storeWords(to + dstStep, columns[1]);
+            storeWords(to + 2 * dstStep, columns[2]);
+            storeWords(to + 3 * dstStep, columns[3]);
         }
     }
     const auto onePixel = [&](unsigned i, unsigned j) {
